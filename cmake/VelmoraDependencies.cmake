@@ -1,0 +1,16 @@
+# velmora_dependencies: what the library itself is linked with, on each platform.
+add_library(velmora_dependencies INTERFACE)
+find_package(Threads REQUIRED)
+target_link_libraries(velmora_dependencies INTERFACE Threads::Threads)
+target_compile_definitions(velmora_dependencies INTERFACE RAPIDJSON_HAS_STDSTRING=1)
+
+if(WIN32)
+    include(VelmoraWindowsDependencies)
+else()
+    find_package(Boost 1.74 REQUIRED COMPONENTS filesystem)
+    find_path(RAPIDJSON_INCLUDE_DIR rapidjson/document.h REQUIRED)
+    find_package(ZLIB REQUIRED)
+    find_package(OpenSSL 3.0 REQUIRED COMPONENTS Crypto)
+    target_link_libraries(velmora_dependencies INTERFACE Boost::filesystem ZLIB::ZLIB OpenSSL::Crypto)
+    target_include_directories(velmora_dependencies SYSTEM INTERFACE ${RAPIDJSON_INCLUDE_DIR})
+endif()
