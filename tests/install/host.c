@@ -3,7 +3,7 @@
 #include <string.h>
 #include <velmora/velmora.h>
 #ifdef WITH_HTTPSTACK
-#include <velmora/httpstack.h>
+#    include <velmora/httpstack.h>
 #endif
 
 static const char kGuid[] = "3f2c9d5e-8f7a-4f0b-9f53-0d7f8f1f2a11";
