@@ -1,0 +1,39 @@
+// The two private pools on which all background work of the library runs. The library owns no other thread.
+//
+// An exception that leaves a task ends the process: callers wrap what they hand over.
+#pragma once
+
+#include <chrono>
+
+#include "core/types/uniquefunction.h"
+
+namespace velmora::platform {
+
+// A pool of worker threads for one-shot tasks.
+class Pool {
+public:
+    virtual ~Pool() = default;
+
+    // Runs the task once, as soon as a thread is free. Never waits for one: a task that blocks can't keep others from
+    // running. Throws std::bad_alloc if the system refuses the work.
+    virtual void run(Task task) = 0;
+};
+
+// One-shot timers on threads of their own, so that long tasks of the pool never hold up a timer.
+class Timer {
+public:
+    virtual ~Timer() = default;
+
+    // Runs the task once, at the wall-clock time `delay` from now; a delay of 0 or below means at once. Bodies run
+    // directly on the timer's threads, concurrently with everything. A timer can't be taken back. Throws
+    // std::bad_alloc.
+    virtual void runAfter(std::chrono::milliseconds delay, Task task) = 0;
+};
+
+// The process's pool and timer, created at the first call. They end at process exit, or when the library is unloaded:
+// the pool's end runs what has been handed over and waits for it; timers not yet due are dropped. Whoever needs them in
+// its own destructor at exit has to have called both before its construction ended.
+Pool& defaultPool();
+Timer& defaultTimer();
+
+}  // namespace velmora::platform

@@ -1,0 +1,70 @@
+#include "core/types/types.h"
+
+#include <algorithm>
+#include <array>
+#include <string_view>
+
+#include "core/types/log.h"
+
+namespace velmora {
+namespace {
+
+char toUpper(char c) { return c >= 'a' && c <= 'z' ? static_cast<char>(c - 'a' + 'A') : c; }
+
+bool equalsIgnoringCase(std::string_view a, std::string_view b) {
+    return std::equal(a.begin(), a.end(), b.begin(), b.end(), [](char x, char y) { return toUpper(x) == toUpper(y); });
+}
+
+// The position in the table is the enumeration's value.
+template <typename Enum, size_t N>
+Enum fromString(const std::array<std::string_view, N>& names, const std::string& text, Enum fallback, const char* what,
+                const char* fallbackName) {
+    for (size_t i = 0; i < N; ++i) {
+        if (equalsIgnoringCase(names[i], text)) return static_cast<Enum>(i);
+    }
+    VELMORA_LOG(warn, "types") << "unknown " << what << ": " << text << " defaulting to " << fallbackName;
+    return fallback;
+}
+
+template <typename Enum, size_t N>
+std::string toString(const std::array<std::string_view, N>& names, Enum value, std::string_view unknown) {
+    const auto index = static_cast<int64_t>(value);
+    return std::string(index >= 0 && index < static_cast<int64_t>(N) ? names[static_cast<size_t>(index)] : unknown);
+}
+
+constexpr std::array<std::string_view, 2> kEnvironments{"prod", "stage"};
+constexpr std::array<std::string_view, 7> kLogLevels{"off", "always", "error", "warn", "info", "debug", "trace"};
+constexpr std::array<std::string_view, 2> kSourceTypes{"host", "component"};
+constexpr std::array<std::string_view, 3> kConsents{"default", "true", "false"};
+// "UNKNOWN" is reached by the fallback alone, with its warning.
+constexpr std::array<std::string_view, 4> kSourceCategories{"DESKTOP", "MOBILE", "WEB", "SERVICE"};
+
+}  // namespace
+
+Environment environmentFromString(const std::string& text) {
+    return fromString(kEnvironments, text, Environment::stage, "environment", "stage");
+}
+
+LogLevel logLevelFromString(const std::string& text) {
+    return fromString(kLogLevels, text, LogLevel::error, "loglevel", "error");
+}
+
+SourceType sourceTypeFromString(const std::string& text) {
+    return fromString(kSourceTypes, text, SourceType::component, "source type", "component");
+}
+
+SourceCategory sourceCategoryFromString(const std::string& text) {
+    return fromString(kSourceCategories, text, SourceCategory::unknown, "source category", "UNKNOWN");
+}
+
+Consent consentFromString(const std::string& text) {
+    return fromString(kConsents, text, Consent::byDefault, "consent", "default");
+}
+
+std::string environmentToString(Environment value) { return toString(kEnvironments, value, "unknown"); }
+
+std::string logLevelToString(LogLevel value) { return toString(kLogLevels, value, "unknown"); }
+
+std::string sourceCategoryToString(SourceCategory value) { return toString(kSourceCategories, value, "UNKNOWN"); }
+
+}  // namespace velmora
