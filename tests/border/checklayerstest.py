@@ -9,7 +9,9 @@ import tempfile
 GOOD = {
     "include/velmora/export.h": "#pragma once\n#if defined(_WIN32)\n#endif\n",
     "core/platform/pool.h": "#pragma once\n#include <cstdint>\n",
-    "core/platform/linux/pool.cpp": '#include "core/platform/pool.h"\n#include <unistd.h>\n',
+    "core/platform/linux/pool.cpp":
+        '#include "core/platform/pool.h"\n#include <unistd.h>\n#include "core/utils/mutex.h"\n',
+    "core/utils/mutex.h": "#pragma once\n",
     "core/utils/task.h": '#pragma once\n#include "core/platform/pool.h"\n#include "velmora/export.h"\n',
     "core/utils/task.cpp": '#include "core/utils/task.h"\n',
     "ingest/session/session.h": '#pragma once\n#include "core/utils/task.h"\n',
