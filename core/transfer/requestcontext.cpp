@@ -14,7 +14,8 @@ RequestContext::RequestContext(std::shared_ptr<TransferRequest> transfer, std::s
 void RequestContext::waitForCompletion() {
     VELMORA_LOG_SCOPE(info, "http", "wait for response");
     const MutexLock lock(finishedMutex_);
-    finishedCondition_.wait(finishedMutex_, [this] { return state_ == State::finished; });
+    finishedCondition_.wait(finishedMutex_,
+                            [this]() VELMORA_REQUIRES(finishedMutex_) { return state_ == State::finished; });
 }
 
 void RequestContext::stop() noexcept {
@@ -27,7 +28,8 @@ void RequestContext::stop() noexcept {
         VELMORA_LOG_SCOPE(info, "http", "stop request context");
         if (isConcludedHere()) return;
         const MutexLock lock(finishedMutex_);
-        finishedCondition_.wait(finishedMutex_, [this] { return state_ != State::performing; });
+        finishedCondition_.wait(finishedMutex_,
+                                [this]() VELMORA_REQUIRES(finishedMutex_) { return state_ != State::performing; });
         state_ = State::finished;
         finishedCondition_.notifyAll();
     });

@@ -58,9 +58,9 @@ TransferEngineImpl::~TransferEngineImpl() {
     } else {
         VELMORA_LOG(warn, "transfer") << "http delete session callback not set";
     }
-    for (const auto& [id, context] : contexts_) {
-        removeHostContext(context->token);
-        exceptionSafeWrapper([&] { context->responder->onCancellation(); });
+    for (const auto& entry : contexts_) {
+        removeHostContext(entry.second->token);
+        exceptionSafeWrapper([&] { entry.second->responder->onCancellation(); });
     }
 }
 
