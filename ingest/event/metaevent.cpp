@@ -21,7 +21,7 @@ std::string makeStartOrEnd(SourceType sourceType, const std::string& subtype, co
     std::string json;
     EventWriter writer(&json);
     classify(writer, "Lifecycle", subcategoryOf(sourceType), "success", subtype)
-        .set(key::kEntityConfig, {{"guid", configGuid}});
+        .set(key::kEntityConfig, EventWriter::Pairs{{"guid", configGuid}});
     writeDebugCounts(writer.json(), counters.name(), counters.snapshot());
     writer.finish();
     return json;
