@@ -119,6 +119,7 @@ size_t CurlExchange::onHeader(char* line, size_t size, size_t count, void* self)
 void CurlExchange::takeHeaderLine(std::string_view line) {
     if (headReported_) return;  // a trailer
     if (line.substr(0, 5) == "HTTP/") return beginResponse(trimmed(line));
+    if (trimmed(line).empty()) headComplete_ = true;
     const size_t colon = line.find(':');
     if (colon == std::string_view::npos) return;
     responseHeaders_.emplace_back(trimmed(line.substr(0, colon)), trimmed(line.substr(colon + 1)));
@@ -126,6 +127,7 @@ void CurlExchange::takeHeaderLine(std::string_view line) {
 
 void CurlExchange::beginResponse(std::string_view statusLine) {
     responseHeaders_.clear();
+    headComplete_ = false;
     const size_t protocolEnd = statusLine.find(' ');
     protocol_ = statusLine.substr(0, protocolEnd);
     const size_t reason = protocolEnd == std::string_view::npos ? protocolEnd : statusLine.find(' ', protocolEnd + 1);
@@ -150,7 +152,10 @@ bool CurlExchange::reportHead() {
            exchange_->reportHeaders(responseHeaders_);
 }
 
-bool CurlExchange::reportWhatIsLeft() { return reportHead(); }
+CURLcode CurlExchange::reportEnd() {
+    if (!headComplete_) return CURLE_PARTIAL_FILE;
+    return reportHead() ? CURLE_OK : CURLE_WRITE_ERROR;
+}
 
 std::string CurlExchange::message(CURLcode code) const {
     if (code == CURLE_OK) return "";

@@ -30,8 +30,9 @@ public:
     [[nodiscard]] uint32_t id() const { return exchange_->id(); }
     [[nodiscard]] const Exchange& exchange() const { return *exchange_; }
 
-    // Reports status and headers of a response that had no body. False if the library fails.
-    [[nodiscard]] bool reportWhatIsLeft();
+    // Ends a transfer that libcurl calls good: reports status and headers of a response that had no body. A response
+    // that broke off in its headers, which libcurl lets pass, gives an error, and so does a failure of the library.
+    [[nodiscard]] CURLcode reportEnd();
 
     // What went wrong, for the host's log; empty for CURLE_OK.
     [[nodiscard]] std::string message(CURLcode code) const;
@@ -69,6 +70,7 @@ private:
     uint64_t requestLength_ = 0;
     uint64_t requestOffset_ = 0;
     uint64_t responseOffset_ = 0;
+    bool headComplete_ = false;
     bool headReported_ = false;
     std::string protocol_;
     std::string reason_;

@@ -38,15 +38,8 @@ private:
 };
 
 int32_t resultOf(CURLcode code) {
-    switch (code) {
-        case CURLE_OK:
-            return VELMORA_HTTP_OK;
-        case CURLE_URL_MALFORMAT:
-        case CURLE_UNSUPPORTED_PROTOCOL:
-            return VELMORA_HTTP_NON_RETRIABLE;
-        default:
-            return VELMORA_HTTP_RETRIABLE;
-    }
+    if (code == CURLE_OK) return VELMORA_HTTP_OK;
+    return code == CURLE_URL_MALFORMAT ? VELMORA_HTTP_NON_RETRIABLE : VELMORA_HTTP_RETRIABLE;
 }
 
 }  // namespace
@@ -149,7 +142,7 @@ void CurlTransport::end(uint32_t id, CURLcode code) {
     const std::unique_ptr<CurlExchange> done = std::move(found->second);
     running_.erase(found);
     curl_multi_remove_handle(multi_, done->easy());
-    if (code == CURLE_OK && !done->reportWhatIsLeft()) code = CURLE_WRITE_ERROR;
+    if (code == CURLE_OK) code = done->reportEnd();
     table_.finish(done->exchange(), resultOf(code), done->message(code));
 }
 

@@ -33,7 +33,7 @@ int32_t FakeExchange::send(int32_t verb, const std::string& url) {
 
 int32_t FakeExchange::cancel() const { return cancelRequest.load()(session, requestId); }
 
-bool FakeExchange::waitForEnd(std::chrono::milliseconds limit) {
+bool FakeExchange::waitForEnd(std::chrono::microseconds limit) {
     std::unique_lock lock(mutex);
     return changed.wait_for(lock, limit, [this] { return completions > 0; });
 }

@@ -25,7 +25,7 @@ public:
     int32_t cancel() const;
 
     // True if the completion came within the limit.
-    bool waitForEnd(std::chrono::milliseconds limit = std::chrono::seconds(20));
+    bool waitForEnd(std::chrono::microseconds limit = std::chrono::seconds(20));
 
     std::vector<std::pair<std::string, std::string>> requestHeaders;
     std::string requestBody;

@@ -48,6 +48,7 @@ ScriptedAnswer answerByPath(const ReceivedRequest& request) {
     if (path == "/to-file") return {httpAnswer("302 Found", "", "Location: file:///etc/hostname\r\n")};
     if (path == "/silent-close") return {""};
     if (path == "/half-head") return {"HTTP/1.1 200 OK\r\ncontent-le"};
+    if (path == "/only-interim") return {"HTTP/1.1 103 Early Hints\r\nx-a: 1\r\n\r\n"};
     if (path == "/half-body") return {"HTTP/1.1 200 OK\r\ncontent-length: 100\r\n\r\nhello"};
     if (path == "/half-chunk") return {"HTTP/1.1 200 OK\r\ntransfer-encoding: chunked\r\n\r\nff\r\nhello"};
     if (path == "/junk") return {"220 mail ready\r\n"};
@@ -76,12 +77,13 @@ TEST(HttpStack, EveryServerGivesItsResponseOrARetriableError) {
         {"/loop", VELMORA_HTTP_RETRIABLE, 0, ""},
         {"/silent-close", VELMORA_HTTP_RETRIABLE, 0, ""},
         {"/half-head", VELMORA_HTTP_RETRIABLE, 0, ""},
+        {"/only-interim", VELMORA_HTTP_RETRIABLE, 0, ""},
         {"/half-body", VELMORA_HTTP_RETRIABLE, 200, "hello"},
         {"/half-chunk", VELMORA_HTTP_RETRIABLE, 200, "hello"},
         {"/junk", VELMORA_HTTP_RETRIABLE, 0, ""},
         {"/hang", VELMORA_HTTP_RETRIABLE, 0, ""},
         {"/hang-in-body", VELMORA_HTTP_RETRIABLE, 200, "hello"},
-        {"/to-file", VELMORA_HTTP_NON_RETRIABLE, 0, ""},
+        {"/to-file", VELMORA_HTTP_RETRIABLE, 0, ""},
     };
     std::deque<FakeExchange> exchanges;
     for (const auto& row : rows) {
@@ -197,17 +199,11 @@ TEST(HttpStack, CancelsThatRaceWithTheEndAreDecidedOnce) {
     for (int i = 0; i < 200; ++i) {
         FakeExchange exchange;
         ASSERT_EQ(exchange.send(VELMORA_HTTP_GET, server.url("/ok")), VELMORA_HTTP_OK);
-        if (i % 4 != 0)
-            exchange.waitForEnd(std::chrono::microseconds(i % 50 * 20) >= std::chrono::milliseconds(1)
-                                    ? std::chrono::milliseconds(1)
-                                    : std::chrono::milliseconds(0));
+        exchange.waitForEnd(std::chrono::microseconds(i * 10));
         const int32_t answer = exchange.cancel();
         ASSERT_TRUE(exchange.waitForEnd());
         accepted += answer == VELMORA_HTTP_OK ? 1 : 0;
         EXPECT_EQ(exchange.result == VELMORA_HTTP_CANCELLED, answer == VELMORA_HTTP_OK);
-        velmora_httpstack_options options;
-        velmora_httpstack_defaults(&options);
-        EXPECT_EQ(velmora_httpstack_install(&options), VELMORA_ERROR_PRECONDITION_FAILED);
         EXPECT_EQ(exchange.misuse, "");
     }
     EXPECT_GT(accepted, 0);
@@ -246,12 +242,12 @@ TEST(HttpStack, ThreadsSendAtTheSameTimeAndNoneWaitsForAnother) {
 
 TEST(HttpStack, UninstallCompletesWhatIsUnderWayAndCanBeUndone) {
     ScriptedServer server(answerByPath);
-    std::deque<FakeExchange> exchanges(10);
     for (int round = 0; round < 2; ++round) {
         std::deque<FakeExchange> hanging(5);
         {
             const InstalledStack stack;
             EXPECT_TRUE(hasCallbacks());
+            EXPECT_EQ(velmora_httpstack_install(nullptr), VELMORA_ERROR_PRECONDITION_FAILED);
             for (FakeExchange& exchange : hanging) exchange.send(VELMORA_HTTP_GET, server.url("/hang"));
         }
         EXPECT_FALSE(hasCallbacks());
@@ -284,7 +280,8 @@ TEST(HttpStack, RoutesABaseUrlAndNothingElse) {
         ASSERT_TRUE(exchange.waitForEnd());
         if (row.arrives != nullptr) ++arrived;
         ASSERT_EQ(server.received().size(), arrived);
-        if (row.arrives != nullptr) EXPECT_EQ(server.received().back().path, row.arrives);
+        if (row.arrives == nullptr) continue;
+        EXPECT_EQ(server.received().back().path, row.arrives);
     }
 }
 
