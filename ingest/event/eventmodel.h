@@ -1,0 +1,46 @@
+// The vocabulary by which the system speaks of events: their kinds of line, and what happens to them.
+//
+// An event itself is JSON text in a string at every stage; there is no event class.
+#pragma once
+
+#include <cstdint>
+#include <string>
+
+namespace velmora {
+
+inline constexpr char kSdkVersion[] = "1.36.0+20230314";
+
+// The lines of an instance. The numbers stand in debug records and decide the order of everything that walks the lines.
+enum class PipelineKind : int32_t { meta = 0, auth_invalid = 1, auth = 2, anon_invalid = 3, anon = 4 };
+inline constexpr int kPipelineKinds = 5;
+
+namespace debug {
+
+enum class Item : int32_t { event = 0, http = 1 };
+enum class Action : int32_t { saved = 0, rejected = 1, discarded = 2, sent = 3, request = 4 };
+enum class Reason : int32_t {
+    success = 0,
+    error = 1,
+    validation = 2,
+    opt_out = 3,
+    decryption = 4,
+    filesize = 5,
+    payloadsize = 6
+};
+
+inline constexpr int kItems = 2;
+inline constexpr int kActions = 5;
+inline constexpr int kReasons = 7;
+
+}  // namespace debug
+
+// Numbers outside an enumeration print as "unknown".
+[[nodiscard]] std::string pipelineKindToString(PipelineKind kind);
+[[nodiscard]] std::string itemToString(debug::Item item);
+[[nodiscard]] std::string actionToString(debug::Action action);
+[[nodiscard]] std::string reasonToString(debug::Reason reason);
+
+// The folder of a line's store inside an instance folder: "meta_events", "auth_invalid_events" and so on.
+[[nodiscard]] std::string storeFolderName(PipelineKind kind);
+
+}  // namespace velmora

@@ -1,0 +1,49 @@
+#include "service/config/ingestconfigprovider.h"
+
+#include "core/types/exceptions.h"
+#include "core/types/log.h"
+#include "core/utils/durations.h"
+
+namespace velmora {
+
+IngestConfigProvider::IngestConfigProvider(std::string configGuid, Fetch fetch, std::function<void()> onUpdate)
+    : configGuid_(std::move(configGuid)), fetch_(std::move(fetch)), onUpdate_(std::move(onUpdate)) {
+    refresh();
+}
+
+IngestConfigProvider::~IngestConfigProvider() {
+    exceptionSafeWrapper([this] {
+        VELMORA_LOG_AT(info, "configprovider", "velmora::IngestConfigProvider::~IngestConfigProvider")
+            << "In ~IngestConfigProvider";
+        engine_.stop();
+    });
+}
+
+void IngestConfigProvider::start() {
+    engine_.stop();
+    engine_.start();
+    scheduleNextUpdate();
+}
+
+void IngestConfigProvider::stop() { engine_.stop(); }
+
+void IngestConfigProvider::refresh() { updateConfig(fetch_(configGuid_)); }
+
+void IngestConfigProvider::updateConfig(Config config) {
+    VELMORA_LOG(trace, "configprovider") << "Update config for configGuid=" << configGuid_;
+    const MutexLock lock(mutex_);
+    config_ = std::move(config);
+}
+
+void IngestConfigProvider::scheduleNextUpdate() {
+    const uint64_t ttl = read([](const Config& config) { return config.configTtl; });
+    VELMORA_LOG(trace, "configprovider") << "Schedule update for configGuid=" << configGuid_ << " after " << ttl
+                                         << " ms";
+    engine_.schedule(toMilliseconds(ttl), Task([this] {
+                         refresh();
+                         if (onUpdate_) onUpdate_();
+                         scheduleNextUpdate();
+                     }));
+}
+
+}  // namespace velmora

@@ -1,0 +1,50 @@
+// The live configuration of one instance, refreshed from its source at the interval that it itself names. A value that
+// the host sets reaches a running instance through this refresh, and only through it.
+#pragma once
+
+#include <functional>
+#include <string>
+#include <utility>
+
+#include "core/utils/mutex.h"
+#include "core/utils/taskengine.h"
+#include "service/config/ingestconfig.h"
+
+namespace velmora {
+
+// Threads: any. The source and the update callback run on the caller of the constructor or on a timer thread, without
+// the provider's mutex.
+class IngestConfigProvider {
+public:
+    using Config = service::config::ingest::Config;
+    using Fetch = std::function<Config(const std::string& configGuid)>;
+
+    // Fetches at once; the timer is not started.
+    IngestConfigProvider(std::string configGuid, Fetch fetch, std::function<void()> onUpdate);
+    ~IngestConfigProvider();
+
+    // Begins the timed refreshes; a pending one is dropped.
+    void start();
+    void stop();
+    void refresh();
+    void updateConfig(Config config) VELMORA_EXCLUDES(mutex_);
+    void scheduleNextUpdate();
+
+    // Reads from the live record under the mutex: provider.read([](const auto& config) { return config.batchSize; }).
+    // The reader must not call out.
+    template <typename Reader>
+    auto read(Reader reader) const VELMORA_EXCLUDES(mutex_) {
+        const MutexLock lock(mutex_);
+        return reader(config_);
+    }
+
+private:
+    mutable Mutex mutex_;
+    const std::string configGuid_;
+    Config config_ VELMORA_GUARDED_BY(mutex_);
+    const Fetch fetch_;
+    const std::function<void()> onUpdate_;
+    TaskEngine engine_;
+};
+
+}  // namespace velmora
