@@ -1,6 +1,6 @@
 # velmora_test(NAME SOURCES... [LIBRARIES ...]): one GoogleTest program over the library's insides, each of its cases
 # a ctest of its own and so a process of its own: global state never leaks from one case into the next.
-find_package(GTest REQUIRED)
+include(VelmoraGoogleTest)
 include(GoogleTest)
 
 function(velmora_test name)

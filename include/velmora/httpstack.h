@@ -21,9 +21,9 @@ extern "C" {
 #endif
 
 #if defined(VELMORA_HTTPSTACK_SHARED)
-#  define VELMORA_HTTPSTACK_API VELMORA_API
+#    define VELMORA_HTTPSTACK_API VELMORA_API
 #else
-#  define VELMORA_HTTPSTACK_API
+#    define VELMORA_HTTPSTACK_API
 #endif
 
 /* Sends requests whose URL begins with `from` to `to` instead, the rest of the URL kept. The first that fits counts.
@@ -35,13 +35,13 @@ typedef struct velmora_httpstack_route {
 
 /* All strings are zero-terminated UTF-8 and are copied by velmora_httpstack_install. */
 typedef struct velmora_httpstack_options {
-    uint32_t size;               /* sizeof(velmora_httpstack_options); set by velmora_httpstack_defaults */
-    uint32_t connectTimeoutMs;   /* 10000 */
-    uint32_t totalTimeoutMs;     /* 60000, from the start of the exchange to its end; 0 for no limit */
-    uint32_t maxRedirects;       /* 5 */
-    const char* proxy;           /* URL of a proxy; null: as the system or the environment says; "": none */
-    const char* caBundle;        /* file of trusted certificates in PEM form; null: the system's */
-    const char* userAgent;       /* null for "velmora-httpstack" */
+    uint32_t size;             /* sizeof(velmora_httpstack_options); set by velmora_httpstack_defaults */
+    uint32_t connectTimeoutMs; /* 10000 */
+    uint32_t totalTimeoutMs;   /* 60000, from the start of the exchange to its end; 0 for no limit */
+    uint32_t maxRedirects;     /* 5 */
+    const char* proxy;         /* URL of a proxy; null: as the system or the environment says; "": none */
+    const char* caBundle;      /* file of trusted certificates in PEM form; null: the system's */
+    const char* userAgent;     /* null for "velmora-httpstack" */
     const velmora_httpstack_route* routes;
     uint32_t routeCount;
 } velmora_httpstack_options;

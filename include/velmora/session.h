@@ -57,11 +57,11 @@ enum velmora_config_key {
     VELMORA_CONFIG_IDENTITY_PROD_TTL = 14,
     VELMORA_CONFIG_PROJECT = 15,
     VELMORA_CONFIG_API_KEY = 16,
-    VELMORA_CONFIG_ENVIRONMENT = 17,     /* prod or stage */
-    VELMORA_CONFIG_SOURCE_TYPE = 18,     /* host or component */
-    VELMORA_CONFIG_SOURCE_CATEGORY = 19, /* DESKTOP, MOBILE, WEB, SERVICE or UNKNOWN */
-    VELMORA_CONFIG_CONSENT = 20,         /* default, true or false */
-    VELMORA_CONFIG_VALIDATION_FLAG = 21, /* true or false */
+    VELMORA_CONFIG_ENVIRONMENT = 17,      /* prod or stage */
+    VELMORA_CONFIG_SOURCE_TYPE = 18,      /* host or component */
+    VELMORA_CONFIG_SOURCE_CATEGORY = 19,  /* DESKTOP, MOBILE, WEB, SERVICE or UNKNOWN */
+    VELMORA_CONFIG_CONSENT = 20,          /* default, true or false */
+    VELMORA_CONFIG_VALIDATION_FLAG = 21,  /* true or false */
     VELMORA_CONFIG_VALIDATION_RULES = 22, /* JSON object; adds rules, never replaces one */
     VELMORA_CONFIG_STANDARD_KEY_PREFIXES = 23,
     VELMORA_CONFIG_BATCH_SIZE = 24,
@@ -101,8 +101,7 @@ VELMORA_API int32_t velmora_iaasToIngestSDM(const char* configGuid, const char* 
 
 /* Converts a CSV file of legacy events into a CSV file that shows, per event, which rules matched and what came out.
  * Errors: 4 a null path or a file that can't be opened, 10, 11, 12. */
-VELMORA_API int32_t velmora_iaasBatchToIngestSDM(const char* configGuid, const char* inCsvPath,
-                                                 const char* outCsvPath);
+VELMORA_API int32_t velmora_iaasBatchToIngestSDM(const char* configGuid, const char* inCsvPath, const char* outCsvPath);
 
 /* Hands out the tracking service's last answer as a new string, to be given back to velmora_release. Error: 4 null. */
 VELMORA_API int32_t velmora_getSELBYData(char** pSelbyJson);

@@ -13,28 +13,28 @@ extern "C" {
 /* Result of every function that returns int32_t, and of every completion callback. */
 enum velmora_result {
     VELMORA_OK = 0,
-    VELMORA_ERROR_UNKNOWN = 1,                     /* a failure that has no code of its own; the log tells more */
-    VELMORA_ERROR_INVALID_JSON = 2,                /* a text that has to be a JSON object is not */
-    VELMORA_ERROR_INVALID_EVENT_FORMAT = 3,        /* an event attribute violates a validation rule */
-    VELMORA_ERROR_INVALID_ARGUMENT = 4,            /* a null, empty or out-of-range argument */
-    VELMORA_ERROR_OSWIN_UNAUTHORIZED = 5,          /* the identity service refused the access token */
+    VELMORA_ERROR_UNKNOWN = 1,              /* a failure that has no code of its own; the log tells more */
+    VELMORA_ERROR_INVALID_JSON = 2,         /* a text that has to be a JSON object is not */
+    VELMORA_ERROR_INVALID_EVENT_FORMAT = 3, /* an event attribute violates a validation rule */
+    VELMORA_ERROR_INVALID_ARGUMENT = 4,     /* a null, empty or out-of-range argument */
+    VELMORA_ERROR_OSWIN_UNAUTHORIZED = 5,   /* the identity service refused the access token */
     VELMORA_ERROR_DISK_FULL = 6,
-    VELMORA_ERROR_HTTP_CALLBACK_NOT_SET = 7,       /* a callback of http.h is missing */
+    VELMORA_ERROR_HTTP_CALLBACK_NOT_SET = 7, /* a callback of http.h is missing */
     VELMORA_ERROR_HTTP_SESSION_CREATION_FAILED = 8,
     VELMORA_ERROR_HTTP_SESSION_REQUEST_FAILED = 9,
     VELMORA_ERROR_IAAS_FILE_NOT_FOUND_OR_NOT_READABLE = 10,
     VELMORA_ERROR_IAAS_FILE_EMPTY = 11,
     VELMORA_ERROR_IAAS_FILE_INVALID_FORMAT = 12,
-    VELMORA_ERROR_IAAS_NO_RULE_MATCHED = 13,       /* converted nothing; the output string is delivered all the same */
-    VELMORA_ERROR_INGEST_INSTANCE_NOT_FOUND = 14,  /* the handle is not, or no longer, that of a live instance */
-    VELMORA_ERROR_EVENT_TOO_BIG = 15,              /* larger than one queue file can hold */
-    VELMORA_ERROR_CACHE_LOCK_ERROR = 16,           /* no folder for the instance could be locked */
+    VELMORA_ERROR_IAAS_NO_RULE_MATCHED = 13,      /* converted nothing; the output string is delivered all the same */
+    VELMORA_ERROR_INGEST_INSTANCE_NOT_FOUND = 14, /* the handle is not, or no longer, that of a live instance */
+    VELMORA_ERROR_EVENT_TOO_BIG = 15,             /* larger than one queue file can hold */
+    VELMORA_ERROR_CACHE_LOCK_ERROR = 16,          /* no folder for the instance could be locked */
     VELMORA_ERROR_TIMEOUT = 17,
-    VELMORA_ERROR_PRECONDITION_FAILED = 18,        /* a flush while sending is off or a retry waits */
-    VELMORA_ERROR_OSWIN_ERROR = 19,                /* the identity service failed for good */
-    VELMORA_ERROR_SELBY_BAD_REQUEST = 20,          /* the tracking service refused the request */
-    VELMORA_ERROR_SELBY_ERROR = 21,                /* the tracking service failed for good */
-    VELMORA_ERROR_OPT_OUT = 22                     /* the user does not want this event to be collected */
+    VELMORA_ERROR_PRECONDITION_FAILED = 18, /* a flush while sending is off or a retry waits */
+    VELMORA_ERROR_OSWIN_ERROR = 19,         /* the identity service failed for good */
+    VELMORA_ERROR_SELBY_BAD_REQUEST = 20,   /* the tracking service refused the request */
+    VELMORA_ERROR_SELBY_ERROR = 21,         /* the tracking service failed for good */
+    VELMORA_ERROR_OPT_OUT = 22              /* the user does not want this event to be collected */
 };
 
 /* Deployment that an instance talks to. */

@@ -1,0 +1,172 @@
+/* A host in pure C that loads the library by hand, delivers events through an HTTP stack of its own, stops, unloads and
+ * loads again. Its argument is the library's path. Exit code 0 means that all went as it should. */
+#include <stdio.h>
+#include <string.h>
+#include <velmora/velmora.h>
+
+#ifdef _WIN32
+#    include <windows.h>
+typedef HMODULE library_handle;
+static library_handle openLibrary(const char* path) { return LoadLibraryA(path); }
+static void* findFunction(library_handle library, const char* name) {
+    FARPROC function = GetProcAddress(library, name);
+    void* pointer = NULL;
+    memcpy(&pointer, &function, sizeof pointer);
+    return pointer;
+}
+static int closeLibrary(library_handle library) { return FreeLibrary(library) != 0; }
+static void waitAMoment(void) { Sleep(20); }
+#else
+#    include <dlfcn.h>
+#    include <time.h>
+typedef void* library_handle;
+static library_handle openLibrary(const char* path) { return dlopen(path, RTLD_NOW | RTLD_LOCAL); }
+static void* findFunction(library_handle library, const char* name) { return dlsym(library, name); }
+static int closeLibrary(library_handle library) { return dlclose(library) == 0; }
+static void waitAMoment(void) {
+    const struct timespec moment = {0, 20000000};
+    nanosleep(&moment, NULL);
+}
+#endif
+
+#define FUNCTIONS(X)                         \
+    X(velmora_http_setNewSessionCallback)    \
+    X(velmora_http_setDeleteSessionCallback) \
+    X(velmora_http_setSendRequestCallback)   \
+    X(velmora_http_setCancelRequestCallback) \
+    X(velmora_http_onRequestHeaders)         \
+    X(velmora_http_onRequestBodyLength)      \
+    X(velmora_http_onRequestBody)            \
+    X(velmora_http_onResponseStatus)         \
+    X(velmora_http_onResponseBody)           \
+    X(velmora_http_onCompletion)             \
+    X(velmora_init)                          \
+    X(velmora_exit)                          \
+    X(velmora_online)                        \
+    X(velmora_setLogCallback)                \
+    X(velmora_setIngestConfig)               \
+    X(velmora_ingest_start)                  \
+    X(velmora_ingest_stop)                   \
+    X(velmora_ingest_submitAnonEvent)        \
+    X(velmora_ingest_flush)
+
+/* Pointers of the types that the headers declare: a call that does not fit its declaration does not compile. */
+#define DECLARE_POINTER(name) __typeof__(name)* name;
+static struct { FUNCTIONS(DECLARE_POINTER) } lib;
+
+static int hostSession;
+static volatile int compressedBodies;
+
+#define CHECK(condition)                                            \
+    do {                                                            \
+        if (!(condition)) {                                         \
+            fprintf(stderr, "line %d: %s\n", __LINE__, #condition); \
+            return 1;                                               \
+        }                                                           \
+    } while (0)
+
+static void dropLine(int32_t level, const char* channel, const char* line) {
+    (void)level;
+    (void)channel;
+    (void)line;
+}
+
+static void* newSession(void) { return &hostSession; }
+static void deleteSession(void* session) { (void)session; }
+static int32_t cancelRequest(void* session, uint32_t requestId) {
+    (void)session;
+    (void)requestId;
+    return VELMORA_HTTP_CANCEL_IGNORED;
+}
+
+static int isCompressed(void* session, void* context) {
+    static velmora_http_header headers[64];
+    uint32_t count = 0, i;
+    lib.velmora_http_onRequestHeaders(session, headers, 64, &count, context);
+    for (i = 0; i < count; ++i)
+        if (strcmp(headers[i].value, "gzip") == 0) return 1;
+    return 0;
+}
+
+static uint64_t readBody(void* session, void* context) {
+    static char chunk[512];
+    uint64_t offset = 0, written = 0;
+    do {
+        lib.velmora_http_onRequestBody(session, offset, chunk, &written, sizeof chunk, context);
+        offset += written;
+    } while (written > 0);
+    return offset;
+}
+
+/* The whole exchange within the send callback, which the interface allows. */
+static int32_t sendRequest(void* session, int32_t verb, const char* url, int32_t version, void* context,
+                           uint32_t* requestId) {
+    static const char answer[] = "{}";
+    uint64_t length = 0;
+    (void)url;
+    (void)version;
+    *requestId = 1;
+    lib.velmora_http_onRequestBodyLength(session, &length, context);
+    if (verb == VELMORA_HTTP_POST && isCompressed(session, context) && length > 0 &&
+        readBody(session, context) == length)
+        ++compressedBodies;
+    lib.velmora_http_onResponseStatus(session, "HTTP/1.1", 200, "OK", context);
+    lib.velmora_http_onResponseBody(session, 0, answer, sizeof answer - 1, context);
+    lib.velmora_http_onCompletion(session, VELMORA_HTTP_OK, "", context);
+    return 0;
+}
+
+static int loadFunctions(library_handle library) {
+    void* found;
+#define LOAD_POINTER(name)                \
+    found = findFunction(library, #name); \
+    CHECK(found != NULL);                 \
+    memcpy(&lib.name, &found, sizeof found);
+    FUNCTIONS(LOAD_POINTER)
+    return 0;
+}
+
+static int deliver(void) {
+    static const char guid[] = "5b1d6c52-6f0e-4b5e-9d0f-7f4f6f6a0c01";
+    velmora_ingest_instance ingest = NULL;
+    int32_t flushed = VELMORA_ERROR_PRECONDITION_FAILED;
+    int i;
+
+    CHECK(lib.velmora_setLogCallback(dropLine) == VELMORA_OK);
+    lib.velmora_http_setNewSessionCallback(newSession);
+    lib.velmora_http_setDeleteSessionCallback(deleteSession);
+    lib.velmora_http_setSendRequestCallback(sendRequest);
+    lib.velmora_http_setCancelRequestCallback(cancelRequest);
+    CHECK(lib.velmora_init() == VELMORA_OK);
+    CHECK(lib.velmora_setIngestConfig(guid, VELMORA_ENVIRONMENT_STAGE, "project", "key", VELMORA_SOURCE_HOST,
+                                      VELMORA_CATEGORY_DESKTOP, VELMORA_CONSENT_DEFAULT) == VELMORA_OK);
+    CHECK(lib.velmora_online() == VELMORA_OK);
+    CHECK(lib.velmora_ingest_start(guid, NULL, NULL, &ingest) == VELMORA_OK);
+    for (i = 0; i < 3; ++i)
+        CHECK(lib.velmora_ingest_submitAnonEvent(ingest, "{\"event.workflow\":\"Border\",\"event.type\":\"success\"}",
+                                                 1) == VELMORA_OK);
+    /* Sending is off until the network's state is known. */
+    for (i = 0; i < 1000 && flushed == VELMORA_ERROR_PRECONDITION_FAILED; ++i) {
+        flushed = lib.velmora_ingest_flush(ingest, NULL, NULL);
+        if (flushed != VELMORA_OK) waitAMoment();
+    }
+    CHECK(flushed == VELMORA_OK);
+    CHECK(compressedBodies > 0);
+    CHECK(lib.velmora_ingest_stop(ingest) == VELMORA_OK);
+    CHECK(lib.velmora_ingest_stop(ingest) == VELMORA_ERROR_INGEST_INSTANCE_NOT_FOUND);
+    CHECK(lib.velmora_exit() == VELMORA_OK);
+    return 0;
+}
+
+int main(int argc, char** argv) {
+    int round;
+    CHECK(argc == 2);
+    for (round = 0; round < 2; ++round) {
+        library_handle library = openLibrary(argv[1]);
+        CHECK(library != NULL);
+        compressedBodies = 0;
+        if (loadFunctions(library) != 0 || deliver() != 0) return 1;
+        CHECK(closeLibrary(library));
+    }
+    return 0;
+}
