@@ -209,4 +209,12 @@ EventStats EventDb::stats() {
     return stats;
 }
 
+std::unordered_map<std::string, int64_t> EventDb::arrivals() {
+    const std::lock_guard lock(mutex_);
+    Statement rows(db_.get(), "SELECT guid, COUNT(*) FROM events WHERE guid <> '' GROUP BY guid");
+    std::unordered_map<std::string, int64_t> counts;
+    while (rows.step()) counts.emplace(rows.text(0), rows.number(1));
+    return counts;
+}
+
 }  // namespace velmora::tool

@@ -7,6 +7,7 @@
 #include <mutex>
 #include <optional>
 #include <string>
+#include <unordered_map>
 #include <utility>
 #include <vector>
 
@@ -54,6 +55,9 @@ public:
     // ignores limit and offset.
     [[nodiscard]] std::string eventsAsJson(const EventQuery& query);
     [[nodiscard]] EventStats stats();
+
+    // How often each event.guid has arrived; events without one are left out.
+    [[nodiscard]] std::unordered_map<std::string, int64_t> arrivals();
 
 private:
     void insertBatchLocked(const std::vector<ReceivedEvent>& events);
