@@ -28,7 +28,7 @@ public:
 
 private:
     uint32_t attempt_ = 0;
-    uint32_t maxRetries_;
+    [[maybe_unused]] uint32_t maxRetries_;
     std::chrono::milliseconds defaultDelay_;
     std::set<std::error_code> retriable_;
     RetryCallback retry_;

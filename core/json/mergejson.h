@@ -14,7 +14,8 @@ namespace velmora {
 // as it is, without reformatting. Never fails: `data` ends up valid.
 void mergeJSON(std::string& data, const std::string& extra);
 
-// The rule itself, on parsed values; both have to be objects. Copies go to the allocator.
+// The rule itself, on parsed values; both have to be objects. Copies go to the allocator; only strings that `extra`
+// merely refers to (StringRef) stay where they are.
 void mergeObjects(rapidjson::Value& data, const rapidjson::Value& extra, rapidjson::Document::AllocatorType& allocator);
 
 // The string members of an object; other members are dropped. Throws `invalid_json`, or a "json_error" code.

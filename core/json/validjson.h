@@ -1,6 +1,8 @@
 // The one question about JSON that the entry points ask before anything else.
 #pragma once
 
+#include <rapidjson/error/error.h>
+
 #include <string>
 
 namespace velmora {
@@ -11,5 +13,8 @@ namespace velmora {
 
 // The same with any root.
 [[nodiscard]] bool validJSONValue(const std::string& text);
+
+// The line of a no.
+void logInvalidJson(const std::string& text, const rapidjson::ParseResult& result);
 
 }  // namespace velmora

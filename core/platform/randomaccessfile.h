@@ -31,6 +31,13 @@ using RandomAccessFileOpener =
 
 [[nodiscard]] std::unique_ptr<RandomAccessFile> openRandomAccessFile(const boost::filesystem::path& path, bool create);
 
+// Puts another function behind openRandomAccessFile, for example one whose files fail on purpose; an empty one brings
+// the system's files back. Only while no other thread opens files.
+void setRandomAccessFileOpener(RandomAccessFileOpener opener);
+
+// The system's own file, whatever opener is installed.
+[[nodiscard]] std::unique_ptr<RandomAccessFile> openSystemFile(const boost::filesystem::path& path, bool create);
+
 // The same for reading only: never creates, and every write fails.
 [[nodiscard]] std::unique_ptr<RandomAccessFile> openReadOnlyFile(const boost::filesystem::path& path);
 

@@ -6,30 +6,59 @@
 namespace velmora {
 namespace {
 
-constexpr int kUnknown = static_cast<int>(VelmoraError::unknown);
+// A code that tells of a failure; an exception that carries "no error" is a failure all the same.
+std::error_code failureOf(const std::system_error& e) {
+    return e.code() ? e.code() : std::error_code(VelmoraError::unknown);
+}
 
-int logCurrentException(const char* function) {
+std::error_code logCurrentException(const char* channel, const char* function) {
+    const LogSite site{channel, function, __FILE__, __LINE__};
+    const auto log = [&site](const std::string& text) {
+        if (logs(LogLevel::error)) {
+            LogStatement(LogLevel::error, site.channel, site.function, site.file, site.line).stream() << text;
+        }
+    };
     try {
         throw;
     } catch (const std::system_error& e) {
-        VELMORA_LOG_AT(error, "utils", function) << "exception " << e.what() << " " << toString(e.code());
-        return e.code().category() == velmoraCategory() ? e.code().value() : kUnknown;
+        log(std::string("exception ") + e.what() + " " + toString(e.code()));
+        return failureOf(e);
     } catch (const std::exception& e) {
-        VELMORA_LOG_AT(error, "utils", function) << "exception " << e.what();
+        log(std::string("exception ") + e.what());
     } catch (...) {
-        VELMORA_LOG_AT(error, "utils", function) << "unknown exception";
+        log("unknown exception");
     }
-    return kUnknown;
+    return VelmoraError::unknown;
+}
+
+std::error_code codeOfCurrentException() noexcept {
+    try {
+        throw;
+    } catch (const std::system_error& e) {
+        return failureOf(e);
+    } catch (...) {
+        return VelmoraError::unknown;
+    }
 }
 
 }  // namespace
 
-int reportCurrentException(const char* function) noexcept {
+std::error_code currentExceptionToErrorCode(const char* channel, const char* function) noexcept {
     try {
-        return logCurrentException(function);
+        return logCurrentException(channel, function);
     } catch (...) {
-        return kUnknown;  // not even the log line could be built
+        // The line could not be built, for lack of memory perhaps; what failed is told all the same.
     }
+    return codeOfCurrentException();
+}
+
+int toVelmoraError(const std::error_code& code) noexcept {
+    if (!code) return 0;
+    return code.category() == velmoraCategory() ? code.value() : static_cast<int>(VelmoraError::unknown);
+}
+
+int reportCurrentException(const char* function) noexcept {
+    return toVelmoraError(currentExceptionToErrorCode("utils", function));
 }
 
 }  // namespace velmora

@@ -53,6 +53,10 @@ struct Config {
     // and a validation rule whose key is there already is dropped. A bad document is logged on channel "config"; what
     // was assigned before the fault stays. Throws nothing.
     Config& overwriteWith(const std::string& json);
+
+private:
+    struct Empty {};
+    explicit Config(Empty) {}
 };
 
 }  // namespace velmora::service::config::ingest

@@ -40,6 +40,10 @@ struct Config {
     // list. A bad document is logged on channel "session.config"; what was assigned before the fault stays. Throws
     // nothing.
     Config& overwriteWith(const std::string& json);
+
+private:
+    struct Empty {};
+    explicit Config(Empty) {}
 };
 
 // The wait before a retry: what the response asks for or the interval of this attempt, whichever is longer. The last

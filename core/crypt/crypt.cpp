@@ -1,0 +1,85 @@
+#include "core/crypt/crypt.h"
+
+#include "core/platform/cipher.h"
+#include "core/types/log.h"
+
+namespace velmora {
+namespace {
+
+using platform::CipherResult;
+using platform::CipherStep;
+
+constexpr platform::InitialisationVector kInitialisationVector{0x5A, 0xC3, 0x17, 0x88, 0x2E, 0x90, 0xB4, 0x61,
+                                                               0xF7, 0x0D, 0x3C, 0xA9, 0x46, 0xE2, 0x7B, 0x1F};
+
+const char* operationOf(CipherStep step) {
+    switch (step) {
+        case CipherStep::none:
+        case CipherStep::allocateMemory:
+        case CipherStep::checkBlockLength:
+            break;
+        case CipherStep::openProvider:
+            return "BCryptOpenAlgorithmProvider";
+        case CipherStep::getProperty:
+            return "BCryptGetProperty";
+        case CipherStep::setProperty:
+            return "BCryptSetProperty";
+        case CipherStep::generateKey:
+            return "BCryptGenerateSymmetricKey";
+        case CipherStep::encrypt:
+            return "BCryptEncrypt";
+        case CipherStep::decrypt:
+            return "BCryptDecrypt";
+        case CipherStep::destroyKey:
+            return "BCryptDestroyKey";
+        case CipherStep::createHash:
+            return "BCryptCreateHash";
+        case CipherStep::hashData:
+            return "BCryptHashData";
+        case CipherStep::finishHash:
+            return "BCryptFinishHash";
+    }
+    return "";
+}
+
+void logFailure(const CipherResult& result, const char* function) {
+    if (result.failedStep == CipherStep::allocateMemory) {
+        VELMORA_LOGF_AT(error, "crypt", function, "**** memory allocation failed");
+    } else if (result.failedStep == CipherStep::checkBlockLength) {
+        VELMORA_LOGF_AT(error, "crypt", function, "**** block length is longer than the provided IV length");
+    } else {
+        VELMORA_LOGF_AT(error, "crypt", function, "**** Error 0x%x returned by %s", result.code,
+                        operationOf(result.failedStep));
+    }
+}
+
+// Whether it worked.
+bool check(const CipherResult& result, const char* function) {
+    // A key object that could not be freed spoils nothing that has been computed.
+    const bool usable = result.failedStep == CipherStep::none || result.failedStep == CipherStep::destroyKey;
+    if (result.failedStep != CipherStep::none) logFailure(result, function);
+    return usable;
+}
+
+void hash(std::string& value) {
+    std::string digest;
+    if (check(platform::hashSha256(value, digest), __PRETTY_FUNCTION__)) value = std::move(digest);
+}
+
+}  // namespace
+
+Crypt::Crypt(const std::string& passphrase) : key_(passphrase) { hash(key_); }
+
+std::string Crypt::encrypt(const std::string& plain) const {
+    std::string cipher;
+    if (!check(platform::encryptAesCbc(key_, kInitialisationVector, plain, cipher), __PRETTY_FUNCTION__)) return {};
+    return cipher;
+}
+
+std::string Crypt::decrypt(const std::string& cipher) const {
+    std::string plain;
+    if (!check(platform::decryptAesCbc(key_, kInitialisationVector, cipher, plain), __PRETTY_FUNCTION__)) return {};
+    return plain;
+}
+
+}  // namespace velmora

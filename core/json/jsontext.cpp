@@ -1,0 +1,64 @@
+#include "core/json/jsontext.h"
+
+#include <rapidjson/prettywriter.h>
+#include <rapidjson/stringbuffer.h>
+#include <rapidjson/writer.h>
+
+#include "core/json/parsetext.h"
+#include "core/json/validjson.h"
+
+namespace velmora {
+namespace {
+
+constexpr size_t kUsualTextSize = 4096;
+
+template <typename Writer>
+std::string write(const rapidjson::Value& value, rapidjson::StringBuffer& buffer, Writer& writer) {
+    value.Accept(writer);
+    return {buffer.GetString(), buffer.GetSize()};
+}
+
+}  // namespace
+
+rapidjson::ParseResult parseValue(rapidjson::Document& document, const std::string& text) {
+    rapidjson::ParseResult result;
+    const auto generator = [&](rapidjson::Document& target) {
+        NestingLimit<rapidjson::Document> limited(target, kMaxNesting);
+        result = readText(text, limited);
+        return !result.IsError();
+    };
+    document.SetNull();
+    document.Populate(generator);
+    return result;
+}
+
+bool parseObject(rapidjson::Document& document, const std::string& text) {
+    const rapidjson::ParseResult result = parseValue(document, text);
+    if (!result.IsError() && document.IsObject()) return true;
+    logInvalidJson(text, result);
+    return false;
+}
+
+std::string toText(const rapidjson::Value& value) {
+    return value.IsString() ? std::string(value.GetString(), value.GetStringLength()) : serialize(value);
+}
+
+std::string serialize(const rapidjson::Value& value) {
+    rapidjson::StringBuffer buffer(nullptr, kUsualTextSize);
+    rapidjson::Writer<rapidjson::StringBuffer> writer(buffer);
+    return write(value, buffer, writer);
+}
+
+std::string serializePretty(const rapidjson::Value& value) {
+    rapidjson::StringBuffer buffer(nullptr, kUsualTextSize);
+    rapidjson::PrettyWriter<rapidjson::StringBuffer> writer(buffer);
+    writer.SetIndent(' ', 4);
+    return write(value, buffer, writer);
+}
+
+std::string prettyPrint(const std::string& json) {
+    rapidjson::Document document;
+    return parseValue(document, json).IsError() ? json : serializePretty(document);
+}
+
+}  // namespace velmora

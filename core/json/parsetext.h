@@ -1,0 +1,83 @@
+// How this folder feeds text to RapidJSON's reader.
+#pragma once
+
+#include <rapidjson/reader.h>
+
+#include <array>
+#include <cstring>
+#include <memory>
+#include <string>
+#include <string_view>
+
+namespace velmora {
+
+// A copy of a text with zeros behind it: the reader's vector instructions look at whole blocks of 16 bytes.
+class PaddedText {
+public:
+    explicit PaddedText(std::string_view text) {
+        const size_t size = text.size() + kPadding;
+        char* const copy = size <= small_.size() ? small_.data() : (large_ = std::make_unique<char[]>(size)).get();
+        std::memcpy(copy, text.data(), text.size());
+        std::memset(copy + text.size(), 0, kPadding);
+        text_ = copy;
+    }
+    PaddedText(const PaddedText&) = delete;
+    PaddedText& operator=(const PaddedText&) = delete;
+
+    [[nodiscard]] const char* data() const { return text_; }
+
+private:
+    static constexpr size_t kPadding = 32;
+
+    alignas(16) std::array<char, 4096> small_;
+    std::unique_ptr<char[]> large_;
+    const char* text_;
+};
+
+// Passes everything on to another handler, but ends the parse at a container below `limit` others.
+template <typename Handler>
+class NestingLimit {
+public:
+    using Ch = char;
+
+    NestingLimit(Handler& handler, int limit) : handler_(handler), left_(limit) {}
+
+    bool Null() { return handler_.Null(); }
+    bool Bool(bool value) { return handler_.Bool(value); }
+    bool Int(int value) { return handler_.Int(value); }
+    bool Uint(unsigned value) { return handler_.Uint(value); }
+    bool Int64(int64_t value) { return handler_.Int64(value); }
+    bool Uint64(uint64_t value) { return handler_.Uint64(value); }
+    bool Double(double value) { return handler_.Double(value); }
+    bool RawNumber(const char* text, rapidjson::SizeType length, bool copy) {
+        return handler_.RawNumber(text, length, copy);
+    }
+    bool String(const char* text, rapidjson::SizeType length, bool copy) { return handler_.String(text, length, copy); }
+    bool Key(const char* text, rapidjson::SizeType length, bool copy) { return handler_.Key(text, length, copy); }
+    bool StartObject() { return left_-- > 0 && handler_.StartObject(); }
+    bool StartArray() { return left_-- > 0 && handler_.StartArray(); }
+    bool EndObject(rapidjson::SizeType count) { return ++left_, handler_.EndObject(count); }
+    bool EndArray(rapidjson::SizeType count) { return ++left_, handler_.EndArray(count); }
+
+private:
+    Handler& handler_;
+    int left_;
+};
+
+constexpr std::string_view kByteOrderMark = "\xEF\xBB\xBF";
+
+// Without recursion, and with every digit of a number taken into account.
+constexpr unsigned kParseFlags = rapidjson::kParseIterativeFlag | rapidjson::kParseFullPrecisionFlag;
+
+// Runs the reader over a text, behind its byte order mark. Offsets in the result count from the start of the text.
+template <typename Handler>
+rapidjson::ParseResult readText(const std::string& text, Handler& handler) {
+    const PaddedText padded(text);
+    const size_t skipped = text.compare(0, kByteOrderMark.size(), kByteOrderMark) == 0 ? kByteOrderMark.size() : 0;
+    rapidjson::StringStream stream(padded.data() + skipped);
+    rapidjson::Reader reader;
+    const rapidjson::ParseResult result = reader.Parse<kParseFlags>(stream, handler);
+    return result.IsError() ? rapidjson::ParseResult(result.Code(), result.Offset() + skipped) : result;
+}
+
+}  // namespace velmora

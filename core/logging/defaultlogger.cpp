@@ -1,0 +1,124 @@
+#include "core/logging/defaultlogger.h"
+
+#include <boost/filesystem/exception.hpp>
+#include <map>
+#include <utility>
+
+#include "core/filesystem/filesystem.h"
+#include "core/types/exceptions.h"
+#include "core/utils/scopeexit.h"
+#include "core/utils/timestamps.h"
+
+namespace velmora {
+namespace {
+
+constexpr uint64_t kMillisecondsPerSecond = 1000;
+
+// What the logger's own file work logs has nowhere to go.
+thread_local bool writing = false;
+
+struct LogFile {
+    Path path;
+    uint64_t size = 0;
+    bool expired = false;
+};
+
+// Oldest first, then by name.
+using FilesByAge = std::map<std::pair<int64_t, std::string>, LogFile>;
+
+struct LogFolder {
+    FilesByAge files;
+    uint64_t size = 0;
+};
+
+void addFile(LogFolder& folder, const Path& path, const std::string& name, int64_t now, uint64_t retention) {
+    try {
+        const int64_t age = now - path.lastWriteTime();
+        const uint64_t size = path.fileSize();
+        const bool expired = age > 0 && static_cast<uint64_t>(age) > retention;
+        folder.files.emplace(std::pair(-age, name), LogFile{path, size, expired});
+        folder.size += size;
+    } catch (const boost::filesystem::filesystem_error&) {
+        // Another process of the same user keeps house here too, and a folder has no size: neither may end the round.
+    }
+}
+
+LogFolder readFolder(const Path& path, uint64_t retention) {
+    const int64_t now = currentSeconds();
+    LogFolder folder;
+    Filesystem::listDirectory(path, [&](const std::string& name) {
+        addFile(folder, path / name, name, now, retention);
+        return true;
+    });
+    return folder;
+}
+
+}  // namespace
+
+DefaultLogger::DefaultLogger(LogLevel level, RemovedCallback onRemoved)
+    : FormattedLogger(level),
+      onRemoved_(std::move(onRemoved)),
+      file_(Filesystem::getLogFolder(true), config_.baseName, config_.logFileRotationSize) {}
+
+DefaultLogger::~DefaultLogger() {
+    exceptionSafeWrapper([this] {
+        stopped_ = true;
+        engine_.stop();
+    });
+}
+
+void DefaultLogger::write(LogLevel, const char*, const std::string& line) {
+    if (writing) return;
+    writing = true;
+    const ScopeExit done([] { writing = false; });
+    bool rotated = false;
+    {
+        const MutexLock lock(mutex_);
+        rotated = file_.rotateIfNeeded();
+        file_.write(line);
+    }
+    if (rotated && !stopped_) scheduleHousekeeping();
+}
+
+void DefaultLogger::setConfig(const LogConfig& config) {
+    engine_.schedule([this, config] {
+        config_ = config;
+        const MutexLock lock(mutex_);
+        file_.setLimits(config.baseName, config.logFileRotationSize);
+    });
+    if (!stopped_) scheduleHousekeeping();
+}
+
+void DefaultLogger::start() {
+    stopped_ = false;
+    engine_.start();
+    scheduleHousekeeping();
+}
+
+void DefaultLogger::stop() {
+    stopped_ = true;
+    engine_.stop();
+}
+
+void DefaultLogger::scheduleHousekeeping() {
+    engine_.schedule([this] { doHousekeeping(); });
+}
+
+void DefaultLogger::doHousekeeping() {
+    const uint64_t retention = config_.logFileRetentionPeriod / kMillisecondsPerSecond;
+    const LogFolder folder = readFolder(Filesystem::getLogFolder(false), retention);
+    uint64_t size = folder.size;
+    uint64_t expired = 0;
+    uint64_t overflowed = 0;
+    for (const auto& [key, file] : folder.files) {
+        if (stopped_) break;
+        if (!file.expired && size <= config_.logFolderSize) break;
+        ++(file.expired ? expired : overflowed);
+        Filesystem::remove(file.path);
+        size -= file.size;
+    }
+    if (expired > 0) onRemoved_("Expire", expired, folder.size);
+    if (overflowed > 0) onRemoved_("Overflow", overflowed, folder.size);
+}
+
+}  // namespace velmora

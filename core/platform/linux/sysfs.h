@@ -1,0 +1,20 @@
+// Reads the small text files in which the kernel shows its facts.
+#pragma once
+
+#include <boost/filesystem/path.hpp>
+#include <cstdint>
+#include <string>
+#include <vector>
+
+namespace velmora::platform {
+
+// The first line without blanks around it; empty if there is no such file.
+[[nodiscard]] std::string readFirstLine(const boost::filesystem::path& path);
+
+// The children of a folder by name; none if there is no such folder.
+[[nodiscard]] std::vector<boost::filesystem::path> childrenOf(const boost::filesystem::path& folder);
+
+// A bit of a mask that is written as hexadecimal words, the highest first.
+[[nodiscard]] bool maskHasBit(const std::string& mask, size_t bit);
+
+}  // namespace velmora::platform

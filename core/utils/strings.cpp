@@ -1,0 +1,80 @@
+#include "core/utils/strings.h"
+
+#include <algorithm>
+#include <charconv>
+#include <string_view>
+
+#include "core/platform/guid.h"
+#include "core/platform/process.h"
+#include "core/types/log.h"
+
+namespace velmora {
+namespace {
+
+constexpr std::string_view kBlanks = " \t\n\v\f\r";
+constexpr std::string_view kHexDigits = "0123456789abcdef";
+
+char toLower(char c) { return c >= 'A' && c <= 'Z' ? static_cast<char>(c - 'A' + 'a') : c; }
+
+}  // namespace
+
+int stoi(const std::string& text) {
+    std::string_view number(text);
+    number.remove_prefix(std::min(number.find_first_not_of(kBlanks), number.size()));
+    // std::from_chars takes no plus sign, and a second sign is no number.
+    if (number.starts_with('+')) {
+        number.remove_prefix(1);
+        if (number.starts_with('-')) return -1;
+    }
+    int value = -1;
+    const auto result = std::from_chars(number.data(), number.data() + number.size(), value);
+    return result.ec == std::errc() ? value : -1;
+}
+
+std::vector<std::string> tokenize(const std::string& text, char delimiter, char escape) {
+    std::vector<std::string> tokens;
+    std::string token;
+    bool escaped = false;
+    for (const char c : text) {
+        if (escaped) {
+            escaped = false;
+            token += c;
+        } else if (c == escape) {
+            escaped = true;
+        } else if (c == delimiter) {
+            tokens.push_back(std::move(token));
+            token.clear();
+        } else {
+            token += c;
+        }
+    }
+    if (escaped) VELMORA_LOG(warn, "string.utils") << "Invalid terminal escape";
+    tokens.push_back(std::move(token));
+    return tokens;
+}
+
+std::string toLower(std::string text) {
+    for (char& c : text) c = toLower(c);
+    return text;
+}
+
+bool equalsIgnoringCase(const std::string& a, const std::string& b) {
+    return std::equal(a.begin(), a.end(), b.begin(), b.end(), [](char x, char y) { return toLower(x) == toLower(y); });
+}
+
+bool getEnvironmentVariable(const std::string& name, std::string& value) {
+    return platform::environmentVariable(name, value);
+}
+
+std::string makeGuid() {
+    std::string text;
+    text.reserve(36);
+    for (const uint8_t byte : platform::newGuid()) {
+        if (text.size() == 8 || text.size() == 13 || text.size() == 18 || text.size() == 23) text += '-';
+        text += kHexDigits[byte >> 4];
+        text += kHexDigits[byte & 0x0F];
+    }
+    return text;
+}
+
+}  // namespace velmora

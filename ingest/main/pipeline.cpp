@@ -1,0 +1,259 @@
+#include "ingest/main/pipeline.h"
+
+#include <algorithm>
+#include <utility>
+
+#include "core/json/jsontext.h"
+#include "core/json/validjson.h"
+#include "core/types/errors.h"
+#include "core/types/exceptions.h"
+#include "core/types/log.h"
+#include "core/utils/durations.h"
+#include "core/utils/scopeexit.h"
+#include "service/ingest/ingestrequest.h"
+
+namespace velmora {
+namespace {
+
+bool isAuthenticated(PipelineKind kind) { return kind == PipelineKind::auth_invalid || kind == PipelineKind::auth; }
+
+bool isInvalidLine(PipelineKind kind) {
+    return kind == PipelineKind::auth_invalid || kind == PipelineKind::anon_invalid;
+}
+
+bool carriesIdentity(PipelineKind kind) { return kind == PipelineKind::meta || kind == PipelineKind::auth; }
+
+}  // namespace
+
+QueueConfig Pipeline::queueConfig(const IngestConfigProvider& config, const std::string& name, PipelineKind kind) {
+    return config.read([&](const Config& c) {
+        return isInvalidLine(kind) ? QueueConfig{name, c.invalidEventFileRotationSize, c.invalidEventFolderSize,
+                                                 c.invalidEventFileRetentionPeriod}
+                                   : QueueConfig{name, c.eventFileRotationSize, c.eventFolderSize,
+                                                 c.eventFileRetentionPeriod};
+    });
+}
+
+Pipeline::Pipeline(SessionView& session, const IngestConfigProvider& config, const Path& folder, DropCallback onDrop,
+                   std::string name, PipelineKind kind)
+    : session_(session),
+      config_(config),
+      name_(std::move(name)),
+      folderName_(folder.parent().filename().string()),
+      crypt_(config.read([](const Config& c) { return c.encryptionPassphrase; })),
+      store_(makeQueue(folder, std::move(onDrop), queueConfig(config, name_, kind))),
+      kind_(kind) {
+    VELMORA_LOG(info, "pipeline") << "Open pipeline: num_events=" << store_->size() << " name=" << name_;
+}
+
+Pipeline::~Pipeline() {
+    exceptionSafeWrapper([this] {
+        changeState(PipelineState::SaveOnly);
+        stop();
+        transfer_.reset();
+        storeDirectPosts();
+        VELMORA_LOG_AT(info, "pipeline", "velmora::Pipeline::~Pipeline")
+            << "Close pipeline: num_events=" << store_->size() << " name=" << name_;
+    });
+}
+
+void Pipeline::changeState(PipelineState next) {
+    if (state_.exchange(next) == next) return;
+    VELMORA_LOG(info, "pipeline") << "Change state: name=" << name_ << " state=" << toString(next);
+    if (next == PipelineState::On) {
+        maybeStartBatch(true);
+        timer_.start();
+        armBatchTimer();
+        return;
+    }
+    timer_.stop();
+    inProcess_ = false;
+    if (next == PipelineState::Off && isAuthenticated(kind_)) discardAll();
+}
+
+void Pipeline::discardAll() {
+    VELMORA_LOG(warn, "pipeline") << "Discard all events: reason=optout name=" << name_;
+    schedule(Task([this] {
+        const uint64_t count = store_->size();
+        store_->remove();
+        report(debug::Item::event, debug::Action::discarded, debug::Reason::opt_out, count);
+    }));
+}
+
+void Pipeline::submitEvent(std::string event, bool batch) {
+    VELMORA_LOG(debug, "pipeline") << "Submit event: name=" << name_ << " batch=" << batch << " payload=" << event;
+    if (event.empty()) {
+        VELMORA_LOG(warn, "pipeline") << "Skip empty event: name=" << name_;
+        return;
+    }
+    const PipelineState state = state_;
+    if (state == PipelineState::Off) throw std::system_error(VelmoraError::opt_out, "pipeline is in off state");
+    if (!batch && state == PipelineState::On) return scheduleDirectPost(std::move(event));
+    storeEvent(event);
+    maybeStartBatch(true);
+}
+
+bool Pipeline::isEnciphered() const {
+    return !isInvalidLine(kind_) && config_.read([](const Config& c) { return c.encryptionEnabled; });
+}
+
+void Pipeline::storeEvent(const std::string& event) { push(isEnciphered() ? crypt_.encrypt(event) : event); }
+
+void Pipeline::push(const std::string& stored) {
+    VELMORA_LOG(debug, "pipeline") << "Push: name=" << name_;
+    store_->push(stored);
+}
+
+void Pipeline::maybeStartBatch(bool useBatchSize) {
+    const uint64_t threshold = useBatchSize ? config_.read([](const Config& c) { return c.batchSize; }) : 1;
+    const uint64_t stored = store_->size();
+    if (!inProcess_ && state_ == PipelineState::On && stored >= threshold && !inProcess_.exchange(true)) {
+        enqueueTask(Task([this] { doInitiateRequest(); }));
+    }
+    if (stored == 0 && emptyCallback_) emptyCallback_();
+}
+
+void Pipeline::armBatchTimer() {
+    const uint64_t interval = config_.read([](const Config& c) { return c.batchInterval; });
+    timer_.schedule(toMilliseconds(interval), Task([this] { onBatchTimeout(); }));
+}
+
+void Pipeline::onBatchTimeout() {
+    VELMORA_LOG(trace, "pipeline") << "onBatchTimeout";
+    const ScopeExit rearm([this] { exceptionSafeWrapper([this] { armBatchTimer(); }); });
+    maybeStartBatch(false);
+}
+
+void Pipeline::enqueueTask(Task step) {
+    schedule(Task([this, step = std::move(step)]() mutable {
+        if (bailOut()) return;
+        try {
+            step();
+        } catch (...) {
+            lastError_ = currentExceptionToErrorCode("pipeline", "velmora::Pipeline::enqueueTask");
+            const ScopeExit done([this] { inProcess_ = false; });
+            doHandleError();
+        }
+    }));
+}
+
+bool Pipeline::bailOut() {
+    if (state_ == PipelineState::On) return false;
+    doResetState();
+    inProcess_ = false;
+    VELMORA_LOG(info, "pipeline") << "Bailing out";
+    return true;
+}
+
+void Pipeline::doInitiateRequest() {
+    VELMORA_LOG(debug, "pipeline") << "Start batch-task: name=" << name_;
+    doResetState();
+    if (store_->size() == 0) return;  // inProcess_ stays set until the state leaves On: emptied since the decision
+    formBatch();
+    doPostBatch();
+}
+
+void Pipeline::formBatch() {
+    std::vector<std::string> records = store_->peek(batchSize_);
+    batchSize_ = records.size();
+    std::vector<std::string> plain = doDecrypt(records);
+    doFilterInvalidEvents(std::move(records), std::move(plain));
+    request_ = makeRequest(validEvents_);
+}
+
+std::vector<std::string> Pipeline::doDecrypt(const std::vector<std::string>& records) const {
+    if (!isEnciphered()) return records;
+    std::vector<std::string> plain;
+    plain.reserve(records.size());
+    for (const std::string& record : records) {
+        plain.push_back(crypt_.decrypt(record));
+        VELMORA_LOG(debug, "pipeline") << "Decrypted payload=" << plain.back();
+    }
+    return plain;
+}
+
+void Pipeline::doFilterInvalidEvents(std::vector<std::string> records, std::vector<std::string> plain) {
+    validEvents_.clear();
+    invalidEvents_.clear();
+    for (size_t i = 0; i < plain.size(); ++i) {
+        if (validJSON(plain[i])) {
+            validEvents_.push_back(std::move(plain[i]));
+        } else {
+            invalidEvents_.push_back(std::move(records[i]));
+        }
+    }
+    if (invalidEvents_.empty()) return;
+    VELMORA_LOG(warn, "pipeline") << "Filter out events: count=" << invalidEvents_.size() << " name=" << name_;
+}
+
+http::Request Pipeline::makeRequest(const std::vector<std::string>& events) const {
+    std::vector<std::string> transformed;
+    transformed.reserve(events.size());
+    for (const std::string& event : events) transformed.push_back(eventTransform_(event, carriesIdentity(kind_)));
+    std::string body = doBatch(transformed);
+    if (compressionEnabled_) body = service::ingest::compressGzip(body.data(), body.size(), -1);
+    const auto [environment, apiKey] =
+        config_.read([](const Config& c) { return std::make_pair(c.environment, c.apiKey); });
+    return service::ingest::makeIngestRequest(environment, apiKey, std::move(body), compressionEnabled_);
+}
+
+std::string Pipeline::doBatch(const std::vector<std::string>& events) const {
+    std::string body = service::ingest::makeBatchBody(events);
+    VELMORA_LOG(trace, "pipeline") << "Batch: name=" << name_ << " payload=\n" << prettyPrint(body);
+    return body;
+}
+
+future<std::error_code> Pipeline::flush() {
+    bool retrySeen = false;
+    waitFor(
+        [&] {
+            retrySeen = retryInProgress_;
+            bool idle = false;
+            return retrySeen || inProcess_.compare_exchange_strong(idle, true);
+        },
+        "in-process batch (name=" + name_ + ")", 1, kNoTimeout);
+    return schedule(std::error_code(), [this, retrySeen] { return doFlush(retrySeen); });
+}
+
+std::error_code Pipeline::doFlush(bool retrySeen) {
+    const ScopeExit done([this, retrySeen] {
+        if (!retrySeen) inProcess_ = false;  // else the batch that waits for its retry still owns it
+    });
+    std::error_code result;
+    try {
+        if (retrySeen) throw std::system_error(VelmoraError::precondition_failed, "retry is in progress");
+        lastError_.clear();
+        flushBatches();
+        result = lastError_;
+    } catch (...) {
+        result = lastError_ = currentExceptionToErrorCode("pipeline", "velmora::Pipeline::flush");
+    }
+    if (!result) {
+        VELMORA_LOG_AT(info, "pipeline", "velmora::Pipeline::flush") << "flush succeeded for name=" << name_;
+    } else {
+        VELMORA_LOG_AT(error, "pipeline", "velmora::Pipeline::flush")
+            << "flush failed for name=" << name_ << "with code=" << result.value() << " error=" << result.message();
+    }
+    return result;
+}
+
+void Pipeline::flushBatches() {
+    while (true) {
+        VELMORA_LOG_AT(info, "pipeline", "velmora::Pipeline::flush") << "flush iteration: name=" << name_;
+        if (store_->size() == 0) return;
+        if (state_ != PipelineState::On) throw std::system_error(VelmoraError::precondition_failed, "state is not on");
+        doResetState();
+        formBatch();
+        const http::Response response = doPost(request_);
+        lastError_ = response.error;
+        logHTTPResponse(response);
+        if (lastError_) return;
+        doHandleSuccess();
+    }
+}
+
+void Pipeline::report(debug::Item item, debug::Action action, debug::Reason reason, uint64_t count) const {
+    debugCallback_(folderName_, kind_, item, action, reason, count);
+}
+
+}  // namespace velmora
