@@ -194,7 +194,7 @@ TEST_F(EventPresetTest, GivesTheTextOfThePlainSteps) {
     SCOPED_TRACE("seed " + std::to_string(seed));
     RandomJson random(seed);
     const uint32_t levels[] = {kValidateNone, 1, kValidateAsConfigured};
-    for (int round = 0; round < 40; ++round) {
+    for (int round = 0; round < 20; ++round) {
         EventPreset preset(provider_);
         for (size_t i = random.below(5); i > 0; --i) preset.setCommonAttribute(random.name(), random.plainText());
         const PlainPreset plain(provider_, stringMapToJson(preset.getCommonAttributes()));
@@ -217,7 +217,7 @@ TEST_F(EventPresetTest, BatchAttributesGiveTheTextOfThePlainSteps) {
     const unsigned seed = std::random_device{}();
     SCOPED_TRACE("seed " + std::to_string(seed));
     RandomJson random(seed);
-    for (int round = 0; round < 500; ++round) {
+    for (int round = 0; round < 150; ++round) {
         std::vector<std::string> fragments{"{}"};
         EventPreset preset(provider_);
         if (random.oneIn(2)) {
@@ -254,7 +254,9 @@ TEST_F(EventPresetTest, EnvelopeHoldsWhatTheConfigurationSays) {
 }
 
 TEST_F(EventPresetTest, EmptyProjectIsLeftOut) {
-    provider_.updateConfig(Config());
+    Config config;
+    config.project.clear();
+    provider_.updateConfig(config);
     EventPreset preset(provider_);
     EXPECT_EQ(preset.getEventPayload("{}", 0, "").rfind(R"({"environment":)", 0), 0u);
 }
