@@ -267,24 +267,26 @@ TEST(EventStoreDamage, UnreadableRecordGivesUpItsPartAndGoesOn) {
     EXPECT_EQ(f.drain(), events({3, 4, 5}));
 }
 
+// The manifest loses its names under a running store, which finds out when it has to open it again.
 TEST(EventStoreDamage, ManifestWithoutNamesEndsTheCount) {
     Fixture f;
     f.open();
-    f.push(1, 2);
+    f.push(1, 4);
+    EXPECT_EQ(f.store->peek(2), events({1, 2}));
     {
-        CuttingFiles plain;
-        QueueStorage<PartName> manifest(f.folder / "manifest", QueueFile::kUnlimited, plain.opener());
-        const auto part = platform::openSystemFile(f.part(0), false);
-        QueueFile::Header header = emptyQueueHeader<uint64_t>(kRotation);
-        header.headCount = header.ringCount = 3;  // one more than there is
-        header.writeOffset = 204;
-        for (const uint8_t slot : {0, 1}) ASSERT_TRUE(part->write(queueSlotPosition(slot), &header, sizeof header));
+        const auto file = platform::openSystemFile(f.folder / "manifest", false);
+        const auto header = emptyQueueHeader<uint64_t>(80);
+        ASSERT_TRUE(file->write(queueSlotPosition(0), &header, sizeof header));
+        ASSERT_TRUE(file->write(queueSlotPosition(1), &header, sizeof header));
     }
-    f.open();
-    EXPECT_EQ(f.store->size(), 3U);
-    EXPECT_EQ(f.drain().size(), 3U);
-    f.push(3, 3);
-    EXPECT_EQ(f.drain(), events({3}));
+    f.files.failAfter(4, 1);  // two lengths and a commit of the part, then the manifest
+    f.store->pop(2);
+    EXPECT_TRUE(f.files.wasHit());
+    EXPECT_EQ(f.store->size(), 2U);
+    EXPECT_TRUE(f.store->peek(2).empty());
+    EXPECT_EQ(f.store->size(), 0U);
+    f.push(5, 5);
+    EXPECT_EQ(f.drain(), events({5}));
 }
 
 TEST(EventStoreDamage, ManifestIsCutAtADamagedNameAndGivenUpWhenTooLong) {
@@ -347,6 +349,7 @@ TEST(EventStoreFaults, AnyFailureKeepsTheBooksAndTheOrder) {
             }
         }
         wasHit = f.files.wasHit();
+        f.files.failAfter(0, 0);
         const Events rest = f.drain();
         delivered.insert(delivered.end(), rest.begin(), rest.end());
         EXPECT_EQ(f.store->size(), 0U);
@@ -361,7 +364,7 @@ TEST(EventStoreFaults, AnyFailureKeepsTheBooksAndTheOrder) {
             ASSERT_FALSE(accepted.empty()) << "not accepted, or out of order: " << event;
             accepted.pop_front();
         }
-        if (!wasHit) EXPECT_EQ(lost, 0U);
+        EXPECT_TRUE(wasHit || lost == 0);
         f.push(8, 8);
         f.open();
         EXPECT_EQ(f.drain(), events({8}));
