@@ -141,6 +141,7 @@ TEST(EventStore, BehavesLikeADequeUnderRandomOperations) {
     SCOPED_TRACE("seed " + std::to_string(seed));
     std::mt19937 random(seed);
     Fixture f;
+    f.config.folderSizeLimit = 10000 * kPartFile;
     f.open();
     std::deque<std::string> model;
     for (int i = 0; i < 1500; ++i) {
@@ -216,18 +217,15 @@ TEST(EventStorePurge, RotationDropsEmptyExpiredAndSurplusParts) {
          false,
          {{"Expire", 2, 3 * kPartFile}, {"Overflow", 2, 3 * kPartFile}},
          events({5, 6, 7})},
-        {"everything", 0, {0, 0, 0}, false, {{"Overflow", 6, 3 * kPartFile}}, events({7})},
+        {"everything", kPartFile - 1, {0, 0, 0}, false, {{"Overflow", 6, 3 * kPartFile}}, events({7})},
         {"empty front", 3 * kPartFile, {0, 0, 0}, true, {{"Empty", 1, 3 * kPartFile}}, events({3, 4, 5, 6, 7})},
     };
     for (const auto& row : rows) {
         SCOPED_TRACE(row.what);
         Fixture f;
-        f.config.folderSizeLimit = row.limit == 0 ? 300 : row.limit;
-        f.open();
-        f.config.folderSizeLimit = 100 * kPartFile;
         f.open();
         f.push(1, 6);
-        f.config.folderSizeLimit = row.limit == 0 ? kPartFile - 1 : row.limit;
+        f.config.folderSizeLimit = row.limit;
         const std::time_t now = std::time(nullptr);
         for (size_t i = 0; i < row.ages.size(); ++i) fs::last_write_time(f.part(i), now - row.ages[i]);
         if (row.frontEmptied) fs::remove(f.part(0));
