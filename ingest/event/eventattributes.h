@@ -1,5 +1,5 @@
-// The attributes of one event while it is put together: those held ready for every event, and those of its own, laid over
-// them. Nothing is copied or rendered twice; what stays as it was held ready goes out as ready-made text.
+// The attributes of one event while it is put together: those held ready for every event, and those of its own, laid
+// over them. Nothing is copied or rendered twice; what stays as it was held ready goes out as ready-made text.
 #pragma once
 
 #include <rapidjson/document.h>
@@ -46,8 +46,8 @@ public:
     // Appends without looking for the name.
     void append(std::string_view name, rapidjson::Value value);
 
-    // Lays a value over the first attribute of the name: two objects are merged, anything else is replaced in its place,
-    // a new name is appended.
+    // Lays a value over the first attribute of the name: two objects are merged, anything else is replaced in its
+    // place, a new name is appended.
     void merge(std::string_view name, const rapidjson::Value& value);
     void mergeMembers(const rapidjson::Value& object);
 

@@ -132,10 +132,11 @@ void mergeUserAgent(rapidjson::Value& data, Allocator& allocator) {
     std::string userAgent;
     if (!sysinfo::getUserAgent(userAgent)) return;
     rapidjson::Value env(rapidjson::kObjectType);
-    env.AddMember("user_agent", refer(userAgent), allocator);
+    const auto length = static_cast<rapidjson::SizeType>(userAgent.size());
+    env.AddMember("user_agent", rapidjson::Value(userAgent.data(), length, allocator), allocator);
     rapidjson::Value attributes(rapidjson::kObjectType);
     attributes.AddMember(rapidjson::StringRef(key::kEntityEnv), env, allocator);
-    mergeObjects(data, rapidjson::Value(attributes, allocator, true), allocator);
+    mergeObjects(data, attributes, allocator);
 }
 
 std::shared_ptr<const rapidjson::Document> parsed(const std::string& json) {
@@ -165,9 +166,7 @@ struct EventPreset::Fragments {
 };
 
 EventPreset::EventPreset(const IngestConfigProvider& config)
-    : validator_(config),
-      envelopeBase_(config.read(makeEnvelopeFragment)),
-      fragments_(std::make_unique<Fragments>()) {
+    : validator_(config), envelopeBase_(config.read(makeEnvelopeFragment)), fragments_(std::make_unique<Fragments>()) {
     const auto category = config.read([](const auto& record) { return record.sourceCategory; });
     const MutexLock lock(mutex_);
     fragments_->eventBase = makeEventFragment(category);

@@ -2,7 +2,11 @@
 
 #include <gtest/gtest.h>
 
+#include <atomic>
+#include <thread>
+
 #include "core/filesystem/filesystem.h"
+#include "core/platform/folderlock.h"
 #include "tests/support/capturedlog.h"
 #include "tests/support/tempfolder.h"
 
@@ -53,6 +57,30 @@ TEST_F(LockedPathTest, HandsTheHoldOnWhenMoved) {
     EXPECT_FALSE(third.isLocked());
     fourth = LockedPath();
     EXPECT_TRUE(LockedPath{Path(folder_)}.isLocked()) << "assignment releases what was held";
+}
+
+// Whoever removes a folder does so while holding it. A hold that another thread then gets on what is no longer there
+// would stand beside the next owner's hold on the folder's successor.
+TEST_F(LockedPathTest, IsNeverHeldTwiceWhileFoldersComeAndGo) {
+    const Path contested = folder_ / "contested";
+    std::atomic<int> owners{0};
+    std::atomic<int> conflicts{0};
+    const auto work = [&] {
+        for (int i = 0; i < 2000; ++i) {
+            Filesystem::createDirectories(contested);
+            intptr_t handle = platform::kInvalidLockHandle;
+            if (platform::acquireLock(contested.native(), handle)) continue;
+            if (++owners != 1) ++conflicts;
+            std::this_thread::yield();
+            Filesystem::remove(contested);
+            --owners;
+            EXPECT_FALSE(platform::releaseLock(handle));
+        }
+    };
+    std::thread other(work);
+    work();
+    other.join();
+    EXPECT_EQ(conflicts, 0);
 }
 
 TEST_F(LockedPathTest, HoldsFilesAsWell) {

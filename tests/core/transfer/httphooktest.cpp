@@ -228,7 +228,7 @@ TEST(HttpHook, OfflineKeepsRequestsHereAndWaitsForSendsUnderWay) {
         return Answer{};
     });
     Sent reentrant{refused.engine};
-    EXPECT_TRUE(reentrant.execute({.url = "reentrant"}));
+    EXPECT_TRUE(reentrant.execute({.url = "reentrant", .verb = http::Verb::GET, .headers = {}, .body = {}}));
     Sent slow{refused.engine};
     std::thread sender([&] { slow.execute(); });
     inSend.get_future().wait();
@@ -239,21 +239,21 @@ TEST(HttpHook, OfflineKeepsRequestsHereAndWaitsForSendsUnderWay) {
 }
 
 // The notifications one by one, under a host that keeps each context.
+struct ContextHost {
+    std::vector<void*> contexts;
+    uint32_t id = 1;  // the same for every request
+    int session = 0;
+};
+
 class Notifications : public ::testing::Test {
 protected:
-    struct Host {
-        std::vector<void*> contexts;
-        uint32_t nextId = 1;
-        int session = 0;
-    };
-
     Notifications() {
         host_ = {};
         velmora_http_setNewSessionCallback([]() -> void* { return &host_.session; });
         velmora_http_setDeleteSessionCallback([](void*) {});
         velmora_http_setSendRequestCallback([](void*, int32_t, const char*, int32_t, void* context, uint32_t* id) {
             host_.contexts.push_back(context);
-            *id = host_.nextId;
+            *id = host_.id;
             return int32_t{0};
         });
         velmora_http_setCancelRequestCallback([](void*, uint32_t) { return int32_t{VELMORA_HTTP_INVALID_INPUT}; });
@@ -264,7 +264,7 @@ protected:
         return velmora_http_onCompletion(&host_.session, result, nullptr, context);
     }
 
-    static inline Host host_;
+    static inline ContextHost host_;
     std::shared_ptr<TransferEngine> engine_;
 };
 
