@@ -172,10 +172,12 @@ TEST_F(EndToEnd, AnyTextCanBeSentLineByLine) {
     EXPECT_EQ(values("event.workflow=Text"), (std::vector<std::string>{"plain", R"({"looks":"like JSON"})", "?\"\\"}));
 }
 
-TEST_F(EndToEnd, DirectEventsGoAtOnce) {
+// An event whose answer is still out when the sender stops is sent again: it may arrive twice, never not at all.
+TEST_F(EndToEnd, DirectEventsAllArrive) {
     const Outcome sent = send({writeEvents(20), "--direct"});
     EXPECT_EQ(sent.exitCode, 0) << sent.output;
-    EXPECT_EQ(values("event.workflow=Count").size(), 20U);
+    const auto arrived = values("event.workflow=Count");
+    EXPECT_EQ(std::set<std::string>(arrived.begin(), arrived.end()).size(), 20U);
 }
 
 TEST_F(EndToEnd, WrongUsageAndMissingInput) {
