@@ -29,11 +29,11 @@ void mergeInto(rapidjson::Value& document, const std::string& key, const rapidjs
                TransformRule::Allocator& allocator) {
     const auto member = document.FindMember(key);
     if (member == document.MemberEnd()) {
-        document.AddMember(rapidjson::Value(key, allocator), rapidjson::Value(extra, allocator, true), allocator);
+        document.AddMember(rapidjson::Value(key, allocator), rapidjson::Value(extra, allocator), allocator);
     } else if (member->value.IsObject()) {
         mergeObjects(member->value, extra, allocator);
     } else {
-        member->value.CopyFrom(extra, allocator, true);
+        member->value.CopyFrom(extra, allocator);
     }
 }
 
@@ -71,7 +71,7 @@ bool KeyFilter::include(rapidjson::Value& document, Allocator& allocator) const 
     rapidjson::Value extra(rapidjson::kObjectType);
     for (const auto& [name, value] : document.GetObject()) {
         if (isStandard(viewOf(name))) continue;
-        extra.AddMember(rapidjson::Value(name, allocator), rapidjson::Value(value, allocator, true), allocator);
+        extra.AddMember(rapidjson::Value(name, allocator), rapidjson::Value(value, allocator), allocator);
     }
     if (extra.ObjectEmpty() || targets_.empty()) return false;
     if (nestingOf(extra) >= kMaxNesting) throw std::length_error("included keys nested too deeply");
