@@ -4,7 +4,9 @@ target_compile_features(velmora_options INTERFACE cxx_std_20)
 target_include_directories(velmora_options INTERFACE ${PROJECT_SOURCE_DIR} ${PROJECT_SOURCE_DIR}/include)
 target_compile_options(velmora_options INTERFACE -Wall -Wextra -Wshadow -Werror $<$<COMPILE_LANGUAGE:CXX>:-Wconversion>)
 if(CMAKE_CXX_COMPILER_ID MATCHES "Clang")
-    target_compile_options(velmora_options INTERFACE $<$<COMPILE_LANGUAGE:CXX>:-Wthread-safety>)
+    # RapidJSON's comparison operators are older than C++20's reversed candidates.
+    target_compile_options(velmora_options INTERFACE
+        $<$<COMPILE_LANGUAGE:CXX>:-Wthread-safety> $<$<COMPILE_LANGUAGE:CXX>:-Wno-ambiguous-reversed-operator>)
 endif()
 if(WIN32)
     target_compile_definitions(velmora_options INTERFACE

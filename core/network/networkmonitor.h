@@ -8,6 +8,8 @@
 #include <iosfwd>
 #include <memory>
 
+#include "core/utils/mutex.h"
+
 namespace velmora {
 
 enum class NetworkState : int32_t { unknown = -1, offline = 0, online = 1 };
@@ -15,7 +17,10 @@ std::ostream& operator<<(std::ostream& out, NetworkState state);  // "offline", 
 
 class NetworkPoller;
 
-// The callback runs on a timer thread, or on the thread that called start() or poll(); it must not destroy the monitor.
+// The callback runs on a timer thread, or on the thread that called start() or poll(); it must neither stop nor destroy
+// the monitor. A derived class calls stop() in its destructor, so that nothing asks it for the state any more.
+//
+// Threads: any, except that setCallback comes first.
 class NetworkMonitor {
 public:
     NetworkMonitor();
@@ -45,11 +50,15 @@ public:
     void updateNetworkState(NetworkState state);
 
 private:
+    void replacePoller(std::shared_ptr<NetworkPoller> next) VELMORA_EXCLUDES(pollerMutex_);
+
     std::atomic<bool> stopped_ = true;                         // start and stop decide by exchanging it
     std::atomic<NetworkState> state_ = NetworkState::unknown;  // changes are found by exchanging it
     std::function<void(NetworkState)> onChange_;
     std::atomic<std::chrono::milliseconds> pollInterval_ = std::chrono::milliseconds(30000);
-    std::shared_ptr<NetworkPoller> poller_;
+
+    Mutex pollerMutex_;
+    std::shared_ptr<NetworkPoller> poller_ VELMORA_GUARDED_BY(pollerMutex_);
 };
 
 // By the registered factory, else a monitor over the platform's network state.

@@ -14,7 +14,8 @@ class RequestContext;
 class TransferEngine;
 
 // What a caller keeps of a request. Its destructor stops the request: it cancels what is still under way and returns
-// when the responder has heard its outcome. It must not be dropped from within the responder.
+// when the responder has heard its outcome and has been let go of. It must not be dropped from within the responder,
+// except from its outcome, where it does not wait. The responder of a request that was never executed hears nothing.
 class RequestHandle {
 public:
     explicit RequestHandle(std::shared_ptr<RequestContext> context);
@@ -26,6 +27,7 @@ public:
     void waitForCompletion();
 
     [[nodiscard]] RequestContext& context() const { return *context_; }
+    [[nodiscard]] const std::shared_ptr<RequestContext>& sharedContext() const { return context_; }
 
 private:
     std::shared_ptr<RequestContext> context_;
@@ -37,8 +39,9 @@ public:
     virtual std::shared_ptr<RequestHandle> createContext(http::Request request,
                                                          std::shared_ptr<http::Responder> responder) = 0;
 
-    // Hands the request over. False, with the error also given to the responder, if that fails at once. Throws
-    // `http_callback_not_set` if the host has no send callback.
+    // Hands the request over, once. False, with the error also given to the responder unless that has heard an outcome
+    // already, if that fails at once; the error is never 0 then. Throws `http_callback_not_set` if the host has no send
+    // callback: the request is over then, and its responder hears nothing.
     virtual bool execute(const std::shared_ptr<RequestHandle>& handle, std::error_code& error) = 0;
 };
 

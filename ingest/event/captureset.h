@@ -59,7 +59,7 @@ public:
     // with a meaning of their own have kept the joint expression from matching.
     [[nodiscard]] std::string format(const std::string& format);
 
-    static constexpr size_t kMaxSubject = size_t{16} << 20;
+    static constexpr size_t kMaxSubject = size_t{4} << 20;
 
 private:
     void combine();

@@ -20,6 +20,9 @@
 
 namespace velmora {
 
+class EventAttributes;
+class ReadyAttributes;
+
 // The process-wide online flag that `event.offline` shows inverted; false until the network has reported.
 void setEventOnline(bool online) noexcept;
 [[nodiscard]] bool isEventOnline() noexcept;
@@ -35,8 +38,13 @@ public:
     // event or override that is no JSON object, and `invalid_event_format`. Runs without a lock.
     [[nodiscard]] std::string getEventPayload(const std::string& data, uint32_t level, std::string configOverride);
 
-    // Second stage: the envelope with what belongs to the moment of the batch.
+    // Second stage: the envelope with what belongs to the moment of the batch. A text that is no JSON object counts as
+    // "{}".
     [[nodiscard]] std::string applyBatchAttributes(std::string event, bool includeIdentity);
+
+    // The same for texts that may be damaged, without a parse before: false, and the text unchanged, for one that is no
+    // JSON object.
+    [[nodiscard]] bool tryApplyBatchAttributes(std::string& event, bool includeIdentity);
 
     // Asks the system for the user agent, which may take a while; until then events go out without it.
     void updateUserAgent();
@@ -58,10 +66,17 @@ public:
 private:
     struct Fragments;
 
+    // Takes the attributes over if their text is good.
+    void useCommonAttributes(StringMap attributes) VELMORA_REQUIRES(mutex_);
     void rebuild() VELMORA_REQUIRES(mutex_);
+
+    [[nodiscard]] std::shared_ptr<const ReadyAttributes> dataBase() const VELMORA_EXCLUDES(mutex_);
+    [[nodiscard]] std::string envelope(const EventAttributes& data, const std::string& time,
+                                       const std::string& configOverride) const;
 
     mutable Mutex mutex_;
     const EventValidator validator_;
+    const std::string envelopeBase_;
     std::unique_ptr<Fragments> fragments_ VELMORA_GUARDED_BY(mutex_);
 };
 

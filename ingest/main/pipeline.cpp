@@ -27,10 +27,10 @@ bool carriesIdentity(PipelineKind kind) { return kind == PipelineKind::meta || k
 
 QueueConfig Pipeline::queueConfig(const IngestConfigProvider& config, const std::string& name, PipelineKind kind) {
     return config.read([&](const Config& c) {
-        return isInvalidLine(kind) ? QueueConfig{name, c.invalidEventFileRotationSize, c.invalidEventFolderSize,
-                                                 c.invalidEventFileRetentionPeriod}
-                                   : QueueConfig{name, c.eventFileRotationSize, c.eventFolderSize,
-                                                 c.eventFileRetentionPeriod};
+        return isInvalidLine(kind)
+                   ? QueueConfig{name, c.invalidEventFileRotationSize, c.invalidEventFolderSize,
+                                 c.invalidEventFileRetentionPeriod}
+                   : QueueConfig{name, c.eventFileRotationSize, c.eventFolderSize, c.eventFileRetentionPeriod};
     });
 }
 

@@ -1,5 +1,5 @@
-// One ingest line: takes event text, keeps it in a store of its own, and drains the store to the ingest service batch by
-// batch. Events leave the store only after the service has answered, or after the answer says that sending again is
+// One ingest line: takes event text, keeps it in a store of its own, and drains the store to the ingest service batch
+// by batch. Events leave the store only after the service has answered, or after the answer says that sending again is
 // pointless; so the service may see a batch twice, and never misses one.
 //
 // Threads: submitEvent, changeState, size and flush may be called from any thread. All work on a batch runs on the
@@ -63,13 +63,14 @@ public:
     // makes the lines of the signed-in user discard what they hold. Not to be called from two threads at once.
     void changeState(PipelineState state);
 
-    // Stores an event; with `batch` false and sending on, posts it at once instead, and stores it only if that fails. An
-    // empty event is skipped with a warning. Throws `opt_out` in state Off, `event_too_big`, and what the store raises.
+    // Stores an event; with `batch` false and sending on, posts it at once instead, and stores it only if that fails.
+    // An empty event is skipped with a warning. Throws `opt_out` in state Off, `event_too_big`, and what the store
+    // raises.
     void submitEvent(std::string event, bool batch);
 
     // Sends everything that is stored, batch by batch, without retries: a batch that fails stays stored and ends the
-    // flush. Waits for the batch in process before it returns the future. The result is `precondition_failed` if a retry
-    // is waiting, or if events are stored while sending is off.
+    // flush. Waits for the batch in process before it returns the future. The result is `precondition_failed` if a
+    // retry is waiting, or if events are stored while sending is off.
     [[nodiscard]] future<std::error_code> flush();
 
     [[nodiscard]] uint64_t size() { return store_->size(); }

@@ -50,8 +50,9 @@ void Pipeline::doPostBatch() {
     if (bailOut()) return;
     VELMORA_LOG(info, "pipeline") << "Http request: name=" << name_;
     const uint64_t exchange = awaited_ = ++lastExchange_;
-    post(request_, [this, exchange](const http::Response& response) { onNetworkResponse(exchange, response); },
-         transfer_);
+    post(
+        request_, [this, exchange](const http::Response& response) { onNetworkResponse(exchange, response); },
+        transfer_);
 }
 
 void Pipeline::onNetworkResponse(uint64_t exchange, const http::Response& response) {
@@ -119,8 +120,8 @@ void Pipeline::doHandleError() {
 void Pipeline::logHTTPResponse(const http::Response& response) const {
     const auto line = [&](std::ostream& out) -> std::ostream& {
         const auto requestId = response.headers.find("x-request-id");
-        return out << "Http response: name=" << name_ << " x-request-id="
-                   << (requestId == response.headers.end() ? std::string() : requestId->second)
+        return out << "Http response: name=" << name_
+                   << " x-request-id=" << (requestId == response.headers.end() ? std::string() : requestId->second)
                    << " status=" << static_cast<http::Status>(response.status);
     };
     std::ostringstream text;

@@ -31,8 +31,9 @@ void IngestConfigProvider::refresh() { updateConfig(fetch_(configGuid_)); }
 
 void IngestConfigProvider::updateConfig(Config config) {
     VELMORA_LOG(trace, "configprovider") << "Update config for configGuid=" << configGuid_;
+    std::shared_ptr<const Config> next = std::make_shared<Config>(std::move(config));
     const MutexLock lock(mutex_);
-    config_ = std::move(config);
+    config_.swap(next);
 }
 
 void IngestConfigProvider::scheduleNextUpdate() {

@@ -3,6 +3,7 @@
 #pragma once
 
 #include <functional>
+#include <memory>
 #include <string>
 #include <utility>
 
@@ -35,13 +36,19 @@ public:
     template <typename Reader>
     auto read(Reader reader) const VELMORA_EXCLUDES(mutex_) {
         const MutexLock lock(mutex_);
-        return reader(config_);
+        return reader(*config_);
+    }
+
+    // The live record as it is now: a value that later updates replace and do not change.
+    [[nodiscard]] std::shared_ptr<const Config> snapshot() const VELMORA_EXCLUDES(mutex_) {
+        const MutexLock lock(mutex_);
+        return config_;
     }
 
 private:
     mutable Mutex mutex_;
     const std::string configGuid_;
-    Config config_ VELMORA_GUARDED_BY(mutex_);
+    std::shared_ptr<const Config> config_ VELMORA_GUARDED_BY(mutex_);
     const Fetch fetch_;
     const std::function<void()> onUpdate_;
     TaskEngine engine_;

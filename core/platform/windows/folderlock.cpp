@@ -1,0 +1,36 @@
+#include "core/platform/folderlock.h"
+
+#include <windows.h>
+
+namespace velmora::platform {
+namespace {
+
+std::error_code lastError() noexcept { return {static_cast<int>(::GetLastError()), std::system_category()}; }
+
+DWORD flagsFor(const boost::filesystem::path& path) noexcept {
+    const DWORD attributes = ::GetFileAttributesW(path.c_str());
+    if (attributes == INVALID_FILE_ATTRIBUTES) return 0;
+    return (attributes & FILE_ATTRIBUTE_DIRECTORY) != 0 ? FILE_FLAG_BACKUP_SEMANTICS : FILE_ATTRIBUTE_NORMAL;
+}
+
+}  // namespace
+
+std::error_code acquireLock(const boost::filesystem::path& path, intptr_t& handle) noexcept {
+    // Everything but reading and removing is refused to others, and with it a second hold.
+    const HANDLE opened = ::CreateFileW(path.c_str(), GENERIC_ALL, FILE_SHARE_READ | FILE_SHARE_DELETE, nullptr,
+                                        OPEN_EXISTING, flagsFor(path), nullptr);
+    const std::error_code failure = opened == INVALID_HANDLE_VALUE ? lastError() : std::error_code();
+    handle = failure ? kInvalidLockHandle : reinterpret_cast<intptr_t>(opened);
+    return failure;
+}
+
+std::error_code releaseLock(intptr_t handle) noexcept {
+    if (::CloseHandle(reinterpret_cast<HANDLE>(handle)) == FALSE) return lastError();
+    return {};
+}
+
+bool isHeldByOther(const std::error_code& code) noexcept {
+    return code.value() == ERROR_SHARING_VIOLATION || code.value() == ERROR_LOCK_VIOLATION;
+}
+
+}  // namespace velmora::platform

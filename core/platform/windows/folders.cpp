@@ -1,0 +1,21 @@
+#include "core/platform/folders.h"
+
+#include <windows.h>
+// After windows.h.
+#include <initguid.h>
+#include <knownfolders.h>
+#include <objbase.h>
+#include <shlobj.h>
+
+namespace velmora::platform {
+
+boost::filesystem::path userDataFolder(int& code) {
+    PWSTR text = nullptr;
+    code = ::SHGetKnownFolderPath(FOLDERID_RoamingAppData, 0, nullptr, &text);
+    boost::filesystem::path folder;
+    if (SUCCEEDED(code)) folder = text;
+    ::CoTaskMemFree(text);
+    return folder;
+}
+
+}  // namespace velmora::platform

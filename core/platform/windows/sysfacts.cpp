@@ -1,0 +1,122 @@
+#include "core/platform/sysfacts.h"
+
+#include <windows.h>
+// After windows.h.
+#include <shellapi.h>
+#include <shlobj.h>
+#include <urlmon.h>
+
+#include "core/platform/windows/text.h"
+
+namespace velmora::platform {
+namespace {
+
+const wchar_t* const kFirmwareKey = L"HARDWARE\\DESCRIPTION\\System\\BIOS";
+const wchar_t* const kProcessorKey = L"Hardware\\Description\\System\\CentralProcessor\\0";
+const wchar_t* const kMachineKey = L"SOFTWARE\\Microsoft\\SQMClient";
+
+std::error_code lastError() { return {static_cast<int>(::GetLastError()), std::system_category()}; }
+
+std::string registryText(const wchar_t* key, const wchar_t* name) {
+    DWORD bytes = 0;
+    if (::RegGetValueW(HKEY_LOCAL_MACHINE, key, name, RRF_RT_REG_SZ, nullptr, nullptr, &bytes) != ERROR_SUCCESS) {
+        return {};
+    }
+    std::wstring text(bytes / sizeof(wchar_t), L'\0');
+    if (::RegGetValueW(HKEY_LOCAL_MACHINE, key, name, RRF_RT_REG_SZ, nullptr, text.data(), &bytes) != ERROR_SUCCESS) {
+        return {};
+    }
+    return utf8FromWide(text.c_str());  // without what follows the terminator
+}
+
+SYSTEM_INFO nativeSystem() {
+    SYSTEM_INFO info{};
+    ::GetNativeSystemInfo(&info);
+    return info;
+}
+
+}  // namespace
+
+const char* systemName() noexcept { return "Win"; }
+
+OsVersion osVersion() {
+    const DWORD value = ::GetVersion();
+    OsVersion version;
+    version.major = value & 0xFF;
+    version.minor = (value >> 8) & 0xFF;
+    version.build = (value & 0x80000000) == 0 ? value >> 16 : 0;
+    return version;
+}
+
+std::string processorName() { return registryText(kProcessorKey, L"ProcessorNameString"); }
+
+bool processorSpeed(uint64_t& hertz) {
+    DWORD megahertz = 0;
+    DWORD bytes = sizeof megahertz;
+    if (::RegGetValueW(HKEY_LOCAL_MACHINE, kProcessorKey, L"~MHz", RRF_RT_REG_DWORD, nullptr, &megahertz, &bytes) !=
+        ERROR_SUCCESS) {
+        return false;
+    }
+    hertz = uint64_t{megahertz} * 1'000'000;
+    return true;
+}
+
+uint64_t processorCount() { return nativeSystem().dwNumberOfProcessors; }
+
+std::string processorArchitecture() {
+    switch (nativeSystem().wProcessorArchitecture) {
+        case 0:
+            return "x86";
+        case 5:
+            return "ARM";
+        case 9:
+            return "x64";
+        case 12:
+            return "ARM64";
+        default:
+            return "unknown";
+    }
+}
+
+std::string machineId() { return registryText(kMachineKey, L"MachineId"); }
+
+DeviceNames deviceNames() {
+    return {registryText(kFirmwareKey, L"SystemManufacturer"), registryText(kFirmwareKey, L"SystemFamily"),
+            registryText(kFirmwareKey, L"SystemProductName")};
+}
+
+DisplaySize displaySize() { return {::GetSystemMetrics(SM_CXSCREEN), ::GetSystemMetrics(SM_CYSCREEN)}; }
+
+PenTouch penTouch() { return {::GetSystemMetrics(SM_MAXIMUMTOUCHES), ::GetSystemMetrics(SM_DIGITIZER)}; }
+
+std::error_code systemVolumeSize(uint64_t& bytes) {
+    ULARGE_INTEGER available{};
+    ULARGE_INTEGER total{};
+    ULARGE_INTEGER free{};
+    if (::SHGetDiskFreeSpaceExW(L"C:", &available, &total, &free) == FALSE) return lastError();
+    bytes = total.QuadPart;
+    return {};
+}
+
+std::error_code installedMemory(uint64_t& bytes) {
+    ULONGLONG kilobytes = 0;
+    if (::GetPhysicallyInstalledSystemMemory(&kilobytes) == FALSE) return lastError();
+    bytes = kilobytes << 10;
+    return {};
+}
+
+std::string userLocale() {
+    wchar_t name[LOCALE_NAME_MAX_LENGTH] = {};
+    if (::GetUserDefaultLocaleName(name, LOCALE_NAME_MAX_LENGTH) <= 0) return {};
+    return utf8FromWide(name);
+}
+
+bool userAgent(std::string& text) {
+    char buffer[512] = {};
+    DWORD size = sizeof buffer;
+    if (FAILED(::ObtainUserAgentString(0, buffer, &size))) return false;
+    text = buffer;
+    return true;
+}
+
+}  // namespace velmora::platform

@@ -1,0 +1,20 @@
+// Event texts of hosts: whatever two texts are merged, the result is an object, and merging it again changes nothing.
+#include "core/json/jsontext.h"
+#include "core/json/mergejson.h"
+#include "core/json/validjson.h"
+#include "fuzz/fuzzinput.h"
+
+extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size) {
+    using namespace velmora;
+    auto [text, extra] = fuzz::splitInTwo(fuzz::toText(data, size));
+    const bool bothValid = validJSON(text) && validJSON(extra);
+    mergeJSON(text, extra);
+    if (bothValid) {
+        fuzz::require(validJSON(text));
+        std::string again = text;
+        mergeJSON(again, text);
+        fuzz::require(again.size() <= text.size());  // a name that stands twice is merged into its first
+    }
+    [[maybe_unused]] const std::string pretty = prettyPrint(extra);
+    return 0;
+}

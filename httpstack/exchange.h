@@ -1,0 +1,90 @@
+// One request that the stack has accepted from the library, and the table of all of them.
+#pragma once
+
+#include <condition_variable>
+#include <cstdint>
+#include <map>
+#include <memory>
+#include <mutex>
+#include <optional>
+#include <string>
+#include <utility>
+#include <vector>
+
+namespace velmora::httpstack {
+
+using Header = std::pair<std::string, std::string>;
+
+// What the library wants to have sent, and the way to report progress: each operation is one notification of http.h.
+// All of them belong to whoever runs the exchange, one at a time, and none comes after ExchangeTable::finish.
+class Exchange {
+public:
+    Exchange(uint32_t id, int32_t verb, std::string url, void* session, void* context);
+
+    [[nodiscard]] uint32_t id() const { return id_; }
+    [[nodiscard]] bool isPost() const;
+    [[nodiscard]] const std::string& url() const { return url_; }
+
+    // The request's headers; one with a line break, which would begin another header, is left out.
+    [[nodiscard]] std::vector<Header> requestHeaders() const;
+    [[nodiscard]] uint64_t requestBodyLength() const;
+
+    // Copies at most `capacity` bytes of the body from `offset` on. Nothing if the library fails.
+    [[nodiscard]] std::optional<uint64_t> readRequestBody(uint64_t offset, char* buffer, uint64_t capacity) const;
+
+    // False if the library could not take the report: the exchange is then to be ended.
+    [[nodiscard]] bool reportStatus(const std::string& protocol, uint32_t status, const std::string& reason) const;
+    [[nodiscard]] bool reportHeaders(const std::vector<Header>& headers) const;
+    [[nodiscard]] bool reportBody(uint64_t offset, const char* data, uint64_t length) const;
+
+private:
+    friend class ExchangeTable;
+    void complete(int32_t result, const std::string& message) const;
+
+    const uint32_t id_;
+    const int32_t verb_;
+    const std::string url_;
+    void* const session_;
+    void* const context_;
+};
+
+enum class CancelAnswer { Unknown, TooLate, Accepted };
+
+// All exchanges that are under way. It hands out their ids and decides the race between a cancel and an end, so that
+// each exchange is completed exactly once: with the result "cancelled" if a cancel was accepted, else with its own.
+//
+// Threads: any. The library is never called under the table's lock.
+class ExchangeTable {
+public:
+    // A new exchange under an id that no other one has. Null when the table is closed.
+    [[nodiscard]] std::shared_ptr<Exchange> open(int32_t verb, std::string url, void* session, void* context);
+
+    [[nodiscard]] CancelAnswer cancel(uint32_t id);
+    [[nodiscard]] bool isCancelled(uint32_t id) const;
+
+    // Completes the exchange. A second call for the same one does nothing.
+    void finish(const Exchange& exchange, int32_t result, const std::string& message);
+
+    // Refuses new exchanges and cancels the others; gives the ids of those that are still to be ended.
+    [[nodiscard]] std::vector<uint32_t> close();
+
+    // Returns when the last completion has been reported.
+    void waitUntilEmpty();
+
+private:
+    enum class State { Running, Cancelled, Finishing };
+    struct Entry {
+        std::shared_ptr<Exchange> exchange;
+        State state;
+    };
+
+    uint32_t unusedIdLocked();
+
+    mutable std::mutex mutex_;  // a leaf: nothing is called while it is held
+    std::condition_variable emptied_;
+    std::map<uint32_t, Entry> entries_;
+    uint32_t lastId_ = 0;
+    bool closed_ = false;
+};
+
+}  // namespace velmora::httpstack

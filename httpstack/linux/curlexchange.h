@@ -1,0 +1,80 @@
+// One exchange as a libcurl easy handle.
+#pragma once
+
+#include <curl/curl.h>
+
+#include <array>
+#include <memory>
+#include <string>
+#include <vector>
+
+#include "httpstack/exchange.h"
+#include "httpstack/settings.h"
+
+namespace velmora::httpstack {
+
+// Streams the request's body from the library and the response to it. Of a chain of interim and redirected responses
+// only the last one is reported, so status and headers wait until its first body byte or its end.
+//
+// Threads: the transport's only.
+class CurlExchange {
+public:
+    // Asks the library for headers and body length. Throws std::bad_alloc if libcurl is out of memory.
+    CurlExchange(std::shared_ptr<Exchange> exchange, const Settings& settings);
+    CurlExchange(const CurlExchange&) = delete;
+    CurlExchange& operator=(const CurlExchange&) = delete;
+
+    [[nodiscard]] static CurlExchange& of(CURL* easy);
+
+    [[nodiscard]] CURL* easy() const { return easy_.get(); }
+    [[nodiscard]] uint32_t id() const { return exchange_->id(); }
+    [[nodiscard]] const Exchange& exchange() const { return *exchange_; }
+
+    // Ends a transfer that libcurl calls good: reports status and headers of a response that had no body. A response
+    // that broke off in its headers, which libcurl lets pass, gives an error, and so does a failure of the library.
+    [[nodiscard]] CURLcode reportEnd();
+
+    // What went wrong, for the host's log; empty for CURLE_OK.
+    [[nodiscard]] std::string message(CURLcode code) const;
+
+private:
+    struct FreeEasy {
+        void operator()(CURL* easy) const { curl_easy_cleanup(easy); }
+    };
+    struct FreeList {
+        void operator()(curl_slist* list) const { curl_slist_free_all(list); }
+    };
+
+    static size_t onRead(char* buffer, size_t size, size_t count, void* self);
+    static int onSeek(void* self, curl_off_t offset, int origin);
+    static size_t onHeader(char* line, size_t size, size_t count, void* self);
+    static size_t onWrite(char* data, size_t size, size_t count, void* self);
+
+    template <typename Value>
+    void set(CURLoption option, Value value);
+    void setTransport(const Settings& settings);
+    void setRedirects(const Settings& settings);
+    void setRequest();
+    void addHeader(const std::string& line);
+
+    size_t readBody(char* buffer, size_t capacity);
+    void takeHeaderLine(std::string_view line);
+    void beginResponse(std::string_view statusLine);
+    bool reportHead();
+    size_t takeBody(const char* data, size_t length);
+
+    const std::shared_ptr<Exchange> exchange_;
+    std::unique_ptr<curl_slist, FreeList> requestHeaders_;  // used by the handle, so declared before it
+    std::array<char, CURL_ERROR_SIZE> error_{};
+    std::unique_ptr<CURL, FreeEasy> easy_;
+    uint64_t requestLength_ = 0;
+    uint64_t requestOffset_ = 0;
+    uint64_t responseOffset_ = 0;
+    bool headComplete_ = false;
+    bool headReported_ = false;
+    std::string protocol_;
+    std::string reason_;
+    std::vector<Header> responseHeaders_;
+};
+
+}  // namespace velmora::httpstack

@@ -1,0 +1,31 @@
+// The edge to the system's HTTP client: what moves the bytes of exchanges.
+#pragma once
+
+#include <memory>
+
+#include "httpstack/exchange.h"
+#include "httpstack/settings.h"
+
+namespace velmora::httpstack {
+
+// Runs exchanges, all at the same time, and ends each one with ExchangeTable::finish: with "ok" once a complete
+// response has been reported, "retriable" for trouble on the way, "non-retriable" for a URL that nobody can send to. An
+// exchange that the table calls cancelled is ended as soon as the transport sees it.
+class Transport {
+public:
+    virtual ~Transport() = default;
+
+    // Takes an exchange over and returns at once. Any thread.
+    virtual void start(std::shared_ptr<Exchange> exchange) = 0;
+
+    // Wakes the transport to end an exchange that the table has marked. An unknown id is ignored. Any thread.
+    virtual void cancel(uint32_t id) = 0;
+
+    // Ends the transport's threads. All exchanges have finished, and none is started afterwards.
+    virtual void stop() = 0;
+};
+
+// `settings` and `table` outlive the transport. Throws std::runtime_error or std::system_error if the system refuses.
+[[nodiscard]] std::unique_ptr<Transport> makeTransport(const Settings& settings, ExchangeTable& table);
+
+}  // namespace velmora::httpstack

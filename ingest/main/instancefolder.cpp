@@ -1,0 +1,73 @@
+#include "ingest/main/instancefolder.h"
+
+#include <algorithm>
+#include <stdexcept>
+#include <utility>
+
+#include "core/filesystem/filesystem.h"
+#include "core/types/errors.h"
+#include "core/utils/strings.h"
+
+namespace velmora {
+namespace {
+
+// How often a folder may be removed by others between its creation and the hold, before they are not to blame.
+constexpr int kMaxVanished = 16;
+
+LockedPath tryHold(const Path& folder) {
+    LockedPath held((Path(folder)));
+    // What is gone by now was just deleted by its adopter; what is no folder is nobody's queue.
+    if (!held.isLocked() && !folder.exists()) held.setBusy(true);
+    return held;
+}
+
+LockedPath busyPlaceholder() {
+    LockedPath none;
+    none.setBusy(true);
+    return none;
+}
+
+int strictNumber(const std::string& name) {
+    try {
+        return std::stoi(name);
+    } catch (const std::out_of_range&) {
+        throw std::out_of_range("stoi argument out of range");
+    } catch (const std::invalid_argument&) {
+        throw std::invalid_argument("invalid stoi argument");
+    }
+}
+
+int folderNumber(const std::string& name, bool create) {
+    return create ? std::max(velmora::stoi(name), 0) : strictNumber(name);
+}
+
+LockedPath holdNewFolder(const Path& base, int highest) {
+    LockedPath held = busyPlaceholder();
+    for (int vanished = 0; held.isBusy() && vanished < kMaxVanished;) {
+        const Path folder = base / std::to_string(++highest);
+        Filesystem::createDirectories(folder);
+        if (!folder.exists()) ++vanished;
+        held = tryHold(folder);
+    }
+    return held;
+}
+
+}  // namespace
+
+std::unique_ptr<LockedPath> acquireInstanceFolder(const std::string& configGuid, bool create) {
+    const Path base = Filesystem::getDataFolder(false) / configGuid / "v1";
+    int highest = -1;
+    LockedPath held = busyPlaceholder();
+    Filesystem::listDirectory(base, [&](const std::string& name) {
+        highest = std::max(highest, folderNumber(name, create));
+        const Path folder = base / name;
+        held = folder.exists() && !folder.isDirectory() ? busyPlaceholder() : tryHold(folder);
+        return held.isBusy();
+    });
+    if (create && held.isBusy()) held = holdNewFolder(base, highest);
+    if (held.isLocked()) return std::make_unique<LockedPath>(std::move(held));
+    if (create) throw std::system_error(VelmoraError::cache_lock_error);
+    return nullptr;
+}
+
+}  // namespace velmora

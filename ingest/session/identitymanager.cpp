@@ -1,0 +1,280 @@
+#include "ingest/session/identitymanager.h"
+
+#include <algorithm>
+#include <utility>
+
+#include "core/http/responder.h"
+#include "core/types/errors.h"
+#include "core/types/exceptions.h"
+#include "core/types/log.h"
+#include "core/utils/durations.h"
+#include "core/utils/strings.h"
+
+namespace velmora {
+
+using service::config::session::baseUrl;
+
+namespace {
+
+std::string accountTypeJson(const std::string& accountType) {
+    std::string json;
+    JsonStringWriter writer(&json);
+    writer.addString("account_type", accountType);
+    writer.finish();
+    return json;
+}
+
+int32_t number(VelmoraError error) { return static_cast<int32_t>(error); }
+
+}  // namespace
+
+IdentityManager::IdentityManager(SerialTaskEngine& engine, const SessionConfigProvider& config,
+                                 TransferEngineSource transferEngine)
+    : engine_(engine), config_(config), transferEngine_(std::move(transferEngine)) {}
+
+IdentityManager::~IdentityManager() {
+    exceptionSafeWrapper([this] { reset(""); });
+}
+
+void IdentityManager::reset(std::string token) {
+    std::shared_ptr<transfer::RequestHandle> dropped[2];
+    const MutexLock lock(mutex_);
+    accessToken_ = std::move(token);
+    size_t i = 0;
+    for (Request* const request : {&profileRequest_, &trackingRequest_}) {
+        ++request->exchange;
+        request->inFlight = false;
+        request->retry.reset();
+        dropped[i++] = std::move(request->transfer);
+    }
+    profile_.reset();
+    trackingFlag_.reset();
+    trackingBody_.clear();
+    // `dropped` was declared before the lock, so its handles go, and perhaps call the host, after the lock's end.
+}
+
+void IdentityManager::setAccessToken(std::string token) {
+    reset(std::move(token));
+    callbacks_.onProfile(nullptr);
+}
+
+bool IdentityManager::hasAccessToken() const {
+    const MutexLock lock(mutex_);
+    return !accessToken_.empty();
+}
+
+std::error_code IdentityManager::fetchInfo(bool skipSelby, Environment environment) {
+    VELMORA_LOG(info, "identitymanager") << "fetch info for environment=" << environmentToString(environment)
+                                         << " skip_selby=" << skipSelby;
+    const MutexLock lock(mutex_);
+    if (accessToken_.empty()) return std::make_error_code(std::errc::operation_not_supported);
+    if (!environmentKnown_) {
+        environment_ = environment;
+        environmentKnown_ = true;
+    }
+    if (profileRequest_.retry || trackingRequest_.retry) {
+        VELMORA_LOG(info, "identitymanager") << "retry request has been scheduled";
+        return std::make_error_code(std::errc::operation_in_progress);
+    }
+    scheduleRequest(Service::profile, false);
+    if (!skipSelby) scheduleRequest(Service::trackingFlag, false);
+    const bool known = profile_ && (skipSelby || trackingFlag_);
+    return known ? std::error_code() : std::make_error_code(std::errc::operation_in_progress);
+}
+
+bool IdentityManager::isTrackingAllowed() const {
+    std::string accountType;
+    bool flagged = false;
+    {
+        const MutexLock lock(mutex_);
+        if (profile_) accountType = profile_->accountType;
+        flagged = trackingFlag_ && service::selby::isPII(trackingFlag_->trackingFlag);
+    }
+    const bool listed = config_.read([&](const auto& config) {
+        return std::any_of(config.accountTypeAllowList.begin(), config.accountTypeAllowList.end(),
+                           [&](const std::string& allowed) { return equalsIgnoringCase(allowed, accountType); });
+    });
+    return flagged && listed;
+}
+
+std::string IdentityManager::getSELBYData() const {
+    const MutexLock lock(mutex_);
+    return trackingBody_;
+}
+
+std::shared_ptr<service::oswin::Profile> IdentityManager::profile() const {
+    const MutexLock lock(mutex_);
+    return profile_;
+}
+
+IdentityManager::Request& IdentityManager::requestOf(Service service) {
+    return service == Service::profile ? profileRequest_ : trackingRequest_;
+}
+
+bool IdentityManager::isKnown(Service service) const {
+    return service == Service::profile ? profile_ != nullptr : trackingFlag_ != nullptr;
+}
+
+void IdentityManager::scheduleRequest(Service service, bool isRetry) {
+    engine_.schedule(Task([this, service, isRetry] { doRequest(service, isRetry); }));
+}
+
+void IdentityManager::doRequest(Service service, bool isRetry) {
+    Start start;
+    if (beginRequest(service, isRetry, start)) send(service, std::move(start));
+}
+
+bool IdentityManager::beginRequest(Service service, bool isRetry, Start& start) {
+    const auto endpoints = config_.read([service](const auto& config) {
+        return service == Service::profile ? config.identityEndpoints : config.permissionEndpoints;
+    });
+    const MutexLock lock(mutex_);
+    Request& request = requestOf(service);
+    const bool waitsForRetry = request.retry && !isRetry;
+    if (accessToken_.empty() || isKnown(service) || request.inFlight || waitsForRetry) return false;
+    const std::string base = baseUrl(endpoints, environment_);
+    start.request = service == Service::profile ? service::oswin::makeProfileRequest(base, accessToken_)
+                                                : service::selby::makeTrackingFlagRequest(base, accessToken_);
+    start.exchange = ++request.exchange;
+    request.inFlight = true;
+    return true;
+}
+
+IdentityManager::Responder IdentityManager::makeResponder(Service service, uint64_t exchange) {
+    // Answers go home to the engine: they come on threads of the host.
+    if (service == Service::profile) {
+        const auto answer = [this, exchange](const Profile& profile, const http::Response& response,
+                                             const std::error_code& error) {
+            engine_.schedule(Task([=, this] { onProfileAnswer(exchange, profile, response, error); }));
+        };
+        return std::make_shared<http::JsonResponder<Profile, service::oswin::ProfileParser>>(
+            [answer](const Profile& profile, const http::Response& response) { answer(profile, response, {}); },
+            [answer](std::error_code error, const http::Response& response) { answer({}, response, error); });
+    }
+    const auto answer = [this, exchange](const TrackingFlag& flag, const http::Response& response,
+                                         const std::error_code& error) {
+        engine_.schedule(Task([=, this] { onTrackingAnswer(exchange, flag, response, error); }));
+    };
+    return std::make_shared<http::JsonResponder<TrackingFlag, service::selby::TrackingFlagParser>>(
+        [answer](const TrackingFlag& flag, const http::Response& response) { answer(flag, response, {}); },
+        [answer](std::error_code error, const http::Response& response) { answer({}, response, error); });
+}
+
+void IdentityManager::send(Service service, Start start) {
+    const uint64_t exchange = start.exchange;
+    try {
+        transfer::ExecutorImpl executor(transferEngine_());
+        const auto handle = executor.createContext(std::move(start.request), makeResponder(service, exchange));
+        {
+            const MutexLock lock(mutex_);
+            Request& request = requestOf(service);
+            if (request.exchange != exchange) return;  // the user has changed meanwhile
+            request.transfer = handle;
+        }
+        std::error_code error;
+        executor.execute(handle, error);  // a refusal reaches the responder as well
+    } catch (...) {
+        failAtOnce(service, exchange, currentExceptionToErrorCode("identitymanager", "velmora::IdentityManager::send"));
+    }
+}
+
+void IdentityManager::failAtOnce(Service service, uint64_t exchange, const std::error_code& error) {
+    http::Response response;
+    response.setError(error);
+    if (service == Service::profile) {
+        onProfileAnswer(exchange, {}, response, error);
+    } else {
+        onTrackingAnswer(exchange, {}, response, error);
+    }
+}
+
+bool IdentityManager::endRequest(Service service, uint64_t exchange,
+                                 std::shared_ptr<transfer::RequestHandle>& finished) {
+    Request& request = requestOf(service);
+    if (!request.inFlight || request.exchange != exchange) return false;
+    request.inFlight = false;
+    finished = std::move(request.transfer);
+    return true;
+}
+
+void IdentityManager::onProfileAnswer(uint64_t exchange, const Profile& profile, const http::Response& response,
+                                      const std::error_code& error) {
+    const std::shared_ptr<Profile> fresh = error ? nullptr : std::make_shared<Profile>(profile);
+    const std::vector<uint64_t> intervals = retryIntervals();
+    std::shared_ptr<transfer::RequestHandle> finished;
+    bool willRetry = false;
+    {
+        const MutexLock lock(mutex_);
+        if (!endRequest(Service::profile, exchange, finished)) return;
+        profile_ = fresh;
+        willRetry = checkAndSetupRetry(response, Service::profile, intervals);
+    }
+    callbacks_.onProfile(fresh);
+    if (!error) callbacks_.onChange();
+    callbacks_.onMetaEvent(
+        MetaEvent::makeApiResult("OSWIN", error, error ? response.body : accountTypeJson(profile.accountType)));
+    if (willRetry || !error) return;
+    callbacks_.onError(
+        number(error == http::Status::Unauthorized ? VelmoraError::oswin_unauthorized : VelmoraError::oswin_error));
+}
+
+void IdentityManager::onTrackingAnswer(uint64_t exchange, const TrackingFlag& flag, const http::Response& response,
+                                       const std::error_code& error) {
+    const std::vector<uint64_t> intervals = retryIntervals();
+    std::shared_ptr<transfer::RequestHandle> finished;
+    bool willRetry = false;
+    {
+        const MutexLock lock(mutex_);
+        if (!endRequest(Service::trackingFlag, exchange, finished)) return;
+        trackingFlag_ = error ? nullptr : std::make_shared<TrackingFlag>(flag);
+        trackingBody_ = response.body;
+        willRetry = checkAndSetupRetry(response, Service::trackingFlag, intervals);
+    }
+    if (!error) callbacks_.onChange();
+    callbacks_.onMetaEvent(MetaEvent::makeApiResult("SELBY", error, response.body));
+    if (willRetry || !error) return;
+    callbacks_.onError(
+        number(error == http::Status::BadRequest ? VelmoraError::selby_bad_request : VelmoraError::selby_error));
+}
+
+bool IdentityManager::checkAndSetupRetry(const http::Response& response, Service service,
+                                         const std::vector<uint64_t>& intervals) {
+    std::unique_ptr<http::RetryHandler>& handler = requestOf(service).retry;
+    if (!handler) {
+        handler = std::make_unique<http::RetryHandler>(
+            static_cast<uint32_t>(intervals.size()), std::chrono::milliseconds(0),
+            [this, service, intervals](std::chrono::milliseconds delay, uint32_t attempt) {
+                return armRetry(service, intervals, delay, attempt);
+            });
+    }
+    if (response.error && !http::isHttpError(response.error)) {
+        VELMORA_LOG(info, "identitymanager") << "add retriable error=" << toString(response.error);
+        handler->addRetriable(response.error);
+    }
+    const bool willRetry = handler->shouldRetry(response);
+    VELMORA_LOG(info, "identitymanager") << "will" << (willRetry ? "" : " not")
+                                         << " retry request error=" << toString(response.error)
+                                         << " body=" << response.body;
+    if (!willRetry) handler.reset();
+    return willRetry;
+}
+
+bool IdentityManager::armRetry(Service service, const std::vector<uint64_t>& intervals, std::chrono::milliseconds delay,
+                               uint32_t attempt) {
+    const uint64_t wait = service::config::session::retryWait(
+        intervals, static_cast<uint64_t>(std::max<int64_t>(delay.count(), 0)), attempt);
+    VELMORA_LOG(info, "identitymanager") << "will retry request after " << wait << " milliseconds";
+    engine_.schedule(toMilliseconds(wait), Task([this, service] { doRetry(service); }));
+    return true;
+}
+
+void IdentityManager::doRetry(Service service) {
+    VELMORA_LOG(info, "identitymanager") << "time to retry request";
+    scheduleRequest(service, true);
+}
+
+std::vector<uint64_t> IdentityManager::retryIntervals() const {
+    return config_.read([](const auto& config) { return config.retryInterval; });
+}
+
+}  // namespace velmora

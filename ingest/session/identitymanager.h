@@ -1,0 +1,121 @@
+// Knows who the user is: fetches the profile from the identity service and the tracking flag from the tracking service
+// for the token that the host has set, retries on its own schedule, and tells the session what it has learned.
+//
+// Threads: the public operations may be called from any. Requests, answers and retries run on the session's engine. No
+// callback runs under the mutex, and transfers are dropped outside it, since that may call the host.
+#pragma once
+
+#include <cstdint>
+#include <functional>
+#include <memory>
+#include <string>
+#include <system_error>
+
+#include "core/http/message.h"
+#include "core/http/retryhandler.h"
+#include "core/transfer/executor.h"
+#include "core/transfer/transferengine.h"
+#include "core/utils/mutex.h"
+#include "core/utils/taskengine.h"
+#include "ingest/event/metaevent.h"
+#include "service/config/sessionconfigprovider.h"
+#include "service/oswin/profile.h"
+#include "service/selby/trackingflag.h"
+
+namespace velmora {
+
+struct IdentityCallbacks {
+    std::function<void(std::shared_ptr<service::oswin::Profile>)> onProfile;  // empty when the user changes
+    std::function<void()> onChange;                                           // a profile or flag has arrived
+    std::function<void(MetaEvent)> onMetaEvent;                               // the result of each request
+    std::function<void(int32_t)> onError;                                     // a failure for good: 5, 19, 20 or 21
+};
+
+class IdentityManager {
+public:
+    using TransferEngineSource = std::function<std::shared_ptr<transfer::TransferEngine>()>;
+
+    // The engine and the configuration outlive the manager; the engine is stopped before it is destroyed.
+    IdentityManager(SerialTaskEngine& engine, const SessionConfigProvider& config, TransferEngineSource transferEngine);
+    ~IdentityManager();
+
+    // Before any request.
+    void setCallbacks(IdentityCallbacks callbacks) { callbacks_ = std::move(callbacks); }
+
+    // Forgets the user, cancels what is under way for them, and tells onProfile. Starts no request.
+    void setAccessToken(std::string token);
+    [[nodiscard]] bool hasAccessToken() const;
+
+    // Asks the services for what is not known yet, and never waits: std::errc::operation_not_supported without a token,
+    // std::errc::operation_in_progress while an answer is awaited. The environment of the first call with a token
+    // stays.
+    std::error_code fetchInfo(bool skipSelby, Environment environment);
+
+    // Whether events of this user may go out under their identity: the flag says so, and the account type is listed.
+    [[nodiscard]] bool isTrackingAllowed() const;
+
+    // The tracking service's last answer, as text.
+    [[nodiscard]] std::string getSELBYData() const;
+
+    [[nodiscard]] std::shared_ptr<service::oswin::Profile> profile() const;
+
+private:
+    enum class Service { profile, trackingFlag };
+
+    // One of the two requests: idle, in flight (transfer), or waiting for a retry (handler without a transfer).
+    struct Request {
+        std::unique_ptr<http::RetryHandler> retry;
+        std::shared_ptr<transfer::RequestHandle> transfer;
+        bool inFlight = false;
+        uint64_t exchange = 0;  // names the answer that counts
+    };
+
+    struct Start {
+        http::Request request;
+        uint64_t exchange;
+    };
+
+    using Profile = service::oswin::Profile;
+    using TrackingFlag = service::selby::TrackingFlag;
+    using Responder = std::shared_ptr<http::Responder>;
+
+    void reset(std::string token);
+    Request& requestOf(Service service) VELMORA_REQUIRES(mutex_);
+    void scheduleRequest(Service service, bool isRetry);
+    void doRequest(Service service, bool isRetry);
+    bool beginRequest(Service service, bool isRetry, Start& start);
+    bool isKnown(Service service) const VELMORA_REQUIRES(mutex_);
+    Responder makeResponder(Service service, uint64_t exchange);
+    void send(Service service, Start start);
+    void failAtOnce(Service service, uint64_t exchange, const std::error_code& error);
+
+    void onProfileAnswer(uint64_t exchange, const Profile& profile, const http::Response& response,
+                         const std::error_code& error);
+    void onTrackingAnswer(uint64_t exchange, const TrackingFlag& flag, const http::Response& response,
+                          const std::error_code& error);
+    bool endRequest(Service service, uint64_t exchange, std::shared_ptr<transfer::RequestHandle>& finished)
+        VELMORA_REQUIRES(mutex_);
+    bool checkAndSetupRetry(const http::Response& response, Service service,
+                            const std::vector<uint64_t>& retryIntervals) VELMORA_REQUIRES(mutex_);
+    bool armRetry(Service service, const std::vector<uint64_t>& intervals, std::chrono::milliseconds delay,
+                  uint32_t attempt);
+    void doRetry(Service service);
+    std::vector<uint64_t> retryIntervals() const;
+
+    SerialTaskEngine& engine_;
+    const SessionConfigProvider& config_;
+    const TransferEngineSource transferEngine_;
+    IdentityCallbacks callbacks_;
+
+    mutable Mutex mutex_;
+    std::string accessToken_ VELMORA_GUARDED_BY(mutex_);
+    std::shared_ptr<Profile> profile_ VELMORA_GUARDED_BY(mutex_);
+    std::shared_ptr<TrackingFlag> trackingFlag_ VELMORA_GUARDED_BY(mutex_);
+    std::string trackingBody_ VELMORA_GUARDED_BY(mutex_);
+    bool environmentKnown_ VELMORA_GUARDED_BY(mutex_) = false;
+    Environment environment_ VELMORA_GUARDED_BY(mutex_) = Environment::stage;
+    Request profileRequest_ VELMORA_GUARDED_BY(mutex_);
+    Request trackingRequest_ VELMORA_GUARDED_BY(mutex_);
+};
+
+}  // namespace velmora

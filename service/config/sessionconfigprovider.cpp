@@ -1,0 +1,72 @@
+#include "service/config/sessionconfigprovider.h"
+
+#include "core/types/exceptions.h"
+#include "core/types/log.h"
+#include "core/utils/durations.h"
+
+namespace velmora {
+namespace {
+
+LogConfig logConfigOf(const SessionConfigProvider::Config& config) {
+    return {config.logPrefix, config.logFileRotationSize, config.logFolderSize, config.logFileRetentionPeriod};
+}
+
+}  // namespace
+
+SessionConfigProvider::SessionConfigProvider(std::function<Config()> fetch, std::function<void()> onUpdate)
+    : fetch_(std::move(fetch)), onUpdate_(std::move(onUpdate)) {
+    refresh();
+}
+
+SessionConfigProvider::~SessionConfigProvider() {
+    exceptionSafeWrapper([this] {
+        VELMORA_LOG_AT(info, "session.configprovider", "velmora::SessionConfigProvider::~SessionConfigProvider")
+            << "In ~SessionConfigProvider";
+        engine_.stop();
+    });
+}
+
+void SessionConfigProvider::start() {
+    engine_.stop();
+    engine_.start();
+    scheduleNextUpdate();
+}
+
+void SessionConfigProvider::stop() { engine_.stop(); }
+
+void SessionConfigProvider::restart() {
+    engine_.stop();
+    engine_.start();
+    refreshAndTell();
+    scheduleNextUpdate();
+}
+
+void SessionConfigProvider::refresh() {
+    updateConfig(fetch_());
+    if (logger() == nullptr) return;
+    const auto [level, limits] = read([](const Config& c) { return std::make_pair(c.logLevel, logConfigOf(c)); });
+    logger()->setLogLevel(level);
+    logger()->setConfig(limits);
+}
+
+void SessionConfigProvider::refreshAndTell() {
+    refresh();
+    if (onUpdate_) onUpdate_();
+}
+
+void SessionConfigProvider::updateConfig(Config config) {
+    VELMORA_LOG(trace, "session.configprovider") << "Update session config";
+    const MutexLock lock(mutex_);
+    config_ = std::move(config);
+}
+
+void SessionConfigProvider::scheduleNextUpdate() {
+    const uint64_t ttl = read([](const Config& c) { return c.configTtl; });
+    VELMORA_LOG(trace, "session.configprovider") << "Schedule update for session config after " << ttl << " ms";
+    engine_.schedule(toMilliseconds(ttl), Task([this] {
+                         refreshAndTell();
+                         scheduleNextUpdate();
+                     }));
+}
+
+}  // namespace velmora

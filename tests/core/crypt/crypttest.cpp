@@ -1,0 +1,83 @@
+#include "core/crypt/crypt.h"
+
+#include <gtest/gtest.h>
+
+#include <random>
+#include <thread>
+#include <vector>
+
+#include "tests/support/capturedlog.h"
+
+namespace velmora {
+namespace {
+
+std::string toHex(const std::string& bytes) {
+    std::string text;
+    for (const char byte : bytes) {
+        char pair[3];
+        std::snprintf(pair, sizeof pair, "%02x", static_cast<unsigned>(static_cast<uint8_t>(byte)));
+        text += pair;
+    }
+    return text;
+}
+
+// Made with another program: records must stay readable from release to release and from system to system.
+TEST(Crypt, GivesTheBytesOfTheStoredFormat) {
+    const Crypt crypt("cobalt");
+    EXPECT_EQ(toHex(crypt.encrypt("")), "020aeecd7c1d62e814bd367b5530c9dd");
+    EXPECT_EQ(toHex(crypt.encrypt(R"({"event.type":"click"})")),
+              "7bc41e5ceaef493869bcf6c187bec75d098dbf11a96ea8442703fe36e1c7a749");
+}
+
+TEST(Crypt, ReadsWhatAnotherInstanceWroteOnAnyThread) {
+    const test::CapturedLog log;
+    const Crypt writer("passphrase");
+    const Crypt reader("passphrase");
+    const auto work = [&](unsigned seed) {
+        std::mt19937 random(seed);
+        for (size_t length = 0; length < 300; ++length) {
+            std::string plain(length, '\0');
+            for (char& c : plain) c = static_cast<char>(random());
+            const std::string cipher = writer.encrypt(plain);
+            EXPECT_EQ(cipher.size(), (length / 16 + 1) * 16);
+            EXPECT_EQ(reader.decrypt(cipher), plain);
+        }
+    };
+    std::vector<std::thread> threads;
+    for (unsigned seed = 0; seed < 4; ++seed) threads.emplace_back(work, seed);
+    for (auto& thread : threads) thread.join();
+    const std::string large(3'000'000, 'x');
+    EXPECT_EQ(reader.decrypt(writer.encrypt(large)), large);
+    EXPECT_TRUE(log.messages("crypt").empty());
+}
+
+TEST(Crypt, GivesNothingAndSaysSoForWhatItCannotRead) {
+    const Crypt crypt("cobalt");
+    const std::string block = crypt.encrypt("fifteen bytes..");
+    std::string torn = block;
+    torn.back() = static_cast<char>(torn.back() ^ 1);
+    const struct {
+        const char* what;
+        std::string cipher;
+    } rows[] = {
+        {"a byte too few", block.substr(0, 15)},
+        {"wrong padding", torn},
+        {"no padding", crypt.encrypt(std::string(16, 'x')).substr(0, 16)},
+        {"another passphrase", Crypt("nickel").encrypt("fifteen bytes..")},
+    };
+    for (const auto& row : rows) {
+        SCOPED_TRACE(row.what);
+        const test::CapturedLog log;
+        EXPECT_EQ(crypt.decrypt(row.cipher), "");
+        ASSERT_EQ(log.lines().size(), 1U);
+        EXPECT_EQ(log.lines()[0].level, LogLevel::error);
+        EXPECT_EQ(log.lines()[0].channel, "crypt");
+        EXPECT_EQ(log.lines()[0].function, "velmora::Crypt::decrypt");
+        EXPECT_TRUE(log.contains("**** Error 0x"));
+        EXPECT_TRUE(log.contains(" returned by BCryptDecrypt"));
+        EXPECT_EQ(crypt.decrypt(block), "fifteen bytes..") << "a failure leaves nothing behind";
+    }
+}
+
+}  // namespace
+}  // namespace velmora

@@ -1,0 +1,172 @@
+#include "core/json/jsontext.h"
+
+#include <gtest/gtest.h>
+
+#include "core/json/jsonparser.h"
+#include "core/json/jsonwriter.h"
+#include "core/json/mergejson.h"
+#include "core/json/validjson.h"
+#include "core/types/errors.h"
+#include "tests/support/capturedlog.h"
+
+namespace velmora {
+namespace {
+
+using test::CapturedLog;
+
+std::string nested(const std::string& opening, const std::string& closing, int levels) {
+    std::string text;
+    for (int i = 0; i < levels; ++i) text += opening;
+    for (int i = 0; i < levels; ++i) text += closing;
+    return text;
+}
+
+TEST(ValidJson, AsksForAnObjectAndSaysWhyNot) {
+    const struct {
+        std::string text;
+        bool object, value;
+        std::string why;
+    } rows[] = {
+        {"{}", true, true, ""},
+        {"\xEF\xBB\xBF {\"a\":[1,null]} ", true, true, ""},
+        {"[]", false, true, "invalid json=[] parse err='No error.' at 0"},
+        {"", false, false, "invalid json= parse err='The document is empty.' at 0"},
+        {"{} x", false, false,
+         "invalid json={} x parse err='The document root must not be followed by other values.' at 3"},
+        {"\xEF\xBB\xBF{x}", false, false,
+         "invalid json=\xEF\xBB\xBF{x} parse err='Missing a name for object member.' at 4"},
+    };
+    for (const auto& row : rows) {
+        SCOPED_TRACE(row.text);
+        const CapturedLog log;
+        EXPECT_EQ(validJSON(row.text), row.object);
+        EXPECT_EQ(log.has(LogLevel::warn, "json", row.why), !row.object);
+        EXPECT_EQ(validJSONValue(row.text), row.value);
+        rapidjson::Document document;
+        EXPECT_EQ(parseObject(document, row.text), row.object);
+        EXPECT_EQ(log.lines().size(), row.value ? (row.object ? 0u : 2u) : 3u);
+    }
+}
+
+TEST(ValidJson, RefusesTextThatIsNestedTooDeep) {
+    EXPECT_TRUE(validJSONValue(nested("[", "]", kMaxNesting)));
+    EXPECT_TRUE(validJSON(nested("{\"a\":", "}", kMaxNesting - 1).insert(5 * (kMaxNesting - 1), "1")));
+    for (const std::string& text : {nested("[", "]", kMaxNesting + 1), nested("[", "", 1 << 20)}) {
+        const CapturedLog log;
+        rapidjson::Document document;
+        EXPECT_FALSE(validJSONValue(text));
+        EXPECT_EQ(parseValue(document, text).Code(), rapidjson::kParseErrorTermination);
+        EXPECT_TRUE(document.IsNull());
+        EXPECT_TRUE(log.contains("' at " + std::to_string(kMaxNesting)));
+    }
+}
+
+// Writes down every call.
+class Recorder : public JsonParser {
+public:
+    explicit Recorder(std::string& record, bool isArray = false) : record_(record), isArray_(isArray) {}
+    void onNull(const std::string& name) override { record_ += name + ":null "; }
+    void onBool(const std::string& name, bool value) override { record_ += name + (value ? ":true " : ":false "); }
+    void onInt(const std::string& name, int64_t value) override { number(name, 'i', std::to_string(value)); }
+    void onUint(const std::string& name, uint64_t value) override { number(name, 'u', std::to_string(value)); }
+    void onDouble(const std::string& name, double value) override { number(name, 'd', std::to_string(value)); }
+    void onString(const std::string& name, const std::string& value) override {
+        if (value == "throw") throw std::runtime_error("thrown");
+        record_ += name + ":'" + value + "' ";
+    }
+    std::shared_ptr<JsonParser> onObject(const std::string& name) override { return open(name, false); }
+    std::shared_ptr<JsonParser> onArray(const std::string& name) override { return open(name, true); }
+    void onEnd() override { record_ += isArray_ ? "] " : "} "; }
+    bool isObject() const override { return !isArray_; }
+
+private:
+    void number(const std::string& name, char kind, const std::string& text) {
+        record_ += name + ":" + kind + text + " ";
+    }
+    std::shared_ptr<JsonParser> open(const std::string& name, bool isArray) {
+        if (name == "nobody") return nullptr;
+        record_ += name + (isArray ? ":[ " : ":{ ");
+        return std::make_shared<Recorder>(record_, isArray);
+    }
+
+    std::string& record_;
+    bool isArray_;
+};
+
+TEST(JsonParser, HandsEachValueToTheParserOfItsLevel) {
+    std::string record;
+    const std::string text = R"( {"a":-5,"b":5,"c":1.5,"d":null,"e":{"f":["g",true,{"h":-9000000000}],"i":9000000000},
+                                 "j":18446744073709551615,"":"\u00e9"} )";
+    EXPECT_FALSE(JsonParser::parse(text, std::make_shared<Recorder>(record)));
+    EXPECT_EQ(record,
+              "a:i-5 b:u5 c:d1.500000 d:null e:{ f:[ :'g' :true :{ h:i-9000000000 } ] i:u9000000000 } "
+              "j:u18446744073709551615 :'\xC3\xA9' } ");
+}
+
+TEST(JsonParser, ReportsFailuresWithOffsetAndReason) {
+    const struct {
+        const char* text;
+        int code;
+        const char* line;
+    } rows[] = {
+        {" ", 1, "1 Reason: The document is empty."},
+        {"{\"a\":1} x", 2, "8 Reason: The document root must not be followed by other values."},
+        {"{\"a\" 1}", 5, "5 Reason: Missing a colon after a name of object member."},
+        {"[1,2]", 18, "0 Reason: JSON Parse Error: No Current Handler for item: "},
+        {"12", 18, "2 Reason: JSON Parse Error: No Current Handler for item: "},
+        {"{\"a\":\"throw\"}", 18, "12 Reason: thrown"},
+        {"{\"nobody\":{\"x\":1}}", 18, "16 Reason: JSON Parse Error: No Current Handler for item: x"},
+    };
+    for (const auto& row : rows) {
+        SCOPED_TRACE(row.text);
+        const CapturedLog log;
+        std::string record;
+        EXPECT_EQ(JsonParser::parse(row.text, std::make_shared<Recorder>(record)),
+                  std::error_code(row.code, jsonCategory()));
+        EXPECT_TRUE(log.has(LogLevel::debug, "json", std::string("JsonParser Failed to parse at: ") + row.line));
+    }
+}
+
+TEST(JsonParser, ReadsStringMapsAndArraysAndSkipsTheRest) {
+    EXPECT_EQ(jsonToStringMap(R"({"a":"x","b":1,"c":{"d":"y"}})"),
+              (std::unordered_map<std::string, std::string>{{"a", "x"}}));
+    EXPECT_THROW((void)jsonToStringMap("[]"), std::system_error);
+    EXPECT_EQ(stringMapToJson({}), "{}");
+    EXPECT_EQ(stringMapToJson({{"a\"", "x"}}), "{\"a\"\":\"x\"}");
+    EXPECT_EQ(jsonToStringMap(stringMapToJson({{"a", "x"}, {"b", "y"}})).size(), 2u);
+}
+
+TEST(JsonWriter, AppendsToWhatTheStringHoldsAndDropsWhatIsNotKept) {
+    std::string text = "{\"old\":1.0}";
+    JsonStringWriter writer(&text);
+    writer.addString("text", "\"\xC3\xA9");
+    writer.startObject("empty");
+    writer.startObject("inner");
+    writer.addInt("lost", 1);
+    writer.endObject(false);
+    writer.endObject(true);
+    writer.startArray("list");
+    writer.addInt(-1);
+    writer.addUint(UINT64_MAX);
+    writer.startObject("");
+    writer.addBool("flag", true);
+    writer.endObject(true);
+    writer.endArray(true);
+    EXPECT_THROW(writer.addBool(true), std::logic_error);
+    EXPECT_THROW(writer.endObject(true), std::logic_error);
+    writer.finish();
+    EXPECT_EQ(text,
+              "{\"old\":1.0,\"text\":\"\\\"\xC3\xA9\",\"empty\":{},"
+              "\"list\":[-1,18446744073709551615,{\"flag\":true}]}");
+
+    std::string fresh = "no json";
+    JsonStringWriter pretty(&fresh, true);
+    pretty.addUint("a", 1);
+    pretty.finish();
+    EXPECT_EQ(fresh, "{\n    \"a\": 1\n}");
+    EXPECT_EQ(prettyPrint("{\"a\":1}"), fresh);
+    EXPECT_EQ(prettyPrint("{\"a\":1"), "{\"a\":1");
+}
+
+}  // namespace
+}  // namespace velmora

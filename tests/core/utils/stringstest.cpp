@@ -1,0 +1,67 @@
+#include "core/utils/strings.h"
+
+#include <gtest/gtest.h>
+
+#include <regex>
+
+#include "tests/support/capturedlog.h"
+
+namespace velmora {
+namespace {
+
+TEST(Strings, StoiReadsTheNumberAtTheStart) {
+    const struct {
+        const char* text;
+        int value;
+    } rows[] = {
+        {"abc", -1},         {"", -1},
+        {"  ", -1},          {"-", -1},
+        {"+-3", -1},         {"12abc", 12},
+        {" \t7", 7},         {"+5", 5},
+        {"-8", -8},          {"007", 7},
+        {"- 3", -1},         {"0x10", 0},
+        {"99999999999", -1}, {"2147483647", 2147483647},
+        {"-2147483649", -1},
+    };
+    for (const auto& row : rows) EXPECT_EQ(stoi(row.text), row.value) << row.text;
+}
+
+TEST(Strings, TokenizeSplitsUnlessEscaped) {
+    using Tokens = std::vector<std::string>;
+    const struct {
+        const char* text;
+        Tokens tokens;
+    } rows[] = {
+        {"a,b", {"a", "b"}},  {"a\\,b,c", {"a,b", "c"}}, {"", {""}},     {"a,", {"a", ""}},
+        {",,", {"", "", ""}}, {"a\\\\,b", {"a\\", "b"}}, {"\\x", {"x"}}, {"\\", {""}},
+    };
+    for (const auto& row : rows) EXPECT_EQ(tokenize(row.text, ',', '\\'), row.tokens) << row.text;
+    const test::CapturedLog log;
+    EXPECT_EQ(tokenize("a\\", ',', '\\'), Tokens{"a"});
+    EXPECT_TRUE(log.has(LogLevel::warn, "string.utils", "Invalid terminal escape"));
+}
+
+TEST(Strings, CaseIsFoldedForAsciiOnly) {
+    EXPECT_EQ(toLower("AbZ\xC3\x84"), "abz\xC3\x84");
+    EXPECT_TRUE(equalsIgnoringCase("Content-TYPE", "content-type"));
+    EXPECT_FALSE(equalsIgnoringCase("content", "content-type"));
+    EXPECT_FALSE(equalsIgnoringCase("@", "`"));
+}
+
+TEST(Strings, GuidsAreLowerCaseAndFresh) {
+    const std::regex form("[0-9a-f]{8}-[0-9a-f]{4}-4[0-9a-f]{3}-[89ab][0-9a-f]{3}-[0-9a-f]{12}");
+    const std::string guid = makeGuid();
+    EXPECT_TRUE(std::regex_match(guid, form)) << guid;
+    EXPECT_NE(guid, makeGuid());
+}
+
+TEST(Strings, AnUnsetEnvironmentVariableIsNotFound) {
+    std::string value = "kept";
+    EXPECT_FALSE(getEnvironmentVariable("VELMORA_TEST_NEVER_SET", value));
+    EXPECT_EQ(value, "kept");
+    EXPECT_TRUE(getEnvironmentVariable("PATH", value));
+    EXPECT_NE(value, "kept");
+}
+
+}  // namespace
+}  // namespace velmora

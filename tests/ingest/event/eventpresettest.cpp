@@ -1,0 +1,348 @@
+#include "ingest/event/eventpreset.h"
+
+#include <gtest/gtest.h>
+
+#include <random>
+#include <regex>
+#include <thread>
+
+#include "core/json/jsontext.h"
+#include "core/json/mergejson.h"
+#include "core/json/validjson.h"
+#include "core/sysinfo/sysinfo.h"
+#include "core/types/errors.h"
+#include "core/utils/strings.h"
+#include "core/utils/timestamps.h"
+#include "ingest/event/eventwriter.h"
+#include "ingest/event/systemattributes.h"
+
+namespace velmora {
+namespace {
+
+using service::config::ingest::Config;
+using service::oswin::Profile;
+
+Config exampleConfig() {
+    Config config;
+    config.project = "pro\"ject";
+    config.sourceCategory = SourceCategory::desktop;
+    return config;
+}
+
+// Identifiers and times differ from call to call.
+std::string masked(const std::string& text) {
+    static const std::regex guid("[0-9a-f]{8}-[0-9a-f]{4}-4[0-9a-f]{3}-[0-9a-f]{4}-[0-9a-f]{12}");
+    static const std::regex time("\\d{4}-\\d\\d-\\d\\dT\\d\\d:\\d\\d:\\d\\d\\.\\d{3}[+-]\\d{4}");
+    return std::regex_replace(std::regex_replace(text, guid, "GUID"), time, "TIME");
+}
+
+// The two stages step by step, each a writer or a merge of texts.
+class PlainPreset {
+public:
+    PlainPreset(const IngestConfigProvider& config, const std::string& commonAttributes)
+        : validator_(config), envelopeBase_(config.read(makeEnvelopeFragment)) {
+        const auto category = config.read([](const Config& record) { return record.sourceCategory; });
+        for (const auto& fragment : {makeEventFragment(category), makeDeviceFragment(), makeSourceFragment()}) {
+            mergeJSON(dataBase_, fragment);
+        }
+        mergeJSON(dataBase_, commonAttributes);
+    }
+
+    std::string getEventPayload(const std::string& data, uint32_t level, std::string configOverride) const {
+        if (!validJSON(data)) throw std::system_error(VelmoraError::invalid_json);
+        std::string event = dataBase_;
+        std::string envelope = envelopeBase_;
+        const std::string time = currentTimeLocalMillis();
+        const std::string offline = isEventOnline() ? "false" : "true";
+        std::string language;
+        const bool hasLanguage = sysinfo::getLocale(language);
+        EventWriter::Pairs env{{"dts_end", currentTimeLocalMillis()}};
+        if (hasLanguage) env.emplace_back("language", language);
+        env.emplace_back("offline", offline);
+        EventWriter(&event).set("event.dts_end", time).set("event.guid", makeGuid()).set("entity.env", env).finish();
+        std::string fragment;
+        if (!hasLanguage) language.clear();
+        EventWriter(&fragment).set("event.language", language).set("event.offline", offline).finish();
+        mergeJSON(event, fragment);
+        mergeJSON(event, data);
+        validator_.validate(event, level, configOverride);
+        EventWriter(&envelope).set("time", time).finish();
+        mergeJSON(envelope, configOverride);
+        mergeJSON(envelope, "{\"data\":" + event + "}");
+        return envelope;
+    }
+
+    static std::string applyBatchAttributes(std::string event, const std::vector<std::string>& fragments) {
+        for (const auto& fragment : fragments) mergeJSON(event, "{\"data\":" + fragment + "}");
+        return event;
+    }
+
+private:
+    const EventValidator validator_;
+    const std::string envelopeBase_;
+    std::string dataBase_ = "{}";
+};
+
+// Random JSON texts over a vocabulary in which names meet.
+class RandomJson {
+public:
+    explicit RandomJson(unsigned seed) : random_(seed) {}
+
+    size_t below(size_t limit) { return random_() % limit; }
+    bool oneIn(size_t n) { return below(n) == 0; }
+
+    std::string name() {
+        static const std::vector<std::string> names = {"event.guid",
+                                                       "event.dts_end",
+                                                       "event.language",
+                                                       "event.offline",
+                                                       "event.category",
+                                                       "event.type",
+                                                       "event.workflow",
+                                                       "event.subcategory",
+                                                       "event.subtype",
+                                                       "entity.device",
+                                                       "entity.source",
+                                                       "entity.env",
+                                                       "source.device",
+                                                       "event.session_guid",
+                                                       "device",
+                                                       "language",
+                                                       "offline",
+                                                       "a",
+                                                       "b",
+                                                       "",
+                                                       "time",
+                                                       "data",
+                                                       "project",
+                                                       "nested"};
+        return names[below(names.size())];
+    }
+
+    std::string plainText() {
+        static const std::vector<std::string> texts = {"", "open", "WEB", "Unknown", "Two Words", "with-hyphen", "5"};
+        return texts[below(texts.size())];
+    }
+
+    std::string value(int depth = 0) {
+        static const std::vector<std::string> values = {"null",
+                                                        "true",
+                                                        "false",
+                                                        "0",
+                                                        "-1",
+                                                        "1.50",
+                                                        "1e3",
+                                                        "18446744073709551615",
+                                                        "-0.0",
+                                                        "2.5e-7",
+                                                        "\"\\u00e4\\n\\\"\\/\\\\\"",
+                                                        "\"\\u0000\"",
+                                                        "\"\xc3\xa4\"",
+                                                        "[]",
+                                                        "{}",
+                                                        "12345678901234567890123"};
+        if (depth < 3 && oneIn(4)) return object(depth + 1);
+        if (depth < 3 && oneIn(8)) return "[" + value(depth + 1) + space() + "," + value(depth + 1) + "]";
+        return oneIn(2) ? '"' + plainText() + '"' : values[below(values.size())];
+    }
+
+    std::string object(int depth = 0) {
+        std::string text = "{";
+        for (size_t i = below(depth == 0 ? 12 : 4); i > 0; --i) {
+            if (text.size() > 1) text += ',';
+            const std::string key = oneIn(10) ? "k\\u0022" + plainText() : name();
+            text += space() + '"' + key + '"' + space() + ':' + space() + value(depth);
+        }
+        return text + space() + "}";
+    }
+
+    std::string space() { return oneIn(6) ? " \n" : ""; }
+
+private:
+    std::mt19937 random_;
+};
+
+template <typename Call>
+std::string textOrCode(Call call) {
+    try {
+        return masked(call());
+    } catch (const std::system_error& e) {
+        return toString(e.code());
+    }
+}
+
+class EventPresetTest : public testing::Test {
+protected:
+    std::string payload(const std::string& data, uint32_t level = 0, const std::string& configOverride = "{}") {
+        return preset_.getEventPayload(data, level, configOverride);
+    }
+
+    // A member of the event inside an envelope, as text; "none" if it has none.
+    static std::string member(const std::string& envelope, const char* name) {
+        rapidjson::Document document;
+        EXPECT_TRUE(parseObject(document, envelope));
+        const auto& data = document["data"];
+        return data.HasMember(name) ? toText(data[name]) : "none";
+    }
+
+    IngestConfigProvider provider_{"guid", [](const std::string&) { return exampleConfig(); }, nullptr};
+    EventPreset preset_{provider_};
+};
+
+TEST_F(EventPresetTest, GivesTheTextOfThePlainSteps) {
+    const unsigned seed = std::random_device{}();
+    SCOPED_TRACE("seed " + std::to_string(seed));
+    RandomJson random(seed);
+    const uint32_t levels[] = {kValidateNone, 1, kValidateAsConfigured};
+    for (int round = 0; round < 20; ++round) {
+        EventPreset preset(provider_);
+        for (size_t i = random.below(5); i > 0; --i) preset.setCommonAttribute(random.name(), random.plainText());
+        const PlainPreset plain(provider_, stringMapToJson(preset.getCommonAttributes()));
+        for (int i = 0; i < 50; ++i) {
+            setEventOnline(random.oneIn(2));
+            const std::string data = random.oneIn(50) ? random.value() + "," : random.object();
+            const std::string configOverride = random.oneIn(4)   ? random.object()
+                                               : random.oneIn(2) ? "{}"
+                                               : random.oneIn(4) ? "[]"
+                                                                 : "";
+            const uint32_t level = levels[random.below(3)];
+            SCOPED_TRACE(data + " override " + configOverride);
+            ASSERT_EQ(textOrCode([&] { return preset.getEventPayload(data, level, configOverride); }),
+                      textOrCode([&] { return plain.getEventPayload(data, level, configOverride); }));
+        }
+    }
+}
+
+TEST_F(EventPresetTest, BatchAttributesGiveTheTextOfThePlainSteps) {
+    const unsigned seed = std::random_device{}();
+    SCOPED_TRACE("seed " + std::to_string(seed));
+    RandomJson random(seed);
+    for (int round = 0; round < 150; ++round) {
+        std::vector<std::string> fragments{"{}"};
+        EventPreset preset(provider_);
+        if (random.oneIn(2)) {
+            Profile profile{"type1", {"de", "en"}, {{"i", "code", "level", ""}}, "user", "", "yes"};
+            if (random.oneIn(2)) profile.serviceAccounts.clear();
+            preset.setProfile(profile);
+            fragments.push_back(makeIdentityFragment(profile));
+        }
+        if (random.oneIn(2)) {
+            preset.setLorneProfile({{"a", "1"}, {"b", "\""}});
+            fragments.push_back(makeLorneFragment({{"a", "1"}, {"b", "\""}}));
+        }
+        const bool includeIdentity = random.oneIn(2);
+        if (!includeIdentity) fragments.resize(1);
+        const std::string event = random.oneIn(20)  ? random.value()
+                                  : random.oneIn(2) ? random.object()
+                                                    : preset.getEventPayload(random.object(), 0, random.object());
+        SCOPED_TRACE(event);
+        ASSERT_EQ(preset.applyBatchAttributes(event, includeIdentity),
+                  PlainPreset::applyBatchAttributes(event, fragments));
+        std::string tried = event;
+        ASSERT_EQ(preset.tryApplyBatchAttributes(tried, includeIdentity), validJSON(event));
+    }
+}
+
+TEST_F(EventPresetTest, EnvelopeHoldsWhatTheConfigurationSays) {
+    const std::string text = masked(payload(R"({"a":1})"));
+    EXPECT_EQ(text.substr(0, text.find(",\"data\"")),
+              R"({"project":"pro\"ject","environment":"stage","ingesttype":"velmora","time":"TIME")");
+    EXPECT_NE(text.find(R"("entity.datasdk":{"version":"1.36.0+20230314"})"), std::string::npos);
+    const std::string overridden =
+        masked(payload("{}", 0, R"({"time":"x","extra":[1],"data":{"a":1,"event.guid":2}})"));
+    EXPECT_NE(overridden.find(R"("time":"x","extra":[1],"data":{"a":1,"event.guid":"GUID",)"), std::string::npos);
+}
+
+TEST_F(EventPresetTest, EmptyProjectIsLeftOut) {
+    Config config;
+    config.project.clear();
+    provider_.updateConfig(config);
+    EventPreset preset(provider_);
+    EXPECT_EQ(preset.getEventPayload("{}", 0, "").rfind(R"({"environment":)", 0), 0u);
+}
+
+TEST_F(EventPresetTest, LaterSourcesOverrideEarlierOnes) {
+    EXPECT_EQ(member(payload("{}"), "event.category"), "DESKTOP");
+    preset_.setCommonAttribute("event.category", "WEB");
+    EXPECT_EQ(member(payload("{}"), "event.category"), "WEB");
+    EXPECT_EQ(member(payload(R"({"event.category":"MOBILE"})"), "event.category"), "MOBILE");
+    EXPECT_EQ(member(payload(R"({"event.guid":"x"})"), "event.guid"), "x");
+    EXPECT_EQ(member(payload("{}"), "event.connection"), "none");
+    EXPECT_EQ(member(payload("{}", 1), "event.workflow"), "Unknown");
+    setEventOnline(false);
+    EXPECT_EQ(member(payload("{}"), "event.offline"), "true");
+    const std::string env = member(payload(R"({"entity.env":{"offline":"maybe","mine":1}})"), "entity.env");
+    EXPECT_NE(env.find(R"("offline":"maybe","mine":1})"), std::string::npos);
+    EXPECT_NE(env.find(R"({"dts_end":")"), std::string::npos);
+}
+
+TEST_F(EventPresetTest, RefusesCommonAttributesThatBreakTheJson) {
+    preset_.setCommonAttribute("a", "1");
+    EXPECT_THROW(preset_.setCommonAttribute("b", "\""), std::system_error);
+    EXPECT_THROW(preset_.setCommonAttribute("b\\", "1"), std::system_error);
+    EXPECT_THROW(preset_.setCommonAttributes({{"b", "fine"}, {"c", "\n"}}), std::system_error);
+    EXPECT_EQ(preset_.getCommonAttributes(), (EventPreset::StringMap{{"a", "1"}}));
+    preset_.setCommonAttributes({{"a", "2"}, {"b", "3"}});
+    EXPECT_EQ(member(payload("{}"), "a"), "1");
+    EXPECT_EQ(member(payload("{}"), "b"), "3");
+    preset_.setCommonAttribute("a", "2");
+    preset_.removeCommonAttribute("b");
+    EXPECT_EQ(member(payload("{}"), "a"), "2");
+    EXPECT_EQ(member(payload("{}"), "b"), "none");
+}
+
+TEST_F(EventPresetTest, SessionGuidIsReplacedAndNeverEmptied) {
+    for (const char* guid : {"first", "second", ""}) preset_.setSessionGuid(guid);
+    EXPECT_EQ(member(payload("{}"), "event.session_guid"), "second");
+}
+
+TEST_F(EventPresetTest, IdentityIsThatOfTheBatch) {
+    const std::string stored = payload(R"({"event.user_guid":"mine"})");
+    preset_.setProfile(Profile{"type1", {"de", "en"}, {{"i", "code", "level", ""}}, "user", "", "yes"});
+    preset_.setLorneProfile({{"k", "v"}});
+    const std::string sent = preset_.applyBatchAttributes(stored, true);
+    EXPECT_EQ(member(sent, "event.user_guid"), "user");
+    EXPECT_EQ(member(sent, "user.service_level"), "level");
+    EXPECT_EQ(member(sent, "user.service_status"), "none");
+    EXPECT_EQ(member(sent, "entity.lorne"), R"({"k":"v"})");
+    EXPECT_EQ(member(sent, "entity.oswin"),
+              R"({"accounttype":"type1","lang":"de","service_code":"code","service_level":"level",)"
+              R"("service_status":"","mrkt_perm":"","mrkt_perm_email":"yes"})");
+    EXPECT_EQ(member(preset_.applyBatchAttributes(stored, false), "event.user_guid"), "mine");
+    preset_.clearProfile();
+    EXPECT_EQ(member(preset_.applyBatchAttributes(stored, true), "entity.oswin"), "none");
+}
+
+TEST_F(EventPresetTest, TakesOnlyWhatTheBatchCanReadAgain) {
+    const auto nested = [](int levels) {
+        std::string text = "{\"a\":";
+        for (int i = 1; i < levels; ++i) text += '[';
+        text += '1';
+        for (int i = 1; i < levels; ++i) text += ']';
+        return text + '}';
+    };
+    std::string deepest = payload(nested(kMaxNesting - 1), 1);
+    EXPECT_TRUE(preset_.tryApplyBatchAttributes(deepest, true));
+    EXPECT_THROW(payload(nested(kMaxNesting)), std::system_error);
+}
+
+TEST_F(EventPresetTest, SettersMayRunBesideSubmissions) {
+    std::atomic<bool> done{false};
+    std::thread setter([&] {
+        for (int i = 0; !done; ++i) {
+            preset_.setCommonAttribute("a", std::to_string(i % 10));
+            preset_.setProfile(Profile{"t", {}, {}, std::to_string(i), "", ""});
+            preset_.setSessionGuid(std::to_string(i));
+            provider_.updateConfig(exampleConfig());
+        }
+    });
+    for (int i = 0; i < 300; ++i) {
+        const std::string sent = preset_.applyBatchAttributes(payload(R"({"event.type":"open"})", 1), true);
+        EXPECT_EQ(member(sent, "event.type"), "open");
+    }
+    done = true;
+    setter.join();
+}
+
+}  // namespace
+}  // namespace velmora

@@ -1,0 +1,159 @@
+#include <gtest/gtest.h>
+
+#include <random>
+
+#include "service/config/ingestconfig.h"
+#include "service/config/sessionconfig.h"
+#include "tests/support/capturedlog.h"
+
+namespace velmora::service::config {
+namespace {
+
+using test::CapturedLog;
+
+TEST(IngestConfig, StartsWithTheBuiltInDefaults) {
+    const ingest::Config config;
+    EXPECT_EQ(config.project, "unknown-project-key");
+    EXPECT_EQ(config.environment, Environment::stage);
+    EXPECT_EQ(config.sourceCategory, SourceCategory::unknown);
+    EXPECT_TRUE(config.validationFlag && config.encryptionEnabled && config.orphanInstanceEnabled);
+    EXPECT_FALSE(config.flushOnStopEnabled);
+    EXPECT_EQ(config.encryptionPassphrase, "cobalt");
+    EXPECT_EQ(config.standardKeyPrefixes.size(), 7u);
+    EXPECT_EQ(config.batchSize, 50u);
+    EXPECT_EQ(config.invalidEventFileRetentionPeriod, 31536000000u);
+    EXPECT_EQ(config.heartbeatInterval, 43200000u);
+    EXPECT_EQ(config.validationRules.size(), 5u);
+    EXPECT_TRUE(boost::regex_match("Export As", config.validationRules.at("event.subcategory").pattern));
+    EXPECT_FALSE(boost::regex_match("export", config.validationRules.at("event.subcategory").pattern));
+    EXPECT_TRUE(boost::regex_match("any thing", config.validationRules.at("event.workflow").pattern));
+}
+
+TEST(IngestConfig, OverwritesWhatADocumentNames) {
+    ingest::Config config;
+    config.overwriteWith(R"({
+        "setup": {"ingest": {"project": "p", "apiKey": 5, "environment": "PROD", "consent": "yes", "nested": {"project": "x"}}},
+        "reserved": {
+            "event": {"batchSize": -1, "batchInterval": 1.5, "pauseInterval": 7, "standardKeyPrefixes": ["x.", 1, {"y.": "z."}]},
+            "filerotation": {"eventFolderSize": 9, "eventFileRotationSize": 8},
+            "heartbeat": {"urn": "h"}, "config": {"urn": "c", "ttl": 3}, "unknown": [{"flag": false}]}})");
+    EXPECT_EQ(config.project, "p");
+    EXPECT_EQ(config.apiKey, "unknown-api-key");
+    EXPECT_EQ(config.environment, Environment::prod);
+    EXPECT_EQ(config.consent, Consent::byDefault);
+    EXPECT_EQ(config.batchSize, 50u);
+    EXPECT_EQ(config.batchInterval, 30000u);
+    EXPECT_EQ(config.pauseInterval, 7u);
+    EXPECT_EQ(config.standardKeyPrefixes.size(), 8u);
+    EXPECT_EQ(config.standardKeyPrefixes.back(), "x.");
+    EXPECT_EQ(config.eventFolderSize, 9u);
+    EXPECT_EQ(config.eventFileRotationSize, 8u);
+    EXPECT_EQ(config.heartbeatUrn, "h");
+    EXPECT_EQ(config.configUrn, "c");
+    EXPECT_EQ(config.configTtl, 3u);
+    EXPECT_TRUE(config.validationFlag);
+    EXPECT_EQ(ingest::Config().project, "unknown-project-key");  // the defaults are not shared
+}
+
+TEST(IngestConfig, AddsRulesButKeepsThoseThatAreThere) {
+    ingest::Config config;
+    config.overwriteWith(R"({"reserved": {"validation": {"rules": {
+        "event.workflow": {"required": false, "default": "changed"},
+        "event.foo": {},
+        "event.bar": {"required": true, "pattern": "^b+$", "default": "b"}}}}})");
+    EXPECT_EQ(config.validationRules.at("event.workflow").defaultValue, "Unknown");
+    EXPECT_FALSE(config.validationRules.at("event.foo").required);
+    EXPECT_EQ(config.validationRules.at("event.foo").pattern.str(), ".*");
+    EXPECT_EQ(config.validationRules.at("event.bar").pattern.str(), "^b+$");
+    EXPECT_TRUE(config.validationRules.at("event.bar").required);
+}
+
+TEST(IngestConfig, KeepsWhatWasAssignedBeforeAFault) {
+    const struct {
+        const char *fault, *code;
+    } rows[] = {
+        {R"("validation": {"rules": {"event.foo": {"pattern": "("}}})", "json_error:18"},
+        {R"("validation": })", "json_error:3"},
+    };
+    for (const auto& row : rows) {
+        const CapturedLog log;
+        const std::string json = std::string(R"({"reserved": {"event": {"batchSize": 2}, )") + row.fault +
+                                 R"(, "event": {"batchSize": 3}}})";
+        ingest::Config config;
+        EXPECT_EQ(&config.overwriteWith(json), &config);
+        EXPECT_EQ(config.batchSize, 2u);
+        EXPECT_EQ(config.validationRules.count("event.foo"), 0u);
+        EXPECT_TRUE(log.has(LogLevel::error, "config",
+                            std::string("failed to parse config error=") + row.code + " json=" + json));
+        EXPECT_EQ(log.lines().back().function, "velmora::service::config::ingest::Config::overwriteWith");
+    }
+}
+
+TEST(IngestConfig, RefusesQueueFilesOfNoSize) {
+    const CapturedLog log(LogLevel::warn);
+    ingest::Config config;
+    config.overwriteWith(R"({"reserved": {"filerotation": {
+        "eventFileRotationSize": 0, "invalidEventFileRotationSize": 0, "eventFolderSize": 0}}})");
+    EXPECT_EQ(config.eventFileRotationSize, 10485760u);
+    EXPECT_EQ(config.invalidEventFileRotationSize, 10485760u);
+    EXPECT_EQ(config.eventFolderSize, 0u);
+    EXPECT_EQ(log.messages("config").size(), 2u);
+}
+
+TEST(SessionConfig, StartsWithDefaultsAndReplacesLists) {
+    session::Config config;
+    EXPECT_EQ(config.retryInterval, (std::vector<uint64_t>{30000, 60000, 300000, 900000}));
+    EXPECT_EQ(config.logLevel, LogLevel::info);
+    EXPECT_EQ(config.logFileRetentionPeriod, 7776000000u);
+    EXPECT_EQ(config.identityEndpoints.size(), 2u);
+    EXPECT_EQ(config.identityEndpoints.at(Environment::prod).ttl, 86400000u);
+    EXPECT_NE(config.permissionEndpoints.at(Environment::prod).urn,
+              config.permissionEndpoints.at(Environment::stage).urn);
+    config.overwriteWith(R"({"reserved": {
+        "network": {"pollInterval": 1}, "log": {"prefix": "q", "level": "verbose"},
+        "error": {"retryInterval": [1000, -1, "x", [2], 2000]},
+        "filerotation": {"logFileRotationSize": 0},
+        "permission": {"endpoint": {"qa": {"urn": "http://local"}}},
+        "identity": {"endpoint": {"prod": {"ttl": 4}}, "accountTypeAllowList": []}}})");
+    EXPECT_EQ(config.pollInterval, 1u);
+    EXPECT_EQ(config.logPrefix, "q");
+    EXPECT_EQ(config.logLevel, LogLevel::error);
+    EXPECT_EQ(config.retryInterval, (std::vector<uint64_t>{1000, 2000}));
+    EXPECT_EQ(config.logFileRotationSize, 0u);
+    EXPECT_EQ(config.permissionEndpoints.at(Environment::stage).urn, "http://local");
+    EXPECT_EQ(config.permissionEndpoints.at(Environment::stage).ttl, 86400000u);
+    EXPECT_EQ(config.identityEndpoints.at(Environment::prod).ttl, 4u);
+    EXPECT_TRUE(config.accountTypeAllowList.empty());
+    EXPECT_EQ(session::baseUrl(config.permissionEndpoints, Environment::stage), "http://local");
+    EXPECT_EQ(session::baseUrl(config.identityEndpoints, Environment::prod).find("https://"), 0u);
+    EXPECT_THROW((void)session::baseUrl(config.reservedEndpoints, Environment::prod), std::out_of_range);
+}
+
+TEST(SessionConfig, WaitsLongerWithEachAttemptAndNeverIndexesAnEmptyList) {
+    EXPECT_EQ(session::retryWait({10, 20}, 0, 0), 10u);
+    EXPECT_EQ(session::retryWait({10, 20}, 15, 1), 20u);
+    EXPECT_EQ(session::retryWait({10, 20}, 25, 7), 25u);
+    EXPECT_EQ(session::retryWait({10, 20}, 0, UINT32_MAX), 20u);
+    EXPECT_EQ(session::retryWait({}, 0, 3), 30000u);
+    EXPECT_EQ(session::retryWait({}, 5, 3), 5u);
+}
+
+TEST(Configs, SurviveDamagedDocuments) {
+    const unsigned seed = std::random_device()();
+    SCOPED_TRACE("seed " + std::to_string(seed));
+    std::mt19937 random(seed);
+    const std::string whole = R"({"setup":{"ingest":{"project":"p","consent":"true"}},"reserved":{"validation":{"rules":
+        {"a.b":{"pattern":"^(?:[A-Z]\\s*)+$"}}},"event":{"standardKeyPrefixes":["x."],"batchSize":1},
+        "error":{"retryInterval":[1,2]},"identity":{"endpoint":{"prod":{"urn":"u","ttl":1}}}}})";
+    for (int round = 0; round < 2000; ++round) {
+        std::string text = whole;
+        for (size_t changes = 1 + random() % 4; changes > 0; --changes) {
+            text[random() % text.size()] = "{}[]\",:\\(*+1a"[random() % 13];
+        }
+        ingest::Config().overwriteWith(text.substr(random() % 2 ? 0 : random() % text.size()));
+        session::Config().overwriteWith(text.substr(0, random() % 4 ? text.size() : random() % text.size()));
+    }
+}
+
+}  // namespace
+}  // namespace velmora::service::config

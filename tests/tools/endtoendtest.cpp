@@ -1,0 +1,202 @@
+// From the command line, or from an example host, through the library and real HTTP to the collector.
+#include <gtest/gtest.h>
+#include <httplib.h>
+#include <rapidjson/document.h>
+
+#include <boost/process.hpp>
+#include <chrono>
+#include <fstream>
+#include <set>
+#include <sstream>
+
+#include "tests/support/tempfolder.h"
+#include "tools/velmora/collector.h"
+
+namespace velmora::tool {
+namespace {
+
+namespace bp = boost::process;
+
+struct Run {
+    int exitCode = -1;
+    std::string output;
+};
+
+class EndToEnd : public testing::Test {
+protected:
+    EndToEnd() { startCollector(); }
+
+    void startCollector(int port = 0, const std::string& trackingFlag = "PII") {
+        CollectorOptions options;
+        options.port = port;
+        options.store = folder_.string() + "/events.db";
+        options.quiet = true;
+        options.trackingFlag = trackingFlag;
+        collector_ = std::make_unique<Collector>(options);
+        collector_->start();
+        url_ = collector_->url();
+    }
+
+    static Run run(const std::string& program, const std::vector<std::string>& arguments, const std::string& home) {
+        bp::ipstream output;
+        bp::environment environment = boost::this_process::environment();
+        environment["XDG_DATA_HOME"] = home;
+        environment["TMPDIR"] = home;
+        bp::child child(program, bp::args(arguments), environment, bp::std_out > output, bp::std_in < bp::null);
+        std::stringstream text;
+        text << output.rdbuf();
+        child.wait();
+        return {child.exit_code(), text.str()};
+    }
+
+    Run send(std::vector<std::string> more) const {
+        std::vector<std::string> arguments{"send", "--endpoint", url_, "--data-root", root()};
+        for (const char* fast : {"retryInterval=[100,200]", "batchSize=20"}) {
+            arguments.emplace_back("--config");
+            arguments.emplace_back(fast);
+        }
+        arguments.insert(arguments.end(), more.begin(), more.end());
+        return run(VELMORA_TOOL, arguments, folder_.string());
+    }
+
+    std::string root() const { return folder_.string() + "/root"; }
+
+    std::string write(const std::string& name, const std::string& text) const {
+        const std::string path = folder_.string() + "/" + name;
+        std::ofstream(path) << text;
+        return path;
+    }
+
+    std::string writeEvents(int count) const {
+        std::string text;
+        for (int i = 0; i < count; ++i)
+            text += R"({"event.workflow":"Count","event.type":"success","event.value":")" + std::to_string(i) + "\"}\n";
+        return write("events.jsonl", text);
+    }
+
+    rapidjson::Document get(const std::string& path) const {
+        httplib::Client client("127.0.0.1", collector_->port());
+        rapidjson::Document document;
+        const auto result = client.Get(path);
+        EXPECT_TRUE(result && result->status == 200) << path;
+        if (result) document.Parse(result->body);
+        return document;
+    }
+
+    std::vector<std::string> values(const std::string& query) const {
+        std::vector<std::string> found;
+        const rapidjson::Document answer = get("/events?limit=100000&" + query);
+        for (const auto& event : answer["events"].GetArray())
+            found.emplace_back(event["event"]["data"]["event.value"].GetString());
+        return found;
+    }
+
+    std::set<std::string> guids() const {
+        std::set<std::string> found;
+        const rapidjson::Document answer = get("/events?limit=100000");
+        for (const auto& event : answer["events"].GetArray()) found.insert(event["guid"].GetString());
+        return found;
+    }
+
+    test::TempFolder folder_;
+    std::unique_ptr<Collector> collector_;
+    std::string url_;
+};
+
+std::vector<std::string> numbers(int count) {
+    std::vector<std::string> all;
+    for (int i = 0; i < count; ++i) all.push_back(std::to_string(i));
+    return all;
+}
+
+TEST_F(EndToEnd, EveryEventArrivesOnceAndInOrder) {
+    const Run sent = send({writeEvents(333)});
+    EXPECT_EQ(sent.exitCode, 0) << sent.output;
+    EXPECT_EQ(sent.output, "accepted=333 rejected=0 found=0 delivered=333 left=0\n");
+    EXPECT_EQ(values("event.workflow=Count"), numbers(333));
+}
+
+TEST_F(EndToEnd, RejectedLinesAreCountedAndTheOthersArrive) {
+    const std::string input =
+        write("mixed.jsonl",
+              "{\"event.value\":\"a\",\"event.workflow\":\"Mixed\"}\n\nno JSON\n"
+              "{\"event.type\":\"BAD TYPE\"}\n{\"event.value\":\"b\",\"event.workflow\":\"Mixed\"}\n");
+    const Run sent = send({input});
+    EXPECT_EQ(sent.exitCode, 1);
+    EXPECT_EQ(sent.output, "accepted=2 rejected=2 found=0 delivered=2 left=0\n");
+    EXPECT_EQ(values("event.workflow=Mixed"), (std::vector<std::string>{"a", "b"}));
+}
+
+TEST_F(EndToEnd, AServiceThatIsAwayGetsTheEventsLater) {
+    const int port = collector_->port();
+    collector_.reset();
+    const std::string journal = folder_.string() + "/journal";
+    const Run away = send({writeEvents(100), "--journal", journal, "--timeout", "1"});
+    EXPECT_EQ(away.exitCode, 1);
+    EXPECT_EQ(away.output, "accepted=100 rejected=0 found=0 delivered=0 left=100\n");
+
+    startCollector(port);
+    const Run later = send({write("empty", "")});
+    EXPECT_EQ(later.exitCode, 0);
+    EXPECT_EQ(later.output, "accepted=0 rejected=0 found=100 delivered=100 left=0\n");
+    EXPECT_EQ(values("event.workflow=Count"), numbers(100));
+
+    const auto arrived = guids();
+    std::ifstream accepted(journal);
+    size_t lines = 0;
+    for (std::string guid; std::getline(accepted, guid); ++lines) EXPECT_EQ(arrived.count(guid), 1U) << guid;
+    EXPECT_EQ(lines, 100U);
+}
+
+TEST_F(EndToEnd, ServicesThatMisbehaveLoseNothing) {
+    for (const char* script : {R"({"fail":3,"status":503,"retryAfter":1})", R"({"fail":3,"drop":true})",
+                               R"({"fail":2,"status":429})", R"({"fail":1,"delayMs":300})"}) {
+        SCOPED_TRACE(script);
+        const size_t before = values("event.workflow=Count").size();
+        collector_->playScript(script);
+        const Run sent = send({writeEvents(100)});
+        EXPECT_EQ(sent.exitCode, 0) << sent.output;
+        EXPECT_EQ(values("event.workflow=Count").size(), before + 100);
+    }
+}
+
+TEST_F(EndToEnd, SignedInEventsCarryTheIdentity) {
+    const Run sent = send({writeEvents(10), "--auth", "--token", "secret-token"});
+    EXPECT_EQ(sent.exitCode, 0) << sent.output;
+    EXPECT_EQ(values("event.workflow=Count&event.user_guid=local-user@example").size(), 10U);
+}
+
+TEST_F(EndToEnd, AnyTextCanBeSentLineByLine) {
+    const Run sent = send({"--lines", "Text", write("text", "plain\n{\"looks\":\"like JSON\"}\n\xff\"\\\n")});
+    EXPECT_EQ(sent.exitCode, 0) << sent.output;
+    EXPECT_EQ(values("event.workflow=Text"), (std::vector<std::string>{"plain", R"({"looks":"like JSON"})", "?\"\\"}));
+}
+
+TEST_F(EndToEnd, DirectEventsGoAtOnce) {
+    const Run sent = send({writeEvents(20), "--direct"});
+    EXPECT_EQ(sent.exitCode, 0) << sent.output;
+    EXPECT_EQ(values("event.workflow=Count").size(), 20U);
+}
+
+TEST_F(EndToEnd, WrongUsageAndMissingInput) {
+    EXPECT_EQ(send({"/nonexistent"}).exitCode, 2);
+    EXPECT_EQ(send({"--config", "noSuchName=1", write("empty", "")}).exitCode, 2);
+    EXPECT_EQ(send({"--no-such-option"}).exitCode, 2);
+}
+
+#ifdef VELMORA_EXAMPLE_C
+TEST_F(EndToEnd, ExampleHostsDeliver) {
+    const Run c = run(VELMORA_EXAMPLE_C, {url_}, folder_.string());
+    EXPECT_EQ(c.exitCode, 0) << c.output;
+    EXPECT_EQ(get("/events?project=example-c&event.workflow=Export")["total"].GetInt(), 100);
+    const Run cpp = run(VELMORA_EXAMPLE_CPP, {url_}, folder_.string());
+    EXPECT_EQ(cpp.exitCode, 0) << cpp.output;
+    EXPECT_EQ(get("/events?project=example-cpp&event.workflow=Export&source.name=example")["total"].GetInt(), 51);
+
+    collector_.reset();
+    EXPECT_EQ(run(VELMORA_EXAMPLE_CPP, {url_}, folder_.string()).exitCode, 1);
+}
+#endif
+
+}  // namespace
+}  // namespace velmora::tool
