@@ -85,7 +85,7 @@ void CaptureSet::combine() {
         pattern += "(?<" + name + ">" + escaped(value.text) + ")";
     }
     expression_.assign(pattern);
-    combined_ = {};  // a match that fails leaves what it is given as it was
+    combined_ = boost::smatch();  // a match that fails leaves what it is given as it was
     boost::regex_match(subject_, combined_, expression_);
     compiled_ = true;
 }
