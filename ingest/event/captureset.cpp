@@ -62,8 +62,12 @@ const CaptureSet::Capture* CaptureSet::named(const std::string& name) const {
     return it == named_.end() ? nullptr : &it->second;
 }
 
-std::string CaptureSet::format(const std::string& format) {
+void CaptureSet::prepare() {
     if (!compiled_) combine();
+}
+
+std::string CaptureSet::format(const std::string& format) {
+    prepare();
     return combined_.format(format, boost::format_perl);
 }
 
@@ -81,6 +85,7 @@ void CaptureSet::combine() {
         pattern += "(?<" + name + ">" + escaped(value.text) + ")";
     }
     expression_.assign(pattern);
+    combined_ = boost::smatch();  // a match that fails leaves what it is given as it was
     boost::regex_match(subject_, combined_, expression_);
     compiled_ = true;
 }

@@ -51,11 +51,15 @@ public:
     [[nodiscard]] const Capture* named(const std::string& name) const;
     [[nodiscard]] size_t size() const noexcept { return values_.size(); }
 
-    // The format's text by Perl's syntax over all captures. Throws std::length_error for captures of more than
+    // Builds the joint expression of the captures so far. Throws std::length_error for captures of more than
     // kMaxSubject bytes, and what the regular expression library throws.
+    void prepare();
+
+    // The format's text by Perl's syntax over all captures. Throws what prepare() throws, and std::logic_error if names
+    // with a meaning of their own have kept the joint expression from matching.
     [[nodiscard]] std::string format(const std::string& format);
 
-    static constexpr size_t kMaxSubject = size_t{16} << 20;
+    static constexpr size_t kMaxSubject = size_t{4} << 20;
 
 private:
     void combine();

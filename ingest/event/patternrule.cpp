@@ -6,7 +6,7 @@
 namespace velmora {
 namespace {
 
-// Whether "(?<name>" is a group of just that name. Behind "(?<", an equals sign or an exclamation mark begins an
+// Whether "(?<name>" opens a group of just that name. Behind "(?<", an equals sign or an exclamation mark begins an
 // assertion, and ">" ends the name.
 bool isPlainName(std::string_view name) {
     return !name.starts_with('=') && !name.starts_with('!') && name.find('>') == std::string_view::npos;
@@ -28,15 +28,21 @@ public:
     Application(const PatternRule& rule, const rapidjson::Value& document, RuleRun& run)
         : rule_(rule), document_(document), run_(run), isPlain_(rule.hasPlainNames_) {}
 
-    // The expressions of the event's own keys. False if one fails, which only a key with a name that is none can.
+    // The expressions of the event's own keys. False if one fails, which only a key with a name that is none can. Names
+    // with a meaning of their own leave everything to the joint expression.
     [[nodiscard]] bool matchKeys() {
         const auto& members = document_.GetObject();
-        if (std::all_of(members.begin(), members.end(), [](const auto& m) { return isPlainName(viewOf(m.name)); })) {
-            return true;
+        if (!std::all_of(members.begin(), members.end(), [](const auto& m) { return isPlainName(viewOf(m.name)); })) {
+            isPlain_ = false;
+            hasKeys_ = true;
+            if (!std::all_of(members.begin(), members.end(), [&](const auto& m) { return matchKey(m.name); })) {
+                return false;
+            }
         }
-        isPlain_ = false;
-        hasKeys_ = true;
-        return std::all_of(members.begin(), members.end(), [&](const auto& m) { return matchKey(m.name); });
+        if (isPlain_) return true;
+        addKeys();
+        run_.captures.prepare();
+        return true;
     }
 
     // Empty if the format refers to a group that is not defined.

@@ -24,7 +24,7 @@ public:
     [[nodiscard]] bool applyAll(rapidjson::Document& document) const;
 
     // Keeps tables whose rules multiply what they find from eating the host's memory.
-    static constexpr size_t kMaxMemory = size_t{256} << 20;
+    static constexpr size_t kMaxMemory = size_t{64} << 20;
 
 private:
     service::ingest::Mapping mapping_;

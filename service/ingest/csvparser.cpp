@@ -1,7 +1,7 @@
 #include "service/ingest/csvparser.h"
 
+#include <array>
 #include <fstream>
-#include <iterator>
 #include <string_view>
 
 #include "core/filesystem/filesystem.h"
@@ -17,7 +17,11 @@ std::string readFile(const Path& file) {
     if (!Filesystem::open(stream, file, std::ios::in | std::ios::binary)) {
         throw Error(Error::kNotOpened, "failed to open " + file.string());
     }
-    std::string text{std::istreambuf_iterator<char>(stream), std::istreambuf_iterator<char>()};
+    std::string text;
+    std::array<char, 65536> block;
+    while (stream.read(block.data(), block.size()), stream.gcount() > 0) {
+        text.append(block.data(), static_cast<size_t>(stream.gcount()));
+    }
     if (stream.bad()) throw Error(Error::kNotOpened, "failed to open " + file.string());
     return text;
 }

@@ -15,6 +15,7 @@ enum ExitCode : int {
 };
 
 void registerCollect(CLI::App& program, int& exitCode);
+void registerConvert(CLI::App& program, int& exitCode);
 void registerReconcile(CLI::App& program, int& exitCode);
 void registerSend(CLI::App& program, int& exitCode);
 

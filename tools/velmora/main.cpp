@@ -10,6 +10,7 @@ int main(int argc, char** argv) {
     program.require_subcommand(1);
     int exitCode = velmora::tool::kExitOk;
     velmora::tool::registerCollect(program, exitCode);
+    velmora::tool::registerConvert(program, exitCode);
     velmora::tool::registerReconcile(program, exitCode);
     velmora::tool::registerSend(program, exitCode);
     try {
