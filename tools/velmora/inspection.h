@@ -12,7 +12,8 @@
 
 #include "core/filesystem/path.h"
 #include "core/platform/folderlock.h"
-#include "core/queue/queuereader.h"
+#include "core/queue/circularqueueheader.h"
+#include "tools/velmora/recordview.h"
 
 namespace velmora::tool {
 
@@ -22,20 +23,6 @@ struct InspectOptions {
 };
 
 enum class InspectedKind { dataRoot, configuration, instance, store, manifest, part };
-
-enum class RecordForm {
-    plain,           // a JSON object, as it lies on disk
-    deciphered,      // a JSON object under the passphrase
-    undecipherable,  // not under this passphrase
-    enciphered,      // may be; no passphrase was given
-    other,           // neither an event nor its cipher text
-};
-
-struct InspectedRecord {
-    QueueReader::Record place;
-    RecordForm form;
-    std::string json;  // of an event; else empty
-};
 
 struct Inspected {
     InspectedKind kind;
@@ -59,9 +46,5 @@ struct Inspected {
 
 // The number of damaged places in the whole tree.
 [[nodiscard]] uint64_t countDamage(const Inspected& node);
-
-// Text of any origin, fit for a terminal and for JSON: U+FFFD stands for control characters and for bytes that are no
-// UTF-8.
-[[nodiscard]] std::string printable(const std::string& text);
 
 }  // namespace velmora::tool

@@ -12,8 +12,8 @@ namespace velmora::tool {
 void writeText(const Inspected& root, int64_t now, std::ostream& out);
 
 // One document on one line: {"healthy":...,"damaged":...,"events":...,"root":{...}}. Each thing is an object with
-// "kind", "name", "path", "bytes", "events", "lastWrite", "ageSeconds", "hold", "header", "records", "damage", "notes"
-// and "children", as far as it has them.
+// "kind", "name", "path", "hold", "bytes", "events" ("names" in a manifest), "lastWrite", "ageSeconds", "header",
+// "records", "damage", "notes" and "children", as far as it has them.
 void writeJson(const Inspected& root, int64_t now, std::ostream& out);
 
 }  // namespace velmora::tool
