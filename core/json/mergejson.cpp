@@ -28,7 +28,7 @@ void moveMembers(rapidjson::Value& data, rapidjson::Value& extra, Allocator& all
     }
 }
 
-std::string quoted(const std::string& text) { return '"' + text + '"'; }
+void appendQuoted(std::string& out, const std::string& text) { out.append(1, '"').append(text).append(1, '"'); }
 
 }  // namespace
 
@@ -66,7 +66,12 @@ std::unordered_map<std::string, std::string> jsonToStringMap(const std::string& 
 
 std::string stringMapToJson(const std::unordered_map<std::string, std::string>& map) {
     std::string json;
-    for (const auto& [key, value] : map) json += (json.empty() ? "{" : ",") + quoted(key) + ":" + quoted(value);
+    for (const auto& [key, value] : map) {
+        json += json.empty() ? '{' : ',';
+        appendQuoted(json, key);
+        json += ':';
+        appendQuoted(json, value);
+    }
     return json.empty() ? "{}" : json + "}";
 }
 

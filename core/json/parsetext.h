@@ -66,8 +66,8 @@ private:
 
 constexpr std::string_view kByteOrderMark = "\xEF\xBB\xBF";
 
-// Without recursion, and with every digit of a number taken into account.
-constexpr unsigned kParseFlags = rapidjson::kParseIterativeFlag | rapidjson::kParseFullPrecisionFlag;
+// Without recursion. Not with full precision: RapidJSON 1.1 then normalises zeros such as 0e-30 by undefined behaviour.
+constexpr unsigned kParseFlags = rapidjson::kParseIterativeFlag;
 
 // Runs the reader over a text, behind its byte order mark. Offsets in the result count from the start of the text.
 template <typename Handler>

@@ -148,6 +148,7 @@ void QueueFile::pushBytes(std::string_view bytes) {
 uint64_t QueueFile::makeRoom(uint64_t recordSize) {
     if (const auto offset = placeInRing(header_, recordSize)) return *offset;
     if (recordSize > header_.capacity - header_.overflowWriteOffset) {
+        if (header_.capacity > fileSize_ - kQueueHeaderSize) fail("write-failed");
         const uint64_t capacity = header_.capacity + std::max(recordSize, kQueueMinimumGrowth);
         resize(capacity);
         header_.capacity = capacity;
@@ -155,19 +156,21 @@ uint64_t QueueFile::makeRoom(uint64_t recordSize) {
     return header_.overflowWriteOffset;
 }
 
+void QueueFile::fail(const char* what) {
+    failed_ = true;
+    throw FQException(FQError::file_corrupt, what);
+}
+
 void QueueFile::writeData(std::string_view bytes, uint64_t offset) {
     if (writeRecord(bytes, offset)) return;
     VELMORA_LOG(error, "fq") << "Failed to write data of len=" << bytes.size() << " at offset=" << offset;
-    throw FQException(FQError::file_corrupt, "write-failed");
+    fail("write-failed");
 }
 
 bool QueueFile::writeRecord(std::string_view bytes, uint64_t offset) {
     const auto length = static_cast<QueueRecordLength>(bytes.size());
     const uint64_t dataSize = fileSize_ - kQueueHeaderSize;
-    if (offset > dataSize || kQueueLengthSize + length > dataSize - offset) {  // out of a damaged header
-        failed_ = true;
-        return false;
-    }
+    if (offset > dataSize || kQueueLengthSize + length > dataSize - offset) return false;  // out of a damaged header
     const uint64_t position = kQueueHeaderSize + offset;
     if (bytes.size() > kOneWriteLimit) {
         return write(position, &length, sizeof length) && write(position + sizeof length, bytes.data(), bytes.size());
@@ -198,9 +201,8 @@ void QueueFile::readData(std::string& buffer, QueueRecordLength& length, uint64_
         buffer.resize(length);
         if (ahead.read(position + sizeof length, buffer.data(), length)) return;
     }
-    failed_ = true;
     VELMORA_LOG(error, "fq") << "Failed to read data of len=" << length << " at offset=" << offset;
-    throw FQException(FQError::file_corrupt, "read-failed");
+    fail("read-failed");
 }
 
 void QueueFile::popRecords(uint64_t count) {

@@ -77,6 +77,7 @@ private:
     bool readHeader(Header& header);
     bool writeHeader(const Header& header);
     bool writeMagic();
+    [[noreturn]] void fail(const char* what);
     uint64_t makeRoom(uint64_t recordSize);
     void writeData(std::string_view bytes, uint64_t offset);
     bool writeRecord(std::string_view bytes, uint64_t offset);

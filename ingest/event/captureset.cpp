@@ -77,12 +77,12 @@ void CaptureSet::combine() {
     for (const Capture& value : values_) {
         if (subject_.size() + value.text.size() > kMaxSubject) throw std::length_error("captures too long");
         subject_ += value.text;
-        pattern += "(" + escaped(value.text) + ")";
+        pattern.append("(").append(escaped(value.text)).append(")");
     }
     for (const auto& [name, value] : named_) {
         if (subject_.size() + value.text.size() > kMaxSubject) throw std::length_error("captures too long");
         subject_ += value.text;
-        pattern += "(?<" + name + ">" + escaped(value.text) + ")";
+        pattern.append("(?<").append(name).append(">").append(escaped(value.text)).append(")");
     }
     expression_.assign(pattern);
     combined_ = boost::smatch();  // a match that fails leaves what it is given as it was

@@ -17,7 +17,7 @@ namespace {
 
 namespace bp = boost::process;
 
-struct Run {
+struct Outcome {
     int exitCode = -1;
     std::string output;
 };
@@ -37,7 +37,7 @@ protected:
         url_ = collector_->url();
     }
 
-    static Run run(const std::string& program, const std::vector<std::string>& arguments, const std::string& home) {
+    static Outcome run(const std::string& program, const std::vector<std::string>& arguments, const std::string& home) {
         bp::ipstream output;
         bp::environment environment = boost::this_process::environment();
         environment["XDG_DATA_HOME"] = home;
@@ -49,7 +49,7 @@ protected:
         return {child.exit_code(), text.str()};
     }
 
-    Run send(std::vector<std::string> more) const {
+    Outcome send(std::vector<std::string> more) const {
         std::vector<std::string> arguments{"send", "--endpoint", url_, "--data-root", root()};
         for (const char* fast : {"retryInterval=[100,200]", "batchSize=20"}) {
             arguments.emplace_back("--config");
@@ -110,7 +110,7 @@ std::vector<std::string> numbers(int count) {
 }
 
 TEST_F(EndToEnd, EveryEventArrivesOnceAndInOrder) {
-    const Run sent = send({writeEvents(333)});
+    const Outcome sent = send({writeEvents(333)});
     EXPECT_EQ(sent.exitCode, 0) << sent.output;
     EXPECT_EQ(sent.output, "accepted=333 rejected=0 found=0 delivered=333 left=0\n");
     EXPECT_EQ(values("event.workflow=Count"), numbers(333));
@@ -121,7 +121,7 @@ TEST_F(EndToEnd, RejectedLinesAreCountedAndTheOthersArrive) {
         write("mixed.jsonl",
               "{\"event.value\":\"a\",\"event.workflow\":\"Mixed\"}\n\nno JSON\n"
               "{\"event.type\":\"BAD TYPE\"}\n{\"event.value\":\"b\",\"event.workflow\":\"Mixed\"}\n");
-    const Run sent = send({input});
+    const Outcome sent = send({input});
     EXPECT_EQ(sent.exitCode, 1);
     EXPECT_EQ(sent.output, "accepted=2 rejected=2 found=0 delivered=2 left=0\n");
     EXPECT_EQ(values("event.workflow=Mixed"), (std::vector<std::string>{"a", "b"}));
@@ -131,12 +131,12 @@ TEST_F(EndToEnd, AServiceThatIsAwayGetsTheEventsLater) {
     const int port = collector_->port();
     collector_.reset();
     const std::string journal = folder_.string() + "/journal";
-    const Run away = send({writeEvents(100), "--journal", journal, "--timeout", "1"});
+    const Outcome away = send({writeEvents(100), "--journal", journal, "--timeout", "1"});
     EXPECT_EQ(away.exitCode, 1);
     EXPECT_EQ(away.output, "accepted=100 rejected=0 found=0 delivered=0 left=100\n");
 
     startCollector(port);
-    const Run later = send({write("empty", "")});
+    const Outcome later = send({write("empty", "")});
     EXPECT_EQ(later.exitCode, 0);
     EXPECT_EQ(later.output, "accepted=0 rejected=0 found=100 delivered=100 left=0\n");
     EXPECT_EQ(values("event.workflow=Count"), numbers(100));
@@ -154,28 +154,30 @@ TEST_F(EndToEnd, ServicesThatMisbehaveLoseNothing) {
         SCOPED_TRACE(script);
         const size_t before = values("event.workflow=Count").size();
         collector_->playScript(script);
-        const Run sent = send({writeEvents(100)});
+        const Outcome sent = send({writeEvents(100)});
         EXPECT_EQ(sent.exitCode, 0) << sent.output;
         EXPECT_EQ(values("event.workflow=Count").size(), before + 100);
     }
 }
 
 TEST_F(EndToEnd, SignedInEventsCarryTheIdentity) {
-    const Run sent = send({writeEvents(10), "--auth", "--token", "secret-token"});
+    const Outcome sent = send({writeEvents(10), "--auth", "--token", "secret-token"});
     EXPECT_EQ(sent.exitCode, 0) << sent.output;
     EXPECT_EQ(values("event.workflow=Count&event.user_guid=local-user@example").size(), 10U);
 }
 
 TEST_F(EndToEnd, AnyTextCanBeSentLineByLine) {
-    const Run sent = send({"--lines", "Text", write("text", "plain\n{\"looks\":\"like JSON\"}\n\xff\"\\\n")});
+    const Outcome sent = send({"--lines", "Text", write("text", "plain\n{\"looks\":\"like JSON\"}\n\xff\"\\\n")});
     EXPECT_EQ(sent.exitCode, 0) << sent.output;
     EXPECT_EQ(values("event.workflow=Text"), (std::vector<std::string>{"plain", R"({"looks":"like JSON"})", "?\"\\"}));
 }
 
-TEST_F(EndToEnd, DirectEventsGoAtOnce) {
-    const Run sent = send({writeEvents(20), "--direct"});
+// An event whose answer is still out when the sender stops is sent again: it may arrive twice, never not at all.
+TEST_F(EndToEnd, DirectEventsAllArrive) {
+    const Outcome sent = send({writeEvents(20), "--direct"});
     EXPECT_EQ(sent.exitCode, 0) << sent.output;
-    EXPECT_EQ(values("event.workflow=Count").size(), 20U);
+    const auto arrived = values("event.workflow=Count");
+    EXPECT_EQ(std::set<std::string>(arrived.begin(), arrived.end()).size(), 20U);
 }
 
 TEST_F(EndToEnd, WrongUsageAndMissingInput) {
@@ -186,10 +188,10 @@ TEST_F(EndToEnd, WrongUsageAndMissingInput) {
 
 #ifdef VELMORA_EXAMPLE_C
 TEST_F(EndToEnd, ExampleHostsDeliver) {
-    const Run c = run(VELMORA_EXAMPLE_C, {url_}, folder_.string());
+    const Outcome c = run(VELMORA_EXAMPLE_C, {url_}, folder_.string());
     EXPECT_EQ(c.exitCode, 0) << c.output;
     EXPECT_EQ(get("/events?project=example-c&event.workflow=Export")["total"].GetInt(), 100);
-    const Run cpp = run(VELMORA_EXAMPLE_CPP, {url_}, folder_.string());
+    const Outcome cpp = run(VELMORA_EXAMPLE_CPP, {url_}, folder_.string());
     EXPECT_EQ(cpp.exitCode, 0) << cpp.output;
     EXPECT_EQ(get("/events?project=example-cpp&event.workflow=Export&source.name=example")["total"].GetInt(), 51);
 

@@ -83,8 +83,7 @@ void addDeliveryOptions(CLI::App& command, SendArguments& arguments) {
     command.add_option("--environment", options.environment)->transform(CLI::CheckedTransformer(environments));
     command.add_option("--token", options.token, "Access token of the signed-in user");
     command.add_option("--config", arguments.config, "NAME=VALUE, for example batchSize=10; repeatable")
-        ->expected(1)
-        ->take_all();
+        ->allow_extra_args(false);
     command.add_option("--data-root", options.dataRoot, "Folder for queues and logs instead of the user's");
     command.add_option("--ca-bundle", options.caBundle, "File of trusted certificates");
     command.add_option("--proxy", options.proxy, "URL of a proxy; none if --endpoint is given without it");

@@ -150,11 +150,19 @@ void submitAll(const SendOptions& options, const Instance& instance, std::istrea
     }
 }
 
-void deliver(const SendOptions& options, const Instance& instance) {
-    const auto deadline = Clock::now() + options.timeout;
+void deliver(const Instance& instance, Clock::time_point deadline) {
     while (!stopWanted() && velmora_ingest_flush(instance.handle(), nullptr, nullptr) != VELMORA_OK) {
         if (Clock::now() >= deadline) return;
         std::this_thread::sleep_for(kRetryPause);
+    }
+}
+
+// A flush knows of what is queued; events on their way at once come back to the queue when the instance stops before
+// their answer. A fresh instance delivers those.
+void deliverWhatCameBack(const SendOptions& options, Clock::time_point deadline) {
+    while (!stopWanted() && Clock::now() < deadline && countEventsOnDisk(options.configGuid) > 0) {
+        const Instance instance(options.configGuid);
+        deliver(instance, deadline);
     }
 }
 
@@ -162,9 +170,14 @@ void run(const SendOptions& options, std::istream& input, SendReport& report) {
     Journal journal(options.journal);
     const HttpStack stack(options);
     configure(options);
-    const Instance instance(options.configGuid);
-    submitAll(options, instance, input, journal, report);
-    if (options.flush) deliver(options, instance);
+    Clock::time_point deadline;
+    {
+        const Instance instance(options.configGuid);
+        submitAll(options, instance, input, journal, report);
+        deadline = Clock::now() + options.timeout;
+        if (options.flush) deliver(instance, deadline);
+    }
+    if (options.flush) deliverWhatCameBack(options, deadline);
 }
 
 }  // namespace

@@ -96,6 +96,7 @@ TEST(QueueStorageFaults, EveryFailureStopsTheQueueAndLosesNothingCommitted) {
             }
         }
         wasHit = files.wasHit();
+        files.failAfter(0, 0);
         EXPECT_EQ(raised.has_value(), wasHit);
         if (raised) {
             EXPECT_THROW(queue.pushRecord("refused"), FQException);
@@ -161,19 +162,20 @@ TEST(QueueStorageDamage, AnyDamagedByteIsSurvived) {
         const uint64_t maximumSize = sound.size() == 400 ? 400 : QueueFile::kUnlimited;
         const TempFolder folder;
         for (size_t at = 0; at < sound.size(); ++at) {
-            for (const int flip : {0x01, 0x80, 0xFF}) {
+            for (const int flip : {0x01, 0xFF}) {
+                const Path path = folder / ("queue" + std::to_string(at) + "-" + std::to_string(flip));
                 SCOPED_TRACE(std::string(name) + " byte " + std::to_string(at) + " flip " + std::to_string(flip));
                 std::string damaged = sound;
                 damaged[at] = static_cast<char>(damaged[at] ^ flip);
-                test::writeFile(folder / "queue", damaged);
+                test::writeFile(path.native(), damaged);
 
-                QueueReader reader(folder / "queue");
+                QueueReader reader(path);
                 uint64_t records = 0;
                 while (reader.next()) ++records;
                 EXPECT_TRUE(!reader.damage().empty() || records == reader.recordCount());
-                EXPECT_EQ(test::readFile(folder / "queue"), damaged);
+                EXPECT_EQ(test::readFile(path.native()), damaged);
 
-                QueueStorage<std::string> queue(folder / "queue", maximumSize, platform::openSystemFile);
+                QueueStorage<std::string> queue(path, maximumSize, platform::openSystemFile);
                 try {
                     peekAll(queue);
                     queue.popRecords(1);
@@ -184,7 +186,7 @@ TEST(QueueStorageDamage, AnyDamagedByteIsSurvived) {
                     queue.pushRecord("works again");
                     EXPECT_EQ(queue.recordCount(), 1U);
                 }
-                EXPECT_LE(test::readFile(folder / "queue").size(), sound.size() + 80);
+                ASSERT_LE(path.fileSize(), sound.size() + 80);
             }
         }
     }

@@ -1,0 +1,418 @@
+#include "ingest/main/pipeline.h"
+
+#include <gtest/gtest.h>
+
+#include <functional>
+#include <thread>
+
+#include "core/types/errors.h"
+#include "core/utils/waitfor.h"
+#include "tests/support/fakehost.h"
+#include "tests/support/fakesession.h"
+#include "tests/support/manualpools.h"
+#include "tests/support/tempfolder.h"
+
+namespace velmora {
+namespace {
+
+using namespace std::chrono_literals;
+using debug::Action;
+using debug::Item;
+using debug::Reason;
+using test::Answer;
+using test::FakeHost;
+
+std::string event(int i) { return "{\"data\":{\"n\":" + std::to_string(i) + "}}"; }
+
+std::string batchOf(int from, int to) {
+    std::string body = "{\"events\":[";
+    for (int i = from; i < to; ++i) body += (i == from ? "\n" : ",\n") + event(i);
+    return body + "\n]}";
+}
+
+class PipelineTest : public testing::Test {
+protected:
+    using Report = std::tuple<PipelineKind, Item, Action, Reason>;
+
+    PipelineTest() {
+        session_.config.batchSize = 3;
+        session_.config.batchInterval = 30000;
+        provider_ = std::make_unique<IngestConfigProvider>(
+            "guid", [this](const std::string&) { return session_.config; }, nullptr);
+    }
+
+    ~PipelineTest() override {
+        host_.release();
+        close();
+    }
+
+    void reconfigure(const std::function<void(service::config::ingest::Config&)>& change) {
+        change(session_.config);
+        provider_->refresh();
+    }
+
+    Pipeline& open(PipelineKind kind = PipelineKind::anon) {
+        const Path folder = Path(folder_.path()) / "7" / storeFolderName(kind);
+        pipeline_ = std::make_unique<Pipeline>(session_, *provider_, folder, DropCallback(), "main", kind);
+        pipeline_->setEventTransform([](std::string text, bool) { return text; });
+        pipeline_->setDebugCallback(
+            [this](const std::string& name, PipelineKind k, Item i, Action a, Reason r, uint64_t count) {
+                EXPECT_EQ(name, "7");
+                counts_[{k, i, a, r}] += count;
+            });
+        pipeline_->setBatchErrorCallback([this](const std::error_code& error, const std::vector<std::string>& valid,
+                                                const std::vector<std::string>& invalid) {
+            givenUp_.push_back({error, valid, invalid});
+        });
+        return *pipeline_;
+    }
+
+    void close() { pipeline_.reset(); }
+
+    void submit(int from, int to) {
+        for (int i = from; i < to; ++i) pipeline_->submitEvent(event(i), true);
+    }
+
+    // Runs tasks until the condition holds; answers of the host come from its own threads meanwhile.
+    bool drive(const std::function<bool()>& condition) {
+        const auto deadline = std::chrono::steady_clock::now() + test::kPatience;
+        while (std::chrono::steady_clock::now() < deadline) {
+            pools_.runAll();
+            if (condition()) return true;
+            std::this_thread::sleep_for(1ms);
+        }
+        return false;
+    }
+
+    bool driveToSends(size_t count) {
+        return drive([=, this] { return host_.sends() >= count; });
+    }
+
+    bool driveToCompletions(size_t count) {
+        const bool completed = drive([=, this] { return host_.waitForCompletions(count, 0ms); });
+        pools_.runAll();
+        return completed;
+    }
+
+    std::string sent(size_t index) { return host_.requests().at(index).text(); }
+    uint64_t counted(Item item, Action action, Reason reason, PipelineKind kind = PipelineKind::anon) {
+        return counts_[{kind, item, action, reason}];
+    }
+
+    struct GivenUp {
+        std::error_code error;
+        std::vector<std::string> valid;
+        std::vector<std::string> invalid;
+    };
+
+    test::TempFolder folder_;
+    test::ManualPools pools_;
+    FakeHost host_;
+    test::FakeSession session_;
+    std::unique_ptr<IngestConfigProvider> provider_;
+    std::map<Report, uint64_t> counts_;
+    std::vector<GivenUp> givenUp_;
+    std::unique_ptr<Pipeline> pipeline_;
+};
+
+using PipelineBatches = PipelineTest;
+
+TEST_F(PipelineBatches, GoOutWhenFullOrAtTheIntervalAndLeaveTheStoreAfterTheAnswer) {
+    open().changeState(PipelineState::On);
+    host_.hold();
+    submit(0, 2);
+    pools_.runAll();
+    EXPECT_EQ(host_.sends(), 0U) << "not full yet";
+    submit(2, 4);
+    ASSERT_TRUE(driveToSends(1));
+    ASSERT_TRUE(host_.waitForRequests(1));
+    EXPECT_EQ(sent(0), batchOf(0, 3));
+    const test::HostRequest request = host_.requests().at(0);
+    EXPECT_EQ(request.verb, VELMORA_HTTP_POST);
+    EXPECT_EQ(request.headers.at("x-api-key"), "unknown-api-key");
+    EXPECT_EQ(pipeline_->size(), 4U) << "not before the answer";
+    host_.release();
+    ASSERT_TRUE(drive([&] { return pipeline_->size() == 1; }));
+    pools_.advance(30000ms);
+    ASSERT_TRUE(driveToCompletions(2));
+    EXPECT_EQ(sent(1), batchOf(3, 4));
+    EXPECT_EQ(pipeline_->size(), 0U);
+    EXPECT_EQ(counted(Item::event, Action::sent, Reason::success), 4U);
+    EXPECT_EQ(counted(Item::http, Action::request, Reason::success), 2U);
+}
+
+TEST_F(PipelineBatches, EndAtTheBoundaryOfAPartFile) {
+    reconfigure([](auto& config) {
+        config.batchSize = 50;
+        config.encryptionEnabled = false;
+        config.eventFileRotationSize = 40 * (event(10).size() + 4);
+    });
+    open();
+    submit(10, 70);
+    pipeline_->changeState(PipelineState::On);
+    ASSERT_TRUE(driveToCompletions(1));
+    EXPECT_EQ(sent(0), batchOf(10, 50));
+    pools_.advance(30000ms);
+    ASSERT_TRUE(driveToCompletions(2));
+    EXPECT_EQ(sent(1), batchOf(50, 70));
+}
+
+TEST_F(PipelineBatches, LieEncipheredOnDiskAndPassOverRecordsThatCannotBeDeciphered) {
+    reconfigure([](auto& config) { config.encryptionPassphrase = "another"; });
+    open();
+    submit(0, 2);
+    close();
+    reconfigure([](auto& config) {
+        config.encryptionPassphrase = "cobalt";
+        config.batchSize = 4;
+    });
+    open();
+    EXPECT_EQ(pipeline_->size(), 2U) << "survives the line";
+    submit(2, 4);
+    pipeline_->changeState(PipelineState::On);
+    ASSERT_TRUE(driveToCompletions(1));
+    EXPECT_EQ(sent(0), batchOf(2, 4));
+    ASSERT_EQ(givenUp_.size(), 1U);
+    EXPECT_FALSE(givenUp_[0].error);
+    EXPECT_TRUE(givenUp_[0].valid.empty());
+    ASSERT_EQ(givenUp_[0].invalid.size(), 2U);
+    EXPECT_EQ(givenUp_[0].invalid[0], Crypt("another").encrypt(event(0))) << "in stored form";
+    EXPECT_EQ(pipeline_->size(), 0U);
+    EXPECT_EQ(counted(Item::event, Action::sent, Reason::success), 2U);
+}
+
+using PipelineStates = PipelineTest;
+
+TEST_F(PipelineStates, SaveOnlyStoresOffRefusesAndOptOutDiscardsTheLinesOfTheUser) {
+    for (const auto& [kind, discards] : {std::pair(PipelineKind::meta, false),
+                                         {PipelineKind::auth_invalid, true},
+                                         {PipelineKind::auth, true},
+                                         {PipelineKind::anon_invalid, false},
+                                         {PipelineKind::anon, false}}) {
+        SCOPED_TRACE(pipelineKindToString(kind));
+        open(kind);
+        submit(0, 5);
+        pipeline_->submitEvent("", true);
+        EXPECT_EQ(pipeline_->size(), 5U);
+        pipeline_->changeState(PipelineState::Off);
+        pools_.runAll();
+        EXPECT_EQ(pipeline_->size(), discards ? 0U : 5U);
+        EXPECT_EQ(counted(Item::event, Action::discarded, Reason::opt_out, kind), discards ? 5U : 0U);
+        try {
+            pipeline_->submitEvent(event(9), true);
+            FAIL() << "Off takes nothing";
+        } catch (const std::system_error& e) {
+            EXPECT_EQ(e.code(), VelmoraError::opt_out);
+        }
+        pipeline_->changeState(PipelineState::SaveOnly);
+        pipeline_->submitEvent(event(9), false);
+        EXPECT_EQ(pipeline_->size(), discards ? 1U : 6U);
+        EXPECT_EQ(host_.sends(), 0U);
+    }
+}
+
+TEST_F(PipelineStates, LeavingOnForgetsTheBatchOnTheWireAndItsLateAnswerPopsNothing) {
+    open().changeState(PipelineState::On);
+    host_.hold();
+    host_.onCancel(test::OnCancel::ignored);
+    submit(0, 3);
+    ASSERT_TRUE(driveToSends(1));
+    ASSERT_TRUE(host_.waitForRequests(1));
+    pipeline_->changeState(PipelineState::SaveOnly);
+    host_.release(1);
+    ASSERT_TRUE(driveToCompletions(1));
+    EXPECT_EQ(pipeline_->size(), 3U) << "the answer comes too late";
+    submit(3, 4);
+    pipeline_->changeState(PipelineState::On);
+    ASSERT_TRUE(driveToSends(2));
+    host_.release();
+    ASSERT_TRUE(drive([&] { return pipeline_->size() == 1; }));
+    EXPECT_EQ(sent(1), batchOf(0, 3)) << "sent again, since nobody knows";
+}
+
+TEST_F(PipelineStates, AnAnswerOfAnEarlierBatchDoesNotCountForTheNext) {
+    open().changeState(PipelineState::On);
+    host_.hold();
+    submit(0, 3);
+    ASSERT_TRUE(driveToSends(1));
+    ASSERT_TRUE(host_.waitForRequests(1));
+    // The state comes back before anything has noticed that it was gone; the new batch cancels the old exchange.
+    pipeline_->changeState(PipelineState::SaveOnly);
+    pipeline_->changeState(PipelineState::On);
+    ASSERT_TRUE(driveToSends(2));
+    ASSERT_TRUE(drive([&] { return host_.cancels() == 1; }));
+    pools_.runAll();
+    EXPECT_EQ(pipeline_->size(), 3U);
+    EXPECT_TRUE(givenUp_.empty());
+    EXPECT_EQ(counted(Item::http, Action::request, Reason::error), 0U);
+    host_.release();
+    ASSERT_TRUE(drive([&] { return pipeline_->size() == 0; }));
+}
+
+using PipelineOutcomes = PipelineTest;
+
+TEST_F(PipelineOutcomes, DecideByStatusWhetherABatchIsPoppedRetriedOrGivenUp) {
+    enum class Fate { popped, retried, givenUp };
+    const struct {
+        const char* what;
+        Answer answer;
+        Fate fate;
+    } rows[] = {
+        {"ok", {.status = 200}, Fate::popped},
+        {"no content", {.status = 204}, Fate::popped},
+        {"bad request", {.status = 400}, Fate::givenUp},
+        {"unauthorized", {.status = 401}, Fate::givenUp},
+        {"forbidden", {.status = 403}, Fate::givenUp},
+        {"not found", {.status = 404}, Fate::givenUp},
+        {"request timeout", {.status = 408}, Fate::retried},
+        {"payload too large", {.status = 413}, Fate::givenUp},
+        {"too many requests", {.status = 429}, Fate::retried},
+        {"internal server error", {.status = 500}, Fate::retried},
+        {"not implemented", {.status = 501}, Fate::givenUp},
+        {"bad gateway", {.status = 502}, Fate::retried},
+        {"service unavailable", {.status = 503}, Fate::retried},
+        {"gateway timeout", {.status = 504}, Fate::retried},
+        {"insufficient storage", {.status = 507}, Fate::givenUp},
+        {"transport, retriable", Answer::failure(VELMORA_HTTP_RETRIABLE), Fate::retried},
+        {"transport, not retriable", Answer::failure(VELMORA_HTTP_NON_RETRIABLE), Fate::retried},
+        {"cancelled by the host", Answer::failure(VELMORA_HTTP_CANCELLED), Fate::retried},
+        {"refused by send", Answer::refusal(VELMORA_HTTP_UNKNOWN), Fate::retried},
+    };
+    for (const auto& row : rows) {
+        SCOPED_TRACE(row.what);
+        open();
+        submit(0, 3);
+        givenUp_.clear();
+        const size_t before = host_.sends();
+        const size_t timers = pools_.pendingTimers();
+        host_.answer(row.answer);
+        pipeline_->changeState(PipelineState::On);
+        ASSERT_TRUE(drive([&] {
+            return pipeline_->size() == 0 || pools_.pendingTimers() > timers + 1;  // beside the batch timer
+        }));
+        EXPECT_EQ(host_.sends(), before + 1);
+        EXPECT_EQ(pipeline_->size(), row.fate == Fate::retried ? 3U : 0U);
+        EXPECT_EQ(givenUp_.size(), row.fate == Fate::givenUp ? 1U : 0U);
+        if (!givenUp_.empty()) {
+            EXPECT_EQ(givenUp_[0].error.value(), static_cast<int>(row.answer.status));
+            EXPECT_EQ(givenUp_[0].valid, (std::vector<std::string>{event(0), event(1), event(2)}));
+        }
+        pools_.advance(1000ms);
+        const size_t expected = before + (row.fate == Fate::retried ? 2 : 1);
+        ASSERT_TRUE(drive([&] { return host_.sends() == expected && pipeline_->size() == 0; }));
+        close();
+    }
+}
+
+TEST_F(PipelineOutcomes, RetriesWaitByTheListAndByRetryAfterAndSendTheSameBytes) {
+    open().changeState(PipelineState::On);
+    host_.answer({.status = 503});
+    host_.answer({.status = 503, .headers = {{"Retry-After", "5"}}});
+    host_.answer({.status = 503, .headers = {{"Retry-After", "1"}}});
+    host_.answer({.status = 503});
+    submit(0, 3);
+    size_t sends = 1;
+    ASSERT_TRUE(driveToCompletions(sends));
+    submit(3, 4);  // does not join
+    for (const auto wait : {1000ms, 5000ms, 2000ms, 2000ms}) {
+        SCOPED_TRACE(wait.count());
+        pools_.advance(wait - 1ms);
+        EXPECT_EQ(host_.sends(), sends);
+        pools_.advance(1ms);
+        ASSERT_TRUE(driveToCompletions(++sends));
+    }
+    ASSERT_TRUE(drive([&] { return pipeline_->size() == 1; }));
+    for (const auto& request : host_.requests()) EXPECT_EQ(request.body, host_.requests()[0].body);
+    EXPECT_EQ(counted(Item::http, Action::request, Reason::error), 4U);
+}
+
+TEST_F(PipelineOutcomes, MissingCallbacksAreRetriedAndAnEmptyListOfWaitsStillWaits) {
+    session_.retryIntervals.clear();
+    open();
+    velmora_http_setSendRequestCallback(nullptr);
+    submit(0, 3);
+    const size_t timers = pools_.pendingTimers();
+    pipeline_->changeState(PipelineState::On);
+    ASSERT_TRUE(drive([&] { return pools_.pendingTimers() > timers + 1; }));
+    EXPECT_EQ(pipeline_->size(), 3U);
+    EXPECT_TRUE(givenUp_.empty());
+    const auto flushed = pipeline_->flush();
+    pools_.runAll();
+    EXPECT_EQ(*flushed.get_try(), VelmoraError::precondition_failed) << "a retry waits";
+    EXPECT_EQ(pipeline_->size(), 3U);
+    pipeline_->changeState(PipelineState::SaveOnly);
+    pools_.advance(100000ms);
+    EXPECT_EQ(host_.sends(), 0U) << "the retry went with the state";
+}
+
+using PipelineFlush = PipelineTest;
+
+TEST_F(PipelineFlush, SendsAllBatchesAndReportsWhatStopsIt) {
+    open();
+    const auto empty = pipeline_->flush();
+    pools_.runAll();
+    EXPECT_FALSE(*empty.get_try()) << "nothing stored, nothing to complain about";
+    submit(0, 8);
+    const auto refused = pipeline_->flush();
+    pools_.runAll();
+    EXPECT_EQ(*refused.get_try(), VelmoraError::precondition_failed);
+
+    reconfigure([](auto& config) { config.batchSize = 100; });
+    pipeline_->changeState(PipelineState::On);
+    reconfigure([](auto& config) { config.batchSize = 3; });
+    host_.answer({.status = 200});
+    host_.answer({.status = 500});
+    const auto failed = pipeline_->flush();
+    pools_.runAll();
+    EXPECT_EQ(failed.get_try()->value(), 500);
+    EXPECT_EQ(pipeline_->size(), 5U) << "the failed batch stays";
+    EXPECT_TRUE(givenUp_.empty());
+
+    const auto flushed = pipeline_->flush();
+    pools_.runAll();
+    EXPECT_FALSE(*flushed.get_try());
+    EXPECT_EQ(pipeline_->size(), 0U);
+    EXPECT_EQ(sent(3), batchOf(6, 8));
+    EXPECT_EQ(counted(Item::event, Action::sent, Reason::success), 8U);
+
+    submit(0, 2);
+    velmora_http_setSendRequestCallback(nullptr);
+    const auto unsent = pipeline_->flush();
+    pools_.runAll();
+    EXPECT_EQ(*unsent.get_try(), VelmoraError::http_callback_not_set);
+    EXPECT_EQ(pipeline_->size(), 2U);
+}
+
+using PipelineDirectPosts = PipelineTest;
+
+TEST_F(PipelineDirectPosts, PassTheStoreUnlessTheyFail) {
+    open().changeState(PipelineState::On);
+    pipeline_->submitEvent(event(1), false);
+    ASSERT_TRUE(driveToCompletions(1));
+    EXPECT_EQ(sent(0), batchOf(1, 2));
+    EXPECT_EQ(pipeline_->size(), 0U);
+    EXPECT_EQ(counted(Item::event, Action::sent, Reason::success), 1U);
+    host_.answer({.status = 400});
+    pipeline_->submitEvent(event(2), false);
+    ASSERT_TRUE(driveToCompletions(2));
+    EXPECT_EQ(pipeline_->size(), 1U);
+    EXPECT_EQ(counted(Item::event, Action::saved, Reason::success), 1U);
+    velmora_http_setSendRequestCallback(nullptr);
+    pipeline_->submitEvent(event(3), false);
+    pools_.runAll();
+    EXPECT_EQ(pipeline_->size(), 2U) << "an event that can't be handed over is kept";
+}
+
+TEST_F(PipelineDirectPosts, AreStoredWhenTheLineEndsBeforeTheAnswer) {
+    open().changeState(PipelineState::On);
+    host_.hold();
+    pipeline_->submitEvent(event(1), false);
+    ASSERT_TRUE(driveToSends(1));
+    pipeline_->submitEvent(event(2), false);  // its task never runs
+    close();
+    open();
+    EXPECT_EQ(pipeline_->size(), 2U);
+}
+
+}  // namespace
+}  // namespace velmora
