@@ -15,9 +15,13 @@ std::vector<std::string> declaredNames(const std::string& pattern) {
 }
 
 std::string escaped(std::string_view text) {
-    static const boost::regex kSpecial(R"([-[\]{}()*+?.,\\^$|#\s])");
+    constexpr std::string_view kSpecial = "-[]{}()*+?.,\\^$|# \t\n\v\f\r";
     std::string result;
-    boost::regex_replace(std::back_inserter(result), text.begin(), text.end(), kSpecial, R"(\\$&)");
+    result.reserve(text.size() + text.size() / 4);
+    for (const char c : text) {
+        if (kSpecial.find(c) != std::string_view::npos) result += '\\';
+        result += c;
+    }
     return result;
 }
 
