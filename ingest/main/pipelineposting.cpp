@@ -185,6 +185,7 @@ void Pipeline::doDirectPost(uint64_t id) {
     };
     try {
         Transfer transfer;
+        if (!transform(event)) throw std::system_error(VelmoraError::invalid_json);
         post(makeRequest({event}), onAnswer, transfer);
         const MutexLock lock(directMutex_);
         directRequests_.at(id).transfer = std::move(transfer);
