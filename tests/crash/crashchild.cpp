@@ -31,8 +31,8 @@ constexpr int kThreads = 4;
 constexpr int kExitRejected = 3;
 constexpr int kExitAbandoned = 4;
 constexpr int kExitNotDelivered = 5;
-constexpr milliseconds kAway{3};
-constexpr milliseconds kHere{30};
+constexpr milliseconds kStay{25};
+constexpr milliseconds kPause{3};
 
 using Options = std::map<std::string, std::string>;
 
@@ -83,8 +83,7 @@ public:
         while (!finished) comeAndGo();
         watch.join();
         const bool delivered = deliverTheRest();
-        note(Deed::leaving);
-        require(velmora_ingest_stop(instance_), "stop");
+        stop();
         return delivered ? 0 : kExitNotDelivered;
     }
 
@@ -104,7 +103,7 @@ private:
     }
 
     void setUp(bool online) {
-        velmora_setLogCallback(nullptr);
+        require(velmora_setLogCallback(nullptr), "setLogCallback");
         Filesystem::setRootPath(options_.at("root"));
         host_.answerBy([this](const HostRequest& request) { return answer(request); });
         require(velmora_init(), "init");
@@ -146,13 +145,23 @@ private:
         }
     }
 
+    // Off line and on again, which makes the instance give up an adopted folder and look for one again, in its own
+    // time; then the same by a stop, which is through when it returns.
     void comeAndGo() {
-        std::this_thread::sleep_for(kHere);
+        std::this_thread::sleep_for(kStay);
         note(Deed::leaving);
         require(velmora_offline(), "offline");
-        std::this_thread::sleep_for(kAway);  // the folder is given up in the background
-        note(Deed::returning);
+        std::this_thread::sleep_for(kPause);
         require(velmora_online(), "online");
+        std::this_thread::sleep_for(kStay);
+        stop();
+        note(Deed::returning);
+        start();
+    }
+
+    void stop() {
+        note(Deed::leaving);
+        require(velmora_ingest_stop(instance_), "stop");
     }
 
     bool deliverTheRest() {

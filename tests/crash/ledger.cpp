@@ -19,16 +19,18 @@ struct Absence {
     size_t to;
 };
 
+// The last delivery of anything of a stream.
+struct Carried {
+    int holder;            // the process that delivered; the stream's own before the first delivery
+    bool started = false;  // there was one
+    size_t batch = 0;      // its position
+    std::set<int64_t> events = {};
+};
+
 // How far a stream's delivery has come.
 struct Progress {
-    int holder;                // who has delivered it last; its own process at first
-    bool started = false;      // something of it has been delivered
-    size_t batch = 0;          // position of the last delivery
-    std::set<int64_t> events;  // of that delivery
-    size_t earlierBatch = 0;   // the same of the delivery before
-    int earlierHolder = 0;
-    bool earlierStarted = false;
-    std::set<int64_t> earlierEvents;
+    Carried last;
+    Carried before;
     int64_t highest = -1;
 };
 
@@ -62,11 +64,11 @@ private:
         }
     }
 
-    // Whether the process was away at any moment after `from` (or ever before `to`, if it had delivered nothing).
-    bool leftBetween(int process, bool started, size_t from, size_t to) {
-        const auto& absences = absences_[process];
+    // Whether the holder was away at any moment since then and before `to`.
+    bool leftBetween(const Carried& carried, size_t to) {
+        const auto& absences = absences_[carried.holder];
         return std::any_of(absences.begin(), absences.end(), [&](const Absence& absence) {
-            return absence.from < to && (!started || absence.to > from);
+            return absence.from < to && (!carried.started || absence.to > carried.batch);
         });
     }
 
@@ -87,36 +89,28 @@ private:
     }
 
     Progress& progressOf(const EventId& id, int process, size_t at) {
-        Progress& progress = progress_.try_emplace(id.stream, Progress{.holder = id.stream.process}).first->second;
-        if (progress.started && progress.batch == at) return progress;
-        progress.earlierBatch = progress.batch;
-        progress.earlierHolder = progress.holder;
-        progress.earlierStarted = progress.started;
-        progress.earlierEvents = std::exchange(progress.events, {});
-        progress.batch = at;
-        progress.holder = process;
-        progress.started = true;
+        const Carried none{.holder = id.stream.process};
+        Progress& progress = progress_.try_emplace(id.stream, Progress{none, none}).first->second;
+        if (progress.last.started && progress.last.batch == at) return progress;
+        progress.before = std::exchange(progress.last, Carried{process, true, at});
         return progress;
     }
 
     void noteDelivered(const EventId& id, int process, size_t at) {
         Progress& progress = progressOf(id, process, at);
-        const bool changed = progress.earlierHolder != process;
+        std::set<int64_t>& batch = progress.last.events;
         const bool repeated = id.sequence <= progress.highest;
-        if ((changed || repeated) &&
-            !leftBetween(progress.earlierHolder, progress.earlierStarted, progress.earlierBatch, at)) {
-            violation(toString(id), " is delivered by process ", process, " while process ", progress.earlierHolder,
+        if ((repeated || progress.before.holder != process) && !leftBetween(progress.before, at))
+            violation(toString(id), " is delivered by process ", process, " while process ", progress.before.holder,
                       " is at it", repeated ? ", and not for the first time" : "");
-        }
+        if (!batch.empty() && *batch.rbegin() >= id.sequence) violation(toString(id), " is out of order in its batch");
         if (repeated) {
             ++verdict_.repeats;
-            if (!progress.events.empty() && *progress.events.rbegin() >= id.sequence)
-                violation(toString(id), " comes out of order within its batch");
-            if (!progress.earlierEvents.contains(id.sequence))
+            if (!progress.before.events.contains(id.sequence))
                 violation(toString(id), " comes late, or again although its batch was not the last one");
         }
         progress.highest = std::max(progress.highest, id.sequence);
-        progress.events.insert(id.sequence);
+        batch.insert(id.sequence);
         delivered_.insert(id);
     }
 
@@ -134,7 +128,7 @@ private:
     void checkStoredThoughDelivered(const EventId& id) {
         const auto progress = progress_.find(id.stream);
         if (progress == progress_.end() || id.sequence > progress->second.highest) return;
-        if (!progress->second.events.contains(id.sequence))
+        if (!progress->second.last.events.contains(id.sequence))
             violation(toString(id), " is stored although it was delivered before the last batch");
     }
 

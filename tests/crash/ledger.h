@@ -15,7 +15,7 @@ enum class Deed : char {
     accepted = 'A',   // the process's submit of the event has returned success
     delivered = 'D',  // the process's HTTP stack has a batch with these events, and has not answered yet
     leaving = 'O',    // the process is about to go offline, to stop or to be killed: it may give up its folders
-    returning = 'N',  // it is about to go online again
+    returning = 'N',  // it has stopped and holds nothing; it is about to start again
 };
 
 struct LedgerEntry {
