@@ -113,7 +113,7 @@ private:
     void doHandleSuccess();
     bool doRetry(const http::Response& response);
     bool armRetry(std::chrono::milliseconds delay, uint32_t attempt);
-    void onRetryTimeout();
+    void onRetryTimeout(uint64_t exchange);
     void doHandleError();
     void doResetState();
     void logHTTPResponse(const http::Response& response) const;
