@@ -20,4 +20,14 @@ constexpr intptr_t kInvalidLockHandle = -1;
 // Whether a code of acquireLock says that somebody holds the path, or has just taken it away.
 [[nodiscard]] bool isHeldByOther(const std::error_code& code) noexcept;
 
+enum class HoldState { free, held, unknown };
+
+// Whether somebody, this process included, holds the path, without taking a hold. The answer may be out of date when it
+// arrives.
+//
+// Linux asks the kernel's list of locks and touches nothing. The list leaves out processes of other containers, whose
+// holds look free. Windows can only ask by opening the path for a moment in a way that a hold excludes: a process that
+// tries to hold a free path in that very moment finds it busy.
+[[nodiscard]] HoldState probeHold(const boost::filesystem::path& path);
+
 }  // namespace velmora::platform

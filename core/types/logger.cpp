@@ -1,5 +1,6 @@
 #include "core/types/logger.h"
 
+#include <atomic>
 #include <string_view>
 #include <utility>
 
@@ -8,13 +9,14 @@
 namespace velmora {
 namespace {
 
-// Owned by hand: a smart pointer with static storage would be destroyed before the last objects that log.
-Logger* installed = nullptr;
+// Owned by hand: a smart pointer with static storage would be destroyed before the last objects that log. Atomic, since
+// a logger's own engine may look while the logger is being installed; nobody else may log while it is exchanged.
+std::atomic<Logger*> installed = nullptr;
 
 void writeLine(LogLevel level, const LogSite& site, std::ostringstream& message) {
     if (!logs(level)) return;
-    installed->log(level, site.channel, logFunctionName(site.function).c_str(), logFileName(site.file).c_str(),
-                   site.line, message);
+    logger()->log(level, site.channel, logFunctionName(site.function).c_str(), logFileName(site.file).c_str(),
+                  site.line, message);
 }
 
 std::string without(std::string text, std::string_view unwanted) {
@@ -28,22 +30,25 @@ std::string without(std::string text, std::string_view unwanted) {
 
 Logger* logger() noexcept { return installed; }
 
-bool logs(LogLevel level) noexcept { return installed != nullptr && installed->getLogLevel() >= level; }
+bool logs(LogLevel level) noexcept {
+    Logger* const present = installed;
+    return present != nullptr && present->getLogLevel() >= level;
+}
 
 void setLogger(std::unique_ptr<Logger> next) {
     if (next) {
-        if (next.get() != installed) delete std::exchange(installed, next.release());
+        if (next.get() != installed) delete installed.exchange(next.release());
         VELMORA_LOG_AT(info, "log", "velmora::setLogger") << "start logger";
         return;
     }
-    if (installed == nullptr) return;
+    if (logger() == nullptr) return;
     VELMORA_LOG_AT(info, "log", "velmora::setLogger") << "stop logger";
-    installed->stop();
-    delete std::exchange(installed, nullptr);
+    logger()->stop();
+    delete installed.exchange(nullptr);
 }
 
 void setDefaultLogger(std::unique_ptr<Logger> next) {
-    if (installed == nullptr) setLogger(std::move(next));
+    if (logger() == nullptr) setLogger(std::move(next));
 }
 
 std::string logFileName(const char* path) {
@@ -58,7 +63,7 @@ std::string logFileName(const char* path) {
 
 std::string logFunctionName(const char* prettyFunction) {
     const std::string text = without(without(prettyFunction, "{anonymous}::"), "(anonymous namespace)::");
-    const std::string head = text.substr(0, text.find('('));
+    std::string head = text.substr(0, text.find('('));
     int depth = 0;  // a blank inside template arguments does not separate the return type
     for (size_t i = head.size(); i > 0; --i) {
         const char c = head[i - 1];

@@ -15,9 +15,13 @@ std::vector<std::string> declaredNames(const std::string& pattern) {
 }
 
 std::string escaped(std::string_view text) {
-    static const boost::regex kSpecial(R"([-[\]{}()*+?.,\\^$|#\s])");
+    constexpr std::string_view kSpecial = "-[]{}()*+?.,\\^$|# \t\n\v\f\r";
     std::string result;
-    boost::regex_replace(std::back_inserter(result), text.begin(), text.end(), kSpecial, R"(\\$&)");
+    result.reserve(text.size() + text.size() / 4);
+    for (const char c : text) {
+        if (kSpecial.find(c) != std::string_view::npos) result += '\\';
+        result += c;
+    }
     return result;
 }
 
@@ -77,12 +81,12 @@ void CaptureSet::combine() {
     for (const Capture& value : values_) {
         if (subject_.size() + value.text.size() > kMaxSubject) throw std::length_error("captures too long");
         subject_ += value.text;
-        pattern += "(" + escaped(value.text) + ")";
+        pattern.append("(").append(escaped(value.text)).append(")");
     }
     for (const auto& [name, value] : named_) {
         if (subject_.size() + value.text.size() > kMaxSubject) throw std::length_error("captures too long");
         subject_ += value.text;
-        pattern += "(?<" + name + ">" + escaped(value.text) + ")";
+        pattern.append("(?<").append(name).append(">").append(escaped(value.text)).append(")");
     }
     expression_.assign(pattern);
     combined_ = boost::smatch();  // a match that fails leaves what it is given as it was

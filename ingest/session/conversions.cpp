@@ -15,7 +15,8 @@ namespace {
 void replaceFile(const Path& path, const std::string& text) {
     Filesystem::createDirectories(path.parent());
     Path fresh = path;
-    fresh += "." + makeGuid();
+    fresh += ".";
+    fresh += makeGuid();
     std::ofstream stream;
     const bool written = Filesystem::open(stream, fresh, std::ios::binary | std::ios::trunc) && (stream << text) &&
                          (stream.close(), !stream.fail());

@@ -10,12 +10,13 @@ namespace velmora::tool {
 
 enum ExitCode : int {
     kExitOk = 0,
-    kExitIncomplete = 1,  // it worked, but not for all of its input
+    kExitIncomplete = 1,  // it worked, but not for all of its input, or found damage
     kExitFailure = 2,     // wrong usage, or nothing could be done
 };
 
 void registerCollect(CLI::App& program, int& exitCode);
 void registerConvert(CLI::App& program, int& exitCode);
+void registerInspect(CLI::App& program, int& exitCode);
 void registerReconcile(CLI::App& program, int& exitCode);
 void registerSend(CLI::App& program, int& exitCode);
 

@@ -1,4 +1,4 @@
-// velmora: a local service for events, and a sender for them, for developers and support.
+// velmora: a local service for events, a sender for them, and a look at their queues, for developers and support.
 #include <CLI/CLI.hpp>
 #include <exception>
 #include <iostream>
@@ -11,6 +11,7 @@ int main(int argc, char** argv) {
     int exitCode = velmora::tool::kExitOk;
     velmora::tool::registerCollect(program, exitCode);
     velmora::tool::registerConvert(program, exitCode);
+    velmora::tool::registerInspect(program, exitCode);
     velmora::tool::registerReconcile(program, exitCode);
     velmora::tool::registerSend(program, exitCode);
     try {

@@ -33,4 +33,14 @@ bool isHeldByOther(const std::error_code& code) noexcept {
     return code.value() == ERROR_SHARING_VIOLATION || code.value() == ERROR_LOCK_VIOLATION;
 }
 
+HoldState probeHold(const boost::filesystem::path& path) {
+    constexpr DWORD kShareAll = FILE_SHARE_READ | FILE_SHARE_WRITE | FILE_SHARE_DELETE;
+    // The right to write, and no other, is what a holder does not share. Having it changes nothing.
+    const HANDLE opened =
+        ::CreateFileW(path.c_str(), FILE_WRITE_DATA, kShareAll, nullptr, OPEN_EXISTING, flagsFor(path), nullptr);
+    if (opened == INVALID_HANDLE_VALUE) return isHeldByOther(lastError()) ? HoldState::held : HoldState::unknown;
+    ::CloseHandle(opened);
+    return HoldState::free;
+}
+
 }  // namespace velmora::platform

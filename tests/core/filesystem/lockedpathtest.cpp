@@ -66,7 +66,7 @@ TEST_F(LockedPathTest, IsNeverHeldTwiceWhileFoldersComeAndGo) {
     std::atomic<int> owners{0};
     std::atomic<int> conflicts{0};
     const auto work = [&] {
-        for (int i = 0; i < 2000; ++i) {
+        for (int i = 0; i < 500; ++i) {
             Filesystem::createDirectories(contested);
             intptr_t handle = platform::kInvalidLockHandle;
             if (platform::acquireLock(contested.native(), handle)) continue;

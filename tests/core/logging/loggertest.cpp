@@ -84,7 +84,7 @@ protected:
     void waitForHousekeeping() {
         const Path marker = folder_ / "zz-marker";
         for (int round = 0; round < 2; ++round) {
-            addFile("zz-marker", 0, 4'000'000'000);
+            addFile("zz-marker", 0, 1'000'000'000);
             logger_->start();
             while (marker.exists()) std::this_thread::yield();
         }

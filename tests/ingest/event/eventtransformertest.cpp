@@ -273,6 +273,14 @@ TEST_F(EventTransformerTest, AppliesRulesInOrderToWhatIsLeft) {
             {"on the result of the first", "IN_a,IN_b,OUT_b,OUT_c\nx,,y,\n,y,,z\n", R"({"a":"x"})", R"({"c":"z"})"},
             {"what the first took is missing", "IN_a,OUT_b,OUT_c\nx,y,\nx,,z\n", R"({"a":"x"})", R"({"b":"y"})"},
             {"a later match is enough", "IN_a,OUT_b\nq,1\nx,2\nq,3\n", R"({"a":"x"})", R"({"b":"2"})"},
+            {"the table of the documentation",
+             "CONFIG,IN_component,IN_action,OUT_event.workflow,OUT_event.type\n"
+             "search-replace-substrings=true,s/^legacy-//i,,,\n"
+             "missing-key-action=skip,\"(panel|dialog)-(.+)\",(open|close),$2,$1-$3\n"
+             "case-sensitive-values=false,startup,,startup,\"session, $+{version}\"\n"
+             "non-standard-keys=exclude,,,,\n",
+             R"({"component":"legacy-panel-export","action":"open","version":"12.4"})",
+             R"({"event.workflow":"export","event.type":"panel-open"})"},
             {"rewrite, map, filter",
              "CONFIG,IN_a,OUT_event.type\n"
              "search-replace-substrings=true,s/legacy-//,\n"
@@ -340,7 +348,7 @@ TEST_F(EventTransformerTest, BoundsTablesThatMultiply) {
     std::string filters = "CONFIG,OUT_x,OUT_y\n";
     std::string formats = "IN_a,OUT_a\n";
     for (int i = 0; i < 200; ++i) {
-        rewrites += "search-replace-substrings=true,s/^.*$/$&$&/\n";
+        rewrites += "search-replace-substrings=true,s/^./$'$'$'/\n";
         filters += "non-standard-keys=include,x,x\n";
         formats += "(.*),$1$1$&\n";
     }

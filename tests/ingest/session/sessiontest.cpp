@@ -1,0 +1,297 @@
+#include <gtest/gtest.h>
+
+#include <atomic>
+#include <cstring>
+
+#include "core/json/jsontext.h"
+#include "core/types/logger.h"
+#include "ingest/session/globalconfig.h"
+#include "ingest/session/session.h"
+#include "tests/support/libraryfixture.h"
+
+namespace velmora::test {
+namespace {
+
+using namespace std::chrono_literals;
+
+std::atomic<int32_t> reportedError = 0;
+void onError(int32_t error) { reportedError = error; }
+
+bool isProfile(const HostRequest& request) { return request.url.find("/oswin/profile") != std::string::npos; }
+bool isTracking(const HostRequest& request) {
+    return request.url.find("/fetch_user_tracking_flag") != std::string::npos;
+}
+
+class SessionIdentity : public LibraryTest {
+protected:
+    SessionIdentity() {
+        set(VELMORA_CONFIG_RETRY_INTERVAL, "[20]");
+        set(VELMORA_CONFIG_IDENTITY_PROD_URN, "identity.example");
+        set(VELMORA_CONFIG_PERMISSION_PROD_URN, "http://tracking.example/");
+        host_.answerBy([this](const HostRequest& request) { return respond(request); });
+    }
+
+    Answer respond(const HostRequest& request) {
+        if (isProfile(request)) return profileAnswer(request);
+        if (isTracking(request)) return {.status = trackingStatus_, .body = "{\"tracking_flag\":\"" + flag_ + "\"}"};
+        return {};
+    }
+
+    virtual Answer profileAnswer(const HostRequest& request) {
+        const std::string user = request.headers.at("Authorization").substr(std::strlen("Bearer "));
+        return {.status = profileStatus_,
+                .body = "{\"account_type\":\"" + accountType_ + "\",\"userId\":\"" + user + "\"}"};
+    }
+
+    size_t count(bool (*which)(const HostRequest&)) {
+        size_t found = 0;
+        for (const HostRequest& request : host_.requests()) found += which(request) ? 1 : 0;
+        return found;
+    }
+
+    PipelineState authState(Consent consent) { return Session::getInstance().getAuthState(consent, Environment::prod); }
+
+    bool becomes(Consent consent, PipelineState state) {
+        return host_.waitUntil([&] { return authState(consent) == state; });
+    }
+
+    std::atomic<uint32_t> profileStatus_ = 200;
+    std::atomic<uint32_t> trackingStatus_ = 200;
+    std::string accountType_ = "TYPE1";
+    std::string flag_ = "pii";
+};
+
+TEST_F(SessionIdentity, ConsentTokenAndFlagDecideTheUsersLine) {
+    EXPECT_EQ(authState(Consent::denied), PipelineState::Off);
+    EXPECT_EQ(authState(Consent::granted), PipelineState::SaveOnly) << "nobody signed in";
+    velmora_setAccessToken("user-1");
+    EXPECT_EQ(authState(Consent::granted), PipelineState::SaveOnly) << "offline";
+    EXPECT_EQ(host_.sends(), 0U);
+    velmora_online();
+    EXPECT_TRUE(becomes(Consent::granted, PipelineState::On));
+    EXPECT_EQ(count(isTracking), 0U) << "consent given: nobody asks for the flag";
+    EXPECT_TRUE(becomes(Consent::byDefault, PipelineState::On));
+    EXPECT_EQ(authState(Consent::denied), PipelineState::Off);
+    for (const auto& request : host_.requests()) {
+        if (isProfile(request)) {
+            EXPECT_EQ(request.url, "https://identity.example/oswin/profile");
+        }
+        if (isTracking(request)) {
+            EXPECT_EQ(request.url, "http://tracking.example/fetch_user_tracking_flag");
+            EXPECT_EQ(request.headers.at("Access-Token"), "user-1");
+        }
+    }
+    char* data = nullptr;
+    ASSERT_EQ(velmora_getSELBYData(&data), VELMORA_OK);
+    EXPECT_STREQ(data, "{\"tracking_flag\":\"pii\"}");
+    EXPECT_EQ(velmora_release(data), VELMORA_OK);
+
+    flag_ = "PII-like";
+    velmora_setAccessToken("user-2");
+    EXPECT_TRUE(becomes(Consent::byDefault, PipelineState::Off));
+    velmora_setAccessToken("");
+    EXPECT_EQ(authState(Consent::byDefault), PipelineState::SaveOnly);
+}
+
+TEST_F(SessionIdentity, EventsOfTheUserCarryTheIdentityAtTheMomentOfSending) {
+    configure(VELMORA_CONSENT_DEFAULT);
+    set(VELMORA_CONFIG_BATCH_INTERVAL, "30");
+    const auto instance = start();
+    ASSERT_EQ(submit(instance, R"({"event.subtype":"before","event.user_guid":"faked"})", true), VELMORA_OK);
+    ASSERT_EQ(submit(instance, R"({"event.subtype":"anon"})", false), VELMORA_OK);
+    velmora_online();
+    awaitPosted("anon");
+    EXPECT_EQ(countPosted("before"), 0U) << "waits for the user";
+    velmora_setLorneProfile(R"({"plan":"pro"})");
+    velmora_setAccessToken("user-1");
+    const rapidjson::Document event = awaitPosted("before");
+    EXPECT_EQ(toText(event["event.user_guid"]), "user-1");
+    EXPECT_EQ(toText(event["entity.oswin"]["accounttype"]), "TYPE1");
+    EXPECT_EQ(toText(event["entity.lorne"]["plan"]), "pro");
+    EXPECT_FALSE(awaitPosted("anon").HasMember("event.user_guid"));
+    EXPECT_EQ(toText(awaitPosted("OSWIN", "event.subcategory")["event.error_desc"]), R"({"account_type":"TYPE1"})");
+    awaitPosted("SELBY", "event.subcategory");
+
+    // An instance that starts later knows the user as well.
+    configure(VELMORA_CONSENT_DEFAULT, "late");
+    set(VELMORA_CONFIG_BATCH_INTERVAL, "30", "late");
+    const auto late = start("late");
+    ASSERT_EQ(submit(late, R"({"event.subtype":"late"})", true), VELMORA_OK);
+    EXPECT_EQ(toText(awaitPosted("late")["event.user_guid"]), "user-1");
+}
+
+TEST_F(SessionIdentity, FailuresAreRetriedOrReportedOnce) {
+    configure(VELMORA_CONSENT_DEFAULT);
+    start(kGuid, nullptr, onError);
+    velmora_online();
+    profileStatus_ = 503;
+    velmora_setAccessToken("user-1");
+    ASSERT_TRUE(host_.waitUntil([&] { return count(isProfile) >= 4; })) << "as often as it takes";
+    EXPECT_EQ(reportedError, 0);
+    profileStatus_ = 200;
+    EXPECT_TRUE(becomes(Consent::byDefault, PipelineState::On));
+
+    const struct {
+        std::atomic<uint32_t>& status;
+        uint32_t value;
+        int32_t error;
+    } rows[] = {
+        {profileStatus_, 401, VELMORA_ERROR_OSWIN_UNAUTHORIZED},
+        {profileStatus_, 404, VELMORA_ERROR_OSWIN_ERROR},
+        {trackingStatus_, 400, VELMORA_ERROR_SELBY_BAD_REQUEST},
+        {trackingStatus_, 403, VELMORA_ERROR_SELBY_ERROR},
+    };
+    for (const auto& row : rows) {
+        SCOPED_TRACE(row.error);
+        reportedError = 0;
+        row.status = row.value;
+        velmora_setAccessToken("another user");
+        EXPECT_TRUE(host_.waitUntil([&] { return reportedError == row.error; })) << reportedError;
+        row.status = 200;
+    }
+}
+
+TEST_F(SessionIdentity, AChangeOfUserForgetsTheOldOneInEveryPhase) {
+    velmora_online();
+    host_.hold();
+    host_.onCancel(OnCancel::complete);
+    velmora_setAccessToken("old");
+    (void)authState(Consent::granted);
+    ASSERT_TRUE(host_.waitForRequests(1));
+    velmora_setAccessToken("new");  // while the answer for the old one is on its way
+    (void)authState(Consent::granted);
+    ASSERT_TRUE(host_.waitForRequests(2));
+    host_.release();
+    EXPECT_TRUE(becomes(Consent::granted, PipelineState::On));
+    EXPECT_EQ(host_.requests()[0].cancels, 1);
+    // In a retry's wait, and with the answer in hand.
+    profileStatus_ = 500;
+    velmora_setAccessToken("third");
+    (void)authState(Consent::granted);
+    ASSERT_TRUE(host_.waitForRequests(3));
+    profileStatus_ = 200;
+    velmora_setAccessToken("fourth");
+    EXPECT_TRUE(becomes(Consent::granted, PipelineState::On));
+    const auto requests = host_.requests();
+    EXPECT_EQ(requests.back().headers.at("Authorization"), "Bearer fourth");
+}
+
+using SessionEntry = LibraryTest;
+
+TEST_F(SessionEntry, RefusesBadArgumentsWithOneMessageEach) {
+    const struct {
+        std::function<int32_t()> call;
+        int32_t result;
+        const char* message;
+    } rows[] = {
+        {[] { return velmora_setSession(""); }, 4, "setSession: sessionGuid="},
+        {[] { return velmora_getSession(nullptr); }, 4, "getSession: sessionGuid=(nullptr)"},
+        {[] { return velmora_setAccessToken(nullptr); }, 4, "setAccessToken: accessToken=(nullptr)"},
+        {[] { return velmora_setLorneProfile(nullptr); }, 4, "setLorneProfile: lorneProfile=(nullptr)"},
+        {[] { return velmora_setConfig("x", 36, ""); }, 4, "setConfig: value="},
+        {[] { return velmora_setConfig("x", 24, nullptr); }, 4, "setConfig: value=(nullptr)"},
+        {[] { return velmora_setConfig("x", 36, "1"); }, 4, "unknown config key=36"},
+        {[] { return velmora_setConfig("x", -1, "1"); }, 4, "unknown config key=-1"},
+        {[] { return velmora_setIngestConfig(nullptr, 0, "p", "k", 0, 0, 0); }, 4,
+         "setIngestConfig: configGuid=(nullptr)"},
+        {[] { return velmora_setIngestConfig("g", 0, "", "k", 0, 0, 0); }, 4, "setIngestConfig: project="},
+        {[] { return velmora_setIngestConfig("g", 0, "p", nullptr, 0, 0, 0); }, 4, "setIngestConfig: apiKey=(nullptr)"},
+        {[] { return velmora_setIaasMapping("g", ""); }, 4, "setIaasMapping: iaasCsv="},
+        {[] { return velmora_iaasToIngestSDM("g", "{}", nullptr); }, 4, "iaasToIngestSDM: pOutputJson=(nullptr)"},
+        {[] { return velmora_iaasBatchToIngestSDM("g", nullptr, "x"); }, 4, "iaasToIngestSDM: inCsvPath=(nullptr)"},
+        {[] { return velmora_iaasBatchToIngestSDM("g", "x", nullptr); }, 4, "iaasToIngestSDM: outCsvPath=(nullptr)"},
+        {[] { return velmora_getSELBYData(nullptr); }, 4, "getSELBYData: pSelbyJson=(nullptr)"},
+    };
+    for (const auto& row : rows) {
+        SCOPED_TRACE(row.message);
+        log_.clear();
+        EXPECT_EQ(row.call(), row.result);
+        const auto messages = log_.messages("api");
+        EXPECT_EQ(messages, std::vector<std::string>{row.message});
+    }
+    EXPECT_EQ(velmora_setLorneProfile(""), VELMORA_ERROR_INVALID_JSON);
+    EXPECT_EQ(velmora_setLorneProfile("[]"), VELMORA_ERROR_INVALID_JSON);
+    EXPECT_EQ(velmora_release(nullptr), VELMORA_OK);
+}
+
+TEST_F(SessionEntry, TheSessionAndItsGuidOutliveExit) {
+    ASSERT_EQ(velmora_init(), VELMORA_OK);
+    char generated[37];
+    ASSERT_EQ(velmora_getSession(generated), VELMORA_OK);
+    EXPECT_EQ(std::strlen(generated), 36U);
+    ASSERT_EQ(velmora_exit(), VELMORA_OK);
+    ASSERT_EQ(velmora_init(), VELMORA_OK);
+    char again[37];
+    ASSERT_EQ(velmora_getSession(again), VELMORA_OK);
+    EXPECT_STREQ(generated, again);
+    ASSERT_EQ(velmora_setSession("0123456789012345678901234567890123456789"), VELMORA_OK);
+    ASSERT_EQ(velmora_getSession(again), VELMORA_OK);
+    EXPECT_STREQ(again, "012345678901234567890123456789012345");
+    const auto instance = start();
+    velmora_exit();
+    EXPECT_EQ(submit(instance, "{}"), VELMORA_OK);
+}
+
+TEST_F(SessionEntry, ConfigurationReachesItsRecordByKey) {
+    Session& session = Session::getInstance();
+    ASSERT_EQ(velmora_setConfig("g", VELMORA_CONFIG_BATCH_SIZE, "7"), VELMORA_OK);
+    ASSERT_EQ(velmora_setConfig("g", VELMORA_CONFIG_VALIDATION_FLAG, "false"), VELMORA_OK);
+    ASSERT_EQ(velmora_setConfig("g", VELMORA_CONFIG_ENVIRONMENT, "prod"), VELMORA_OK);
+    ASSERT_EQ(velmora_setConfig("g", VELMORA_CONFIG_FLUSH_ON_STOP_ENABLED, "true"), VELMORA_OK);
+    const auto config = session.getIngestConfig("g");
+    EXPECT_EQ(config.batchSize, 7U);
+    EXPECT_FALSE(config.validationFlag);
+    EXPECT_EQ(config.environment, Environment::prod);
+    EXPECT_TRUE(config.flushOnStopEnabled);
+    ASSERT_EQ(velmora_setConfig(nullptr, VELMORA_CONFIG_BATCH_SIZE, "9"), VELMORA_OK);
+    EXPECT_EQ(session.getIngestConfig("g").batchSize, 7U);
+    EXPECT_EQ(session.getIngestConfig("other").batchSize, 50U);
+    ASSERT_EQ(velmora_setConfig("ignored", VELMORA_CONFIG_RETRY_INTERVAL, "[5]"), VELMORA_OK);
+    EXPECT_TRUE(host_.waitUntil([&] { return session.getRetryIntervals() == std::vector<uint64_t>{5}; }));
+    ASSERT_EQ(velmora_setLogLevel(VELMORA_LOG_DEBUG), VELMORA_OK);
+    EXPECT_TRUE(host_.waitUntil([] { return logger()->getLogLevel() == LogLevel::debug; }));
+    EXPECT_EQ(getGlobalConfig().logLevel, LogLevel::debug);
+}
+
+TEST(GlobalConfig, PathsBecomeDocuments) {
+    const struct {
+        const char* path;
+        const char* value;
+        const char* document;
+    } rows[] = {
+        {"a.b", "5", R"({"a":{"b":5}})"},
+        {"a", "[1,2]", R"({"a":[1,2]})"},
+        {"a", "prod", R"({"a":"prod"})"},
+        {"rules.\"event.type\".required", "true", R"({"rules":{"event.type":{"required":true}}})"},
+        {"rules.'x.y'", "1", R"({"rules":{"x.y":1}})"},
+        {"a.'b.c", "1", R"({"a":{"'b.c":1}})"},
+    };
+    for (const auto& row : rows) EXPECT_EQ(jsonFromPath(row.path, row.value), row.document);
+}
+
+TEST_F(SessionEntry, ConversionsReplaceTheirTableInOneStepOrNotAtAll) {
+    char* output = reinterpret_cast<char*>(1);
+    EXPECT_EQ(velmora_iaasToIngestSDM(kGuid, "{}", &output), VELMORA_ERROR_IAAS_FILE_NOT_FOUND_OR_NOT_READABLE);
+    EXPECT_EQ(output, nullptr);
+    EXPECT_EQ(velmora_setIaasMapping(kGuid, "\n\n"), VELMORA_ERROR_IAAS_FILE_EMPTY);
+    EXPECT_EQ(velmora_setIaasMapping(kGuid, "IN_a,OUT_b\nx\n"), VELMORA_ERROR_IAAS_FILE_INVALID_FORMAT);
+    ASSERT_EQ(velmora_setIaasMapping(kGuid, "IN_name,OUT_event.type\n(.*)-done,$1\n"), VELMORA_OK);
+    const auto convert = [&](const char* json, int32_t result) {
+        EXPECT_EQ(velmora_iaasToIngestSDM(kGuid, json, &output), result);
+        std::string text = output != nullptr ? output : "";
+        velmora_release(output);
+        return text;
+    };
+    EXPECT_EQ(convert(R"({"name":"save-done"})", VELMORA_OK), R"({"event.type":"save"})");
+    EXPECT_EQ(convert(R"({"name":"other"})", VELMORA_ERROR_IAAS_NO_RULE_MATCHED), "{}");
+    EXPECT_EQ(convert("nonsense", VELMORA_ERROR_INVALID_JSON), "");
+    EXPECT_EQ(velmora_setIaasMapping(kGuid, "IN_a,OUT_b\nx\n"), VELMORA_ERROR_IAAS_FILE_INVALID_FORMAT);
+    EXPECT_EQ(convert(R"({"name":"save-done"})", VELMORA_OK), R"({"event.type":"save"})") << "the good one stays";
+    ASSERT_EQ(velmora_setIaasMapping(kGuid, "IN_name,OUT_event.type\n(.*)-done,new\n"), VELMORA_OK);
+    EXPECT_EQ(convert(R"({"name":"save-done"})", VELMORA_OK), R"({"event.type":"new"})");
+    EXPECT_EQ(velmora_iaasToIngestSDM(nullptr, "{}", &output), VELMORA_ERROR_UNKNOWN);
+    EXPECT_EQ(output, nullptr);
+}
+
+}  // namespace
+}  // namespace velmora::test

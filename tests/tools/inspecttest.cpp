@@ -1,0 +1,268 @@
+#include <gtest/gtest.h>
+#include <rapidjson/document.h>
+
+#include <atomic>
+#include <boost/filesystem.hpp>
+#include <cstdlib>
+#include <fstream>
+#include <map>
+#include <thread>
+
+#include "core/crypt/crypt.h"
+#include "core/filesystem/lockedpath.h"
+#include "ingest/event/eventstore.h"
+#include "tests/support/tempfolder.h"
+#include "tools/velmora/inspection.h"
+
+namespace velmora::tool {
+namespace {
+
+namespace fs = boost::filesystem;
+using platform::HoldState;
+
+constexpr const char* kPart = "00000001-1111-4222-8333-444444444444";
+
+std::string readFile(const fs::path& path) {
+    std::ifstream stream(path.string(), std::ios::binary);
+    return {std::istreambuf_iterator<char>(stream), {}};
+}
+
+void writeFile(const fs::path& path, const std::string& bytes) {
+    std::ofstream(path.string(), std::ios::binary | std::ios::trunc) << bytes;
+}
+
+void overwrite(const fs::path& path, size_t offset, const std::string& bytes) {
+    writeFile(path, readFile(path).replace(offset, bytes.size(), bytes));
+}
+
+// Every path below with its time of change and its bytes.
+std::map<std::string, std::pair<std::time_t, std::string>> contentsOf(const fs::path& root) {
+    std::map<std::string, std::pair<std::time_t, std::string>> contents;
+    for (const auto& entry : fs::recursive_directory_iterator(root))
+        contents[entry.path().string()] = {fs::last_write_time(entry.path()),
+                                           fs::is_regular_file(entry.path()) ? readFile(entry.path()) : ""};
+    return contents;
+}
+
+fs::path copyStore(const fs::path& target) {
+    fs::create_directories(target);
+    for (const char* name : {"manifest", kPart})
+        fs::copy_file(fs::path(VELMORA_TEST_DATA) / "store-v1" / name, target / name);
+    return target;
+}
+
+std::string allDamage(const Inspected& node) {
+    std::string text;
+    for (const std::string& damage : node.damage) text += node.name + ": " + damage + "\n";
+    for (const Inspected& child : node.children) text += allDamage(child);
+    return text;
+}
+
+std::unique_ptr<EventStore> openStore(const fs::path& folder, uint64_t rotationSize) {
+    return std::make_unique<EventStore>(Path(folder), nullptr,
+                                        QueueConfig{"main", rotationSize, rotationSize * 1000, 3600'000});
+}
+
+// Starts the tool; its standard output and error go to a file.
+std::pair<int, std::string> run(const fs::path& scratch, const std::string& arguments) {
+    const std::string file = (scratch / "out").string();
+    const int status = std::system(
+        (std::string("\"") + VELMORA_TOOL + "\" inspect " + arguments + " > \"" + file + "\" 2>&1").c_str());
+    return {status > 255 ? status >> 8 : status, readFile(file)};
+}
+
+TEST(Inspect, FindsEveryDamageAndChangesNothing) {
+    const struct {
+        const char* what;
+        std::function<void(const fs::path& store)> spoil;
+        const char* damage;  // empty: healthy
+        uint64_t events;
+    } rows[] = {
+        {"nothing", [](const auto&) {}, "", 2},
+        {"part cut in its data", [](const auto& store) { fs::resize_file(store / kPart, 300); },
+         "the header is damaged: capacity is beyond the end of the file", 0},
+        {"part cut in its header", [](const auto& store) { fs::resize_file(store / kPart, 100); },
+         "the file is too short: size=100", 0},
+        {"bad magic", [](const auto& store) { overwrite(store / kPart, 0, "x"); }, "the magic is wrong", 0},
+        {"length past the end", [](const auto& store) { overwrite(store / kPart, 155, "\xFF\xFF\xFF\xFF"); },
+         "record 1 reaches beyond its region: position=155 length=4294967295", 1},
+        {"missing part", [](const auto& store) { fs::remove(store / kPart); }, "444: the file is missing", 0},
+        {"part that is a folder",
+         [](const auto& store) {
+             fs::remove(store / kPart);
+             fs::create_directory(store / kPart);
+         },
+         "this is no file", 0},
+        {"foreign file", [](const auto& store) { writeFile(store / "notes.txt", "no queue"); }, "", 2},
+        {"part beside the manifest", [](const auto& store) { fs::copy_file(store / kPart, store / "other"); },
+         "the manifest does not list a part with 2 events: other", 2},
+        {"name that leads out", [](const auto& store) { overwrite(store / "manifest", 148, "../\x1B"); },
+         "record 0 can't be the name of a part: ../\xEF\xBF\xBD"
+         "0001-1111",
+         0},
+        {"manifest of another kind", [](const auto& store) { overwrite(store / "manifest", 0, "x"); },
+         "manifest: the magic is wrong", 0},
+        {"no manifest", [](const auto& store) { fs::remove(store / "manifest"); }, "does not list a part", 0},
+    };
+    for (const auto& row : rows) {
+        SCOPED_TRACE(row.what);
+        const test::TempFolder folder;
+        const fs::path store = copyStore(folder / "7" / "anon_events");
+        row.spoil(store);
+        const auto before = contentsOf(folder.path());
+        const Inspected found = inspect(Path(store), {.records = 10, .passphrase = "p"});
+        EXPECT_EQ(contentsOf(folder.path()), before);
+        EXPECT_EQ(found.kind, InspectedKind::store);
+        EXPECT_EQ(found.events, row.events);
+        EXPECT_EQ(countDamage(found), *row.damage == 0 ? 0U : 1U) << allDamage(found);
+        EXPECT_NE(allDamage(found).find(row.damage), std::string::npos) << allDamage(found);
+    }
+}
+
+TEST(Inspect, TellsWhatAPathIsAndWhoHoldsIt) {
+    const test::TempFolder folder;
+    const fs::path root = folder / "\xD0\xB4\xD0\xB0\xD0\xBD\xD0\xBD\xD1\x8B\xD0\xB5 \xE6\x95\xB0\xE6\x8D\xAE";
+    const fs::path data = root / "com.orvane.velmora";
+    const fs::path versions = data / "3f2c9d5e-8f7a-4f0b-9f53-0d7f8f1f2a11" / "v1";
+    copyStore(versions / "10" / "auth_events");
+    const fs::path store = copyStore(versions / "9" / "anon_events");
+    const LockedPath hold{Path(versions / "10")};
+    const struct {
+        fs::path path;
+        InspectedKind kind;
+        uint64_t events;
+    } rows[] = {
+        {root, InspectedKind::dataRoot, 4},
+        {data / ".", InspectedKind::dataRoot, 4},
+        {versions.parent_path() / "", InspectedKind::configuration, 4},
+        {versions, InspectedKind::configuration, 4},
+        {versions / "9", InspectedKind::instance, 2},
+        {store, InspectedKind::store, 2},
+        {store / "manifest", InspectedKind::manifest, 1},
+        {store / kPart, InspectedKind::part, 2},
+    };
+    for (const auto& row : rows) {
+        SCOPED_TRACE(row.path.string());
+        const Inspected found = inspect(Path(row.path), {});
+        EXPECT_EQ(found.kind, row.kind);
+        EXPECT_EQ(found.events, row.events);
+        EXPECT_EQ(allDamage(found), "");
+    }
+    const Inspected configuration = inspect(Path(versions), {});
+    ASSERT_EQ(configuration.children.size(), 2U);
+    EXPECT_EQ(configuration.children[0].name, "9");
+    EXPECT_EQ(configuration.children[0].hold, HoldState::free);
+    EXPECT_EQ(configuration.children[1].hold, HoldState::held);
+    fs::create_directory(versions / "backup");
+    EXPECT_EQ(countDamage(inspect(Path(data), {})), 1U);
+    EXPECT_THROW(static_cast<void>(inspect(Path(folder / "nowhere"), {})), std::runtime_error);
+    EXPECT_THROW(static_cast<void>(inspect(Path(folder.path()), {})), std::runtime_error);
+}
+
+TEST(Inspect, ShowsHeaderAndRecords) {
+    const Inspected wrapped = inspect(Path(fs::path(VELMORA_TEST_DATA) / "part-wrapped-v1"), {.records = 2});
+    EXPECT_EQ(wrapped.header, (CircularQueueHeader<uint64_t>{2, 3, 0, 100, 64, 256, 256, 256}));
+    EXPECT_EQ(wrapped.events, 3U);
+    ASSERT_EQ(wrapped.records.size(), 2U);
+    EXPECT_EQ(wrapped.records[0].place.position, 244U);
+
+    const test::TempFolder folder;
+    const fs::path path = folder / "auth_events";
+    const auto store = openStore(path, 4096);
+    store->push(R"({ "a" : ")"
+                "\x7F\xFF"
+                R"(" })");
+    store->push(Crypt("good").encrypt(R"({"b":1})"));
+    store->push(Crypt("bad").encrypt(R"({"c":1})"));
+    store->push("no event");
+    const auto formsWith = [&](std::optional<std::string> passphrase) {
+        std::vector<std::pair<RecordForm, std::string>> forms;
+        const Inspected found = inspect(Path(path), {.records = 10, .passphrase = std::move(passphrase)});
+        for (const auto& record : found.children.at(1).records) forms.emplace_back(record.form, record.json);
+        return forms;
+    };
+    const std::pair plain{RecordForm::plain, std::string("{\"a\":\"\xEF\xBF\xBD\xEF\xBF\xBD\"}")};
+    const std::pair other{RecordForm::other, std::string()};
+    const std::pair enciphered{RecordForm::enciphered, std::string()};
+    EXPECT_EQ(formsWith(std::nullopt), (std::vector{plain, enciphered, enciphered, other}));
+    EXPECT_EQ(formsWith("good"),
+              (std::vector{plain, {RecordForm::deciphered, R"({"b":1})"}, {RecordForm::undecipherable, ""}, other}));
+}
+
+// One process pushes and drains, another one starts; neither may notice that somebody looks, and what is half done must
+// not pass for damage.
+TEST(Inspect, DoesNotDisturbARunningProcess) {
+    const test::TempFolder folder;
+    const fs::path versions = folder / "guid" / "v1";
+    fs::create_directories(versions / "0");
+    fs::create_directories(versions / "1");
+    const LockedPath hold{Path(versions / "0")};
+    ASSERT_TRUE(hold.isLocked());
+    std::atomic<bool> isOver = false;
+    uint64_t pushed = 0;
+    uint64_t drained = 0;
+    uint64_t refusals = 0;
+    const auto store = openStore(versions / "0" / "anon_events", 1024);
+    store->push("first");
+    std::thread worker([&] {
+        for (; !isOver; ++pushed) {
+            store->push(R"({"n":)" + std::to_string(pushed) + "}");
+            if (pushed % 3 != 0) continue;
+            const auto batch = store->peek(5);
+            store->pop(batch.size());
+            drained += batch.size();
+        }
+    });
+    std::thread starter([&] {
+        while (!isOver) refusals += LockedPath(Path(versions / "1")).isLocked() ? 0 : 1;
+    });
+    for (int i = 0; i < 20; ++i) {
+        const Inspected found = inspect(Path(folder / "guid"), {.records = 3});
+        EXPECT_EQ(allDamage(found), "");
+        EXPECT_EQ(found.children.at(0).hold, HoldState::held);
+    }
+    isOver = true;
+    worker.join();
+    starter.join();
+    EXPECT_EQ(refusals, 0U);
+    EXPECT_EQ(store->size(), 1 + pushed - drained);
+    EXPECT_EQ(inspect(Path(folder / "guid"), {}).events, store->size());
+    writeFile(versions / "0" / "anon_events" / "manifest", "broken");
+    EXPECT_NE(countDamage(inspect(Path(folder / "guid"), {})), 0U);
+}
+
+TEST(InspectCommand, ReportsAsTextAsJsonAndByExitCode) {
+    const test::TempFolder folder;
+    const fs::path store = copyStore(folder / "guid" / "v1" / "0" / "anon_events");
+    const std::string quoted = '"' + (folder / "guid").string() + '"';
+
+    const auto [healthy, text] = run(folder.path(), quoted + " --records 1");
+    EXPECT_EQ(healthy, 0) << text;
+    for (const char* expected :
+         {"\n  instance 0, held by nobody: 2 events, 624 bytes, last write ", "\n      manifest: 1 name, 224 bytes",
+          "\n        selector 1, headCount 2, ringCount 2, overflowCount 0, readOffset 0, writeOffset 15, ringEnd 256, "
+          "overflowWriteOffset 256, capacity 256\n",
+          "\n        record 0: position 144, length 7, ring, plain: {\"a\":1}\n", "\nhealthy\n"})
+        EXPECT_NE(text.find(expected), std::string::npos) << expected << text;
+    EXPECT_EQ(text.find("record 1"), std::string::npos) << text;
+
+    overwrite(store / kPart, 155, "\xFF");
+    const auto [damaged, json] = run(folder.path(), quoted + " --passphrase p --json");
+    EXPECT_EQ(damaged, 1) << json;
+    rapidjson::Document document;
+    ASSERT_FALSE(document.Parse(json).HasParseError()) << json;
+    EXPECT_FALSE(document["healthy"].GetBool());
+    EXPECT_EQ(document["damaged"].GetUint(), 1U);
+    const auto& part = document["root"]["children"][0]["children"][0]["children"][1];
+    EXPECT_STREQ(part["kind"].GetString(), "part");
+    EXPECT_EQ(part["header"]["ringEnd"].GetUint(), 256U);
+    EXPECT_EQ(part["records"][0]["event"]["a"].GetInt(), 1);
+    EXPECT_EQ(part["damage"].Size(), 1U);
+    EXPECT_STREQ(document["root"]["children"][0]["hold"].GetString(), "free");
+
+    for (const char* wrong : {"", "nowhere", "--records many ."})
+        EXPECT_EQ(run(folder.path(), wrong).first, 2) << wrong;
+}
+
+}  // namespace
+}  // namespace velmora::tool
