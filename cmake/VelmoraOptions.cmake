@@ -12,6 +12,9 @@ if(WIN32)
     target_compile_definitions(velmora_options INTERFACE
         _WIN32_WINNT=0x0601 UNICODE _UNICODE NOMINMAX WIN32_LEAN_AND_MEAN)
     target_link_options(velmora_options INTERFACE -static)
+    # GCC 12 sees an overlap in any std::string operator+ with a literal, where the library's templates are instantiated.
+    target_compile_options(velmora_options INTERFACE
+        $<$<AND:$<COMPILE_LANGUAGE:CXX>,$<CXX_COMPILER_ID:GNU>,$<VERSION_LESS:$<CXX_COMPILER_VERSION>,13>>:-Wno-restrict>)
 endif()
 if(VELMORA_SANITIZE)
     target_compile_options(velmora_options INTERFACE -fsanitize=${VELMORA_SANITIZE} -fno-omit-frame-pointer)

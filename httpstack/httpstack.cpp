@@ -3,6 +3,7 @@
 #include <exception>
 #include <memory>
 #include <mutex>
+#include <stdexcept>
 #include <utility>
 
 #include "httpstack/exchange.h"
@@ -115,7 +116,9 @@ void removeCallbacks() {
 
 // Ends a stack that the host has left installed, before the libraries below it end their own state.
 struct UninstallAtExit {
-    ~UninstallAtExit() { velmora_httpstack_uninstall(); }
+    ~UninstallAtExit() {
+        if (!threadsAreGone()) velmora_httpstack_uninstall();
+    }
 };
 
 int32_t install(const velmora_httpstack_options* options) {
@@ -150,6 +153,8 @@ void velmora_httpstack_defaults(velmora_httpstack_options* options) {
 int32_t velmora_httpstack_install(const velmora_httpstack_options* options) {
     try {
         return velmora::httpstack::install(options);
+    } catch (const std::invalid_argument&) {
+        return VELMORA_ERROR_INVALID_ARGUMENT;
     } catch (const std::exception&) {
         return VELMORA_ERROR_UNKNOWN;
     }

@@ -48,6 +48,8 @@ std::unique_ptr<Transport> makeTransport(const Settings& settings, ExchangeTable
     return std::make_unique<CurlTransport>(settings, table);
 }
 
+bool threadsAreGone() noexcept { return false; }
+
 CurlTransport::CurlTransport(const Settings& settings, ExchangeTable& table)
     : settings_(settings), table_(table), multi_(makeMulti()) {
     try {

@@ -40,7 +40,7 @@ typedef struct velmora_httpstack_options {
     uint32_t totalTimeoutMs;   /* 60000, from the start of the exchange to its end; 0 for no limit */
     uint32_t maxRedirects;     /* 5 */
     const char* proxy;         /* URL of a proxy; null: as the system or the environment says; "": none */
-    const char* caBundle;      /* file of trusted certificates in PEM form; null: the system's */
+    const char* caBundle;      /* file of trusted certificates in PEM form, not on Windows; null: the system's */
     const char* userAgent;     /* null for "velmora-httpstack" */
     const velmora_httpstack_route* routes;
     uint32_t routeCount;
@@ -50,8 +50,8 @@ typedef struct velmora_httpstack_options {
 VELMORA_HTTPSTACK_API void velmora_httpstack_defaults(velmora_httpstack_options* options);
 
 /* Starts the thread and sets the four callbacks of http.h. A null pointer means the defaults.
- * Returns 0; 4 for a bad option (a route with a null or empty text, a size that is not known); 18 if the stack is
- * installed already; 1 if the thread or the transport can't be started. */
+ * Returns 0; 4 for a bad option (a route with a null or empty text, a size that is not known, on Windows a caBundle);
+ * 18 if the stack is installed already; 1 if the thread or the transport can't be started. */
 VELMORA_HTTPSTACK_API int32_t velmora_httpstack_install(const velmora_httpstack_options* options);
 
 /* Removes the callbacks, cancels what is under way, reports its completion and ends the thread. Without an installed

@@ -4,30 +4,7 @@
 #include <string.h>
 #include <velmora/velmora.h>
 
-#ifdef _WIN32
-#    include <windows.h>
-typedef HMODULE library_handle;
-static library_handle openLibrary(const char* path) { return LoadLibraryA(path); }
-static void* findFunction(library_handle library, const char* name) {
-    FARPROC function = GetProcAddress(library, name);
-    void* pointer = NULL;
-    memcpy(&pointer, &function, sizeof pointer);
-    return pointer;
-}
-static int closeLibrary(library_handle library) { return FreeLibrary(library) != 0; }
-static void waitAMoment(void) { Sleep(20); }
-#else
-#    include <dlfcn.h>
-#    include <time.h>
-typedef void* library_handle;
-static library_handle openLibrary(const char* path) { return dlopen(path, RTLD_NOW | RTLD_LOCAL); }
-static void* findFunction(library_handle library, const char* name) { return dlsym(library, name); }
-static int closeLibrary(library_handle library) { return dlclose(library) == 0; }
-static void waitAMoment(void) {
-    const struct timespec moment = {0, 20000000};
-    nanosleep(&moment, NULL);
-}
-#endif
+#include "tests/support/loader.h"
 
 #define FUNCTIONS(X)                         \
     X(velmora_http_setNewSessionCallback)    \

@@ -4,6 +4,7 @@
 #include <fstream>
 #include <sstream>
 
+#include "tests/support/shell.h"
 #include "tests/support/tempfolder.h"
 #include "tools/velmora/converter.h"
 #include "tools/velmora/mappinglint.h"
@@ -115,8 +116,7 @@ TEST(ConvertCommand, ConvertsFilesAndReportsByExitCode) {
     const auto exitsWith = [&](int code, const std::string& arguments) {
         const std::string command = std::string("\"") + VELMORA_TOOL + "\" convert " + arguments + " > \"" +
                                     (folder / "out").string() + "\" 2>&1";
-        const int status = std::system(command.c_str());
-        return status == code || status == code << 8;
+        return test::runInShell(command) == code;
     };
     const std::string good = "--mapping " + write("good.csv", "IN_a,OUT_b\n(x.*),$1\n");
     const std::string bad = write("bad.csv", "IN_a,OUT_b\nx,1\n\nx,1,2\n");

@@ -11,6 +11,7 @@
 #include "core/crypt/crypt.h"
 #include "core/filesystem/lockedpath.h"
 #include "ingest/event/eventstore.h"
+#include "tests/support/shell.h"
 #include "tests/support/tempfolder.h"
 #include "tools/velmora/inspection.h"
 
@@ -66,9 +67,9 @@ std::unique_ptr<EventStore> openStore(const fs::path& folder, uint64_t rotationS
 // Starts the tool; its standard output and error go to a file.
 std::pair<int, std::string> run(const fs::path& scratch, const std::string& arguments) {
     const std::string file = (scratch / "out").string();
-    const int status = std::system(
-        (std::string("\"") + VELMORA_TOOL + "\" inspect " + arguments + " > \"" + file + "\" 2>&1").c_str());
-    return {status > 255 ? status >> 8 : status, readFile(file)};
+    const int code =
+        test::runInShell(std::string("\"") + VELMORA_TOOL + "\" inspect " + arguments + " > \"" + file + "\" 2>&1");
+    return {code, readFile(file)};
 }
 
 TEST(Inspect, FindsEveryDamageAndChangesNothing) {

@@ -9,10 +9,9 @@ int main(int argc, char** argv) {
     CLI::App program("velmora: tools around the velmora telemetry library", "velmora");
     program.require_subcommand(1);
     int exitCode = velmora::tool::kExitOk;
-    velmora::tool::registerCollect(program, exitCode);
+    velmora::tool::registerCollector(program, exitCode);
     velmora::tool::registerConvert(program, exitCode);
     velmora::tool::registerInspect(program, exitCode);
-    velmora::tool::registerReconcile(program, exitCode);
     velmora::tool::registerSend(program, exitCode);
     try {
         program.parse(argc, argv);
