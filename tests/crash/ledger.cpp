@@ -76,9 +76,22 @@ private:
         const LedgerEntry& entry = ledger_[at];
         if (entry.deed == Deed::accepted) {
             for (const EventId& id : entry.events) noteAccepted(id);
+        } else if (entry.deed == Deed::delivered && isLateReport(entry, at)) {
+            verdict_.repeats += entry.events.size();
         } else if (entry.deed == Deed::delivered) {
             for (const EventId& id : entry.events) noteDelivered(id, entry.process, at);
         }
+    }
+
+    // A process that goes gives its exchange up, but cannot call it back: the service may see that batch when others
+    // have long delivered it, and more. Nothing in it is new then, or this is no such report.
+    bool isLateReport(const LedgerEntry& entry, size_t at) {
+        const auto& absences = absences_[entry.process];
+        const bool hasLeft = !absences.empty() && absences.front().from < at;
+        return hasLeft && std::all_of(entry.events.begin(), entry.events.end(), [&](const EventId& id) {
+                   const auto progress = progress_.find(id.stream);
+                   return delivered_.contains(id) && !progress->second.last.events.contains(id.sequence);
+               });
     }
 
     void noteAccepted(const EventId& id) {

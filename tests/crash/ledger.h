@@ -48,7 +48,8 @@ struct Verdict {
 // Conservation: what is accepted is delivered or stored, and beyond that there is at most one event per stream, its
 // next one. Order: within a stream first deliveries ascend, and so do stored events. One owner: events of a process are
 // delivered by it until it leaves, and by one process at a time after that; events come again, or are stored though
-// delivered, only if the batch that carried them was the last one of its stream when its owner left.
+// delivered, only if the batch that carried them was the last one of its stream when its owner left; the
+// exchange that an owner gave up in leaving may be reported later still.
 [[nodiscard]] Verdict judge(const std::vector<LedgerEntry>& ledger, const std::vector<StoredLine>& disk);
 
 }  // namespace velmora::test
