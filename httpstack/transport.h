@@ -25,8 +25,8 @@ public:
     virtual void stop() = 0;
 };
 
-// `settings` and `table` outlive the transport. Throws std::runtime_error or std::system_error if the system refuses, and
-// std::invalid_argument for a setting that the system's client can't honour.
+// `settings` and `table` outlive the transport. Throws std::runtime_error or std::system_error if the system refuses,
+// and std::invalid_argument for a setting that the system's client can't honour.
 [[nodiscard]] std::unique_ptr<Transport> makeTransport(const Settings& settings, ExchangeTable& table);
 
 // Whether the process's end has killed the transport's threads already, so that nothing may wait for them.
