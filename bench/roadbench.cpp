@@ -293,10 +293,10 @@ BENCHMARK(BM_DrainFloor)->Iterations(kBatch * 200)->UseRealTime();
 
 void BM_Drain(benchmark::State& state) {
     const auto instance = Library::get().start(false);
-    while (state.KeepRunningBatch(kBatch * 100)) {
+    while (state.KeepRunningBatch(kBatch * 400)) {
         state.PauseTiming();
         velmora_offline();
-        for (int i = 0; i < kBatch * 100; ++i) velmora_ingest_submitAnonEvent(instance, kHostEvent, 1);
+        for (int i = 0; i < kBatch * 400; ++i) velmora_ingest_submitAnonEvent(instance, kHostEvent, 1);
         state.ResumeTiming();
         velmora_online();
         while (velmora_ingest_flush(instance, nullptr, nullptr) != VELMORA_OK) std::this_thread::yield();

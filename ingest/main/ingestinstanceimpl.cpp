@@ -100,7 +100,9 @@ OrphanCallbacks IngestInstanceImpl::orphanCallbacks() {
         [this](const std::string& storeName, const std::string& reason, uint64_t count, uint64_t size) {
             onDropped(storeName, reason, count, size);
         },
-        [this](std::string event, bool includeIdentity) { return transform(std::move(event), includeIdentity); },
+        [this](std::string& event, bool includeIdentity) {
+            return preset_.tryApplyBatchAttributes(event, includeIdentity);
+        },
         [this](const std::error_code& error, const Events& valid, const Events& invalid) {
             onErrorFromAuthLine(error, valid, invalid);
         },
@@ -190,10 +192,6 @@ void IngestInstanceImpl::submitEventInPipeline(Pipeline& pipeline, const std::st
 
 void IngestInstanceImpl::countRejected(PipelineKind kind, const std::error_code& code) {
     debugCounters_.add(name_, kind, Item::event, Action::rejected, rejectionReason(code), 1);
-}
-
-std::string IngestInstanceImpl::transform(std::string event, bool includeIdentity) {
-    return preset_.applyBatchAttributes(std::move(event), includeIdentity);
 }
 
 void IngestInstanceImpl::changeState(int32_t state, int32_t authState) {

@@ -56,7 +56,6 @@ private:
     void begin();
     OrphanCallbacks orphanCallbacks();
     std::unique_ptr<Pipeline> makeLine(PipelineKind kind);
-    std::string transform(std::string event, bool includeIdentity);
 
     void submitEventInPipeline(Pipeline& pipeline, const std::string& json, bool batch, int32_t validate,
                                const std::string& configOverride);

@@ -157,8 +157,7 @@ void Pipeline::formBatch() {
     std::vector<std::string> records = store_->peek(batchSize_);
     batchSize_ = records.size();
     std::vector<std::string> plain = doDecrypt(records);
-    doFilterInvalidEvents(std::move(records), std::move(plain));
-    request_ = makeRequest(validEvents_);
+    request_ = makeRequest(doFilterInvalidEvents(std::move(records), std::move(plain)));
 }
 
 std::vector<std::string> Pipeline::doDecrypt(const std::vector<std::string>& records) const {
@@ -172,24 +171,35 @@ std::vector<std::string> Pipeline::doDecrypt(const std::vector<std::string>& rec
     return plain;
 }
 
-void Pipeline::doFilterInvalidEvents(std::vector<std::string> records, std::vector<std::string> plain) {
+// The transform parses each event, and so is the test of what is a JSON object, too: what it takes goes into the batch.
+std::vector<std::string> Pipeline::doFilterInvalidEvents(std::vector<std::string> records,
+                                                         std::vector<std::string> plain) {
     validEvents_.clear();
     invalidEvents_.clear();
+    std::vector<std::string> transformed;
+    transformed.reserve(plain.size());
     for (size_t i = 0; i < plain.size(); ++i) {
-        if (validJSON(plain[i])) {
+        std::string event = plain[i];
+        if (transform(event)) {
+            transformed.push_back(std::move(event));
             validEvents_.push_back(std::move(plain[i]));
         } else {
             invalidEvents_.push_back(std::move(records[i]));
         }
     }
-    if (invalidEvents_.empty()) return;
-    VELMORA_LOG(warn, "pipeline") << "Filter out events: count=" << invalidEvents_.size() << " name=" << name_;
+    if (!invalidEvents_.empty()) {
+        VELMORA_LOG(warn, "pipeline") << "Filter out events: count=" << invalidEvents_.size() << " name=" << name_;
+    }
+    return transformed;
 }
 
-http::Request Pipeline::makeRequest(const std::vector<std::string>& events) const {
-    std::vector<std::string> transformed;
-    transformed.reserve(events.size());
-    for (const std::string& event : events) transformed.push_back(eventTransform_(event, carriesIdentity(kind_)));
+bool Pipeline::transform(std::string& event) const {
+    // A line without a transform holds what can't be deciphered: a readable event there is a fault.
+    if (!eventTransform_ && !validJSON(event)) return false;
+    return eventTransform_(event, carriesIdentity(kind_));
+}
+
+http::Request Pipeline::makeRequest(const std::vector<std::string>& transformed) const {
     std::string body = doBatch(transformed);
     if (compressionEnabled_) body = service::ingest::compressGzip(body.data(), body.size(), -1);
     const auto [environment, apiKey] =

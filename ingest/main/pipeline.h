@@ -32,8 +32,9 @@ namespace velmora {
 
 class Pipeline : private SerialTaskEngine {
 public:
-    // Applied to each event right before batching; the flag asks for the user's identity.
-    using EventTransform = std::function<std::string(std::string event, bool includeIdentity)>;
+    // Applied to each event right before batching; the flag asks for the user's identity. False, with the text as it
+    // was, for a text that is no JSON object: whoever transforms an event has parsed it.
+    using EventTransform = std::function<bool(std::string& event, bool includeIdentity)>;
 
     // Told of what happens to events and requests, on any thread; the first argument names the instance folder.
     using DebugCallback = std::function<void(const std::string& folderName, PipelineKind, debug::Item, debug::Action,
@@ -103,9 +104,10 @@ private:
     void doInitiateRequest();
     void formBatch();
     std::vector<std::string> doDecrypt(const std::vector<std::string>& records) const;
-    void doFilterInvalidEvents(std::vector<std::string> records, std::vector<std::string> plain);
+    std::vector<std::string> doFilterInvalidEvents(std::vector<std::string> records, std::vector<std::string> plain);
+    bool transform(std::string& event) const;
     std::string doBatch(const std::vector<std::string>& events) const;
-    http::Request makeRequest(const std::vector<std::string>& events) const;
+    http::Request makeRequest(const std::vector<std::string>& transformed) const;
 
     void doPostBatch();
     void onNetworkResponse(uint64_t exchange, const http::Response& response);
@@ -113,7 +115,7 @@ private:
     void doHandleSuccess();
     bool doRetry(const http::Response& response);
     bool armRetry(std::chrono::milliseconds delay, uint32_t attempt);
-    void onRetryTimeout();
+    void onRetryTimeout(uint64_t exchange);
     void doHandleError();
     void doResetState();
     void logHTTPResponse(const http::Response& response) const;

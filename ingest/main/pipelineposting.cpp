@@ -102,13 +102,16 @@ bool Pipeline::armRetry(std::chrono::milliseconds delay, uint32_t attempt) {
     const uint64_t wait = service::config::session::retryWait(
         session_.getRetryIntervals(), static_cast<uint64_t>(std::max<int64_t>(delay.count(), 0)), attempt);
     VELMORA_LOG(info, "pipeline") << "Will retry request after " << wait << " milliseconds";
-    timer_.schedule(toMilliseconds(wait), Task([this] { onRetryTimeout(); }));
+    timer_.schedule(toMilliseconds(wait), Task([this, exchange = lastExchange_] { onRetryTimeout(exchange); }));
     return true;
 }
 
-void Pipeline::onRetryTimeout() {
+void Pipeline::onRetryTimeout(uint64_t exchange) {
     VELMORA_LOG(trace, "pipeline") << "Time to retry";
-    enqueueTask(Task([this] { doPostBatch(); }));
+    enqueueTask(Task([this, exchange] {
+        // The batch that waited may have been forgotten by a change of state while its retry was being armed.
+        if (retryHandler_ && exchange == lastExchange_) doPostBatch();
+    }));
 }
 
 void Pipeline::doHandleError() {
@@ -182,6 +185,7 @@ void Pipeline::doDirectPost(uint64_t id) {
     };
     try {
         Transfer transfer;
+        if (!transform(event)) throw std::system_error(VelmoraError::invalid_json);
         post(makeRequest({event}), onAnswer, transfer);
         const MutexLock lock(directMutex_);
         directRequests_.at(id).transfer = std::move(transfer);

@@ -18,8 +18,8 @@
 namespace velmora::tool {
 
 struct InspectOptions {
-    uint64_t records = 0;                   // of each part file, from the oldest on
-    std::optional<std::string> passphrase;  // without one, enciphered records stay as they are
+    uint64_t records = 0;                        // of each part file, from the oldest on
+    std::optional<std::string> passphrase = {};  // without one, enciphered records stay as they are
 };
 
 enum class InspectedKind { dataRoot, configuration, instance, store, manifest, part };

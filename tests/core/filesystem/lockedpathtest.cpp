@@ -26,6 +26,7 @@ TEST_F(LockedPathTest, IsHeldByOneOwnerAtATime) {
         const LockedPath first{Path(folder_)};
         EXPECT_TRUE(first.isLocked() && !first.isBusy());
         EXPECT_TRUE(log_.has(LogLevel::info, "fs", "locked path=" + name));
+        EXPECT_EQ(platform::probeHold(folder_.native()), platform::HoldState::held);
         const LockedPath second{Path(folder_)};
         EXPECT_TRUE(!second.isLocked() && second.isBusy());
         EXPECT_TRUE(log_.contains("cannot lock: errno="));
@@ -33,6 +34,7 @@ TEST_F(LockedPathTest, IsHeldByOneOwnerAtATime) {
         EXPECT_TRUE((folder_ / "child").exists()) << "the holder works in it";
     }
     EXPECT_TRUE(log_.has(LogLevel::info, "fs", "unlocked path=" + name));
+    EXPECT_EQ(platform::probeHold(folder_.native()), platform::HoldState::free);
     const LockedPath again{Path(folder_)};
     EXPECT_TRUE(again.isLocked());
 }
@@ -41,6 +43,7 @@ TEST_F(LockedPathTest, TriesNothingOnAMissingPath) {
     const LockedPath missing(folder_ / "missing");
     EXPECT_TRUE(!missing.isLocked() && !missing.isBusy());
     EXPECT_TRUE(log_.messages("fs").empty());
+    EXPECT_EQ(platform::probeHold((folder_ / "missing").native()), platform::HoldState::unknown);
 }
 
 TEST_F(LockedPathTest, HandsTheHoldOnWhenMoved) {
@@ -91,6 +94,7 @@ TEST_F(LockedPathTest, HoldsFilesAsWell) {
     const LockedPath held{Path(file)};
     EXPECT_TRUE(held.isLocked());
     EXPECT_TRUE(LockedPath{Path(file)}.isBusy());
+    EXPECT_EQ(platform::probeHold(file.native()), platform::HoldState::held);
 }
 
 }  // namespace

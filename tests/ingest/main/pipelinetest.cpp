@@ -5,6 +5,7 @@
 #include <functional>
 #include <thread>
 
+#include "core/json/validjson.h"
 #include "core/types/errors.h"
 #include "core/utils/waitfor.h"
 #include "tests/support/fakehost.h"
@@ -54,7 +55,7 @@ protected:
     Pipeline& open(PipelineKind kind = PipelineKind::anon) {
         const Path folder = Path(folder_.path()) / "7" / storeFolderName(kind);
         pipeline_ = std::make_unique<Pipeline>(session_, *provider_, folder, DropCallback(), "main", kind);
-        pipeline_->setEventTransform([](std::string text, bool) { return text; });
+        pipeline_->setEventTransform([](std::string& text, bool) { return validJSON(text); });
         pipeline_->setDebugCallback(
             [this](const std::string& name, PipelineKind k, Item i, Action a, Reason r, uint64_t count) {
                 EXPECT_EQ(name, "7");
