@@ -7,6 +7,7 @@
 #include "core/json/mergejson.h"
 #include "core/logging/defaultlogger.h"
 #include "core/platform/pool.h"
+#include "core/platform/process.h"
 #include "core/types/exceptions.h"
 #include "core/types/log.h"
 #include "core/utils/durations.h"
@@ -23,12 +24,29 @@ std::atomic<Session*> currentSession = nullptr;  // set by the session's constru
 
 }  // namespace
 
+// A process whose end has killed the pools' threads can't stop anything: what those threads held stays locked for ever.
+// The session is then left as it is; its events are on disk.
+class Session::SessionOwner {
+public:
+    SessionOwner() : session_(new Session) {}
+    ~SessionOwner() {
+        if (!platform::isTerminating()) delete session_;
+    }
+    SessionOwner(const SessionOwner&) = delete;
+    SessionOwner& operator=(const SessionOwner&) = delete;
+
+    [[nodiscard]] Session& session() const { return *session_; }
+
+private:
+    Session* const session_;
+};
+
 Session& Session::getInstance() {
     // What the teardown at exit needs has to outlive the session, so it has to come up before.
     platform::defaultPool();
     platform::defaultTimer();
-    static Session session;
-    return session;
+    static const SessionOwner owner;
+    return owner.session();
 }
 
 Session* Session::current() noexcept { return currentSession; }

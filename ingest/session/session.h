@@ -90,6 +90,8 @@ private:
         ~LoggerEnd();
     };
 
+    class SessionOwner;
+
     Session();
 
     void connect();
