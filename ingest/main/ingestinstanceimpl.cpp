@@ -306,8 +306,12 @@ void IngestInstanceImpl::setProfile(std::shared_ptr<service::oswin::Profile> pro
 }
 
 void IngestInstanceImpl::reportError(int32_t code) {
-    VELMORA_LOG_SCOPE(info, "ingestinstance", "reportError: e=" << code);
-    if (errorCallback_ != nullptr) errorCallback_(code);
+    // The caller holds the table of instances; the host is called without.
+    engine_.schedule(Task([this, code] {
+        VELMORA_LOG_SCOPE_AT(info, "ingestinstance", "velmora::IngestInstanceImpl::reportError",
+                             "reportError: e=" << code);
+        if (errorCallback_ != nullptr) errorCallback_(code);
+    }));
 }
 
 Consent IngestInstanceImpl::getConsent() {
