@@ -1,9 +1,11 @@
 #include "ingest/session/session.h"
 
 #include <algorithm>
+#include <boost/regex.hpp>
 #include <mutex>
 #include <utility>
 
+#include "core/crypt/crypt.h"
 #include "core/json/mergejson.h"
 #include "core/logging/defaultlogger.h"
 #include "core/platform/pool.h"
@@ -28,7 +30,7 @@ std::atomic<Session*> currentSession = nullptr;  // set by the session's constru
 // The session is then left as it is; its events are on disk.
 class Session::SessionOwner {
 public:
-    SessionOwner() : session_(new Session) {}
+    SessionOwner() : session_((bringUpWhatOutlivesIt(), new Session)) {}
     ~SessionOwner() {
         if (!platform::isTerminating()) delete session_;
     }
@@ -38,13 +40,20 @@ public:
     [[nodiscard]] Session& session() const { return *session_; }
 
 private:
+    // What the teardown at exit still uses ends in the reverse order of its coming up, so it has to come up before: the
+    // cipher's library, whose clean-up has to follow the last thread, the blocks that Boost.Regex keeps for reuse, and
+    // the pools.
+    static void bringUpWhatOutlivesIt() {
+        static_cast<void>(Crypt(std::string()));
+        static_cast<void>(boost::regex_match("", boost::regex("")));
+        platform::defaultPool();
+        platform::defaultTimer();
+    }
+
     Session* const session_;
 };
 
 Session& Session::getInstance() {
-    // What the teardown at exit needs has to outlive the session, so it has to come up before.
-    platform::defaultPool();
-    platform::defaultTimer();
     static const SessionOwner owner;
     return owner.session();
 }

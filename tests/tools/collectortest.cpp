@@ -5,6 +5,7 @@
 #include <rapidjson/document.h>
 #include <zlib.h>
 
+#include "core/json/jsontext.h"
 #include "tests/support/tempfolder.h"
 
 namespace velmora::tool {
@@ -72,7 +73,7 @@ protected:
         rapidjson::Document document;
         const auto result = client().Get(path);
         EXPECT_TRUE(result && result->status == 200) << path;
-        if (result) document.Parse(result->body);
+        EXPECT_FALSE(!result || parseValue(document, result->body).IsError());
         return document;
     }
 
@@ -198,7 +199,8 @@ TEST_F(CollectorTest, AnswersForIdentityAndTracking) {
     auto profile = client().Get("/oswin/profile", {{"Authorization", "Bearer t"}});
     ASSERT_TRUE(profile);
     rapidjson::Document document;
-    EXPECT_TRUE(document.Parse(profile->body).HasMember("userId"));
+    ASSERT_FALSE(parseValue(document, profile->body).IsError());
+    EXPECT_TRUE(document.HasMember("userId"));
     EXPECT_EQ(client().Get("/oswin/profile")->status, 401);
     EXPECT_EQ(client().Get("/fetch_user_tracking_flag", {{"Access-Token", "t"}})->body, R"({"tracking_flag":"PII"})");
     EXPECT_EQ(client().Get("/fetch_user_tracking_flag")->status, 401);

@@ -9,6 +9,7 @@
 #include <set>
 #include <sstream>
 
+#include "core/json/jsontext.h"
 #include "tests/support/tempfolder.h"
 #include "tools/velmora/collector.h"
 
@@ -79,7 +80,7 @@ protected:
         rapidjson::Document document;
         const auto result = client.Get(path);
         EXPECT_TRUE(result && result->status == 200) << path;
-        if (result) document.Parse(result->body);
+        EXPECT_FALSE(!result || parseValue(document, result->body).IsError());
         return document;
     }
 

@@ -10,6 +10,7 @@
 
 #include "core/crypt/crypt.h"
 #include "core/filesystem/lockedpath.h"
+#include "core/json/jsontext.h"
 #include "ingest/event/eventstore.h"
 #include "tests/support/shell.h"
 #include "tests/support/tempfolder.h"
@@ -255,7 +256,7 @@ TEST(InspectCommand, ReportsAsTextAsJsonAndByExitCode) {
     const auto [damaged, json] = run(folder.path(), quoted + " --passphrase p --json");
     EXPECT_EQ(damaged, 1) << json;
     rapidjson::Document document;
-    ASSERT_FALSE(document.Parse(json).HasParseError()) << json;
+    ASSERT_FALSE(parseValue(document, json).IsError()) << json;
     EXPECT_FALSE(document["healthy"].GetBool());
     EXPECT_EQ(document["damaged"].GetUint(), 1U);
     const auto& part = document["root"]["children"][0]["children"][0]["children"][1];

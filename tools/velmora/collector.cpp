@@ -12,6 +12,7 @@
 #include <stdexcept>
 #include <thread>
 
+#include "core/json/jsontext.h"
 #include "tools/velmora/eventdb.h"
 #include "tools/velmora/script.h"
 
@@ -68,8 +69,8 @@ ReceivedEvent readEvent(const rapidjson::Value& value) {
 
 std::vector<ReceivedEvent> readBatch(const std::string& body) {
     rapidjson::Document document;
-    document.Parse<rapidjson::kParseFullPrecisionFlag | rapidjson::kParseIterativeFlag>(body);
-    if (document.HasParseError() || !document.IsObject()) throw Rejection{400, "the body is no JSON object"};
+    if (parseValue(document, body).IsError() || !document.IsObject())
+        throw Rejection{400, "the body is no JSON object"};
     const auto events = document.FindMember("events");
     if (events == document.MemberEnd() || !events->value.IsArray()) throw Rejection{400, "the body has no events"};
     std::vector<ReceivedEvent> batch;
@@ -123,8 +124,8 @@ std::string statsAsJson(const EventStats& stats) {
 std::string checkedProfile(const std::string& profile) {
     if (profile.empty()) return kDefaultProfile;
     rapidjson::Document document;
-    document.Parse(profile);
-    if (document.HasParseError() || !document.IsObject()) throw std::invalid_argument("the profile is no JSON object");
+    if (parseValue(document, profile).IsError() || !document.IsObject())
+        throw std::invalid_argument("the profile is no JSON object");
     return profile;
 }
 

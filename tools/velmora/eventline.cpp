@@ -6,6 +6,8 @@
 
 #include "core/utils/strings.h"
 
+#include "core/json/jsontext.h"
+
 namespace velmora::tool {
 namespace {
 
@@ -32,8 +34,7 @@ std::string validUtf8(const std::string& text) {
 
 EventLine identifiedEvent(const std::string& line) {
     rapidjson::Document document;
-    document.Parse<rapidjson::kParseIterativeFlag>(line);
-    if (document.HasParseError() || !document.IsObject()) return {line, ""};
+    if (parseValue(document, line).IsError() || !document.IsObject()) return {line, ""};
     const auto own = document.FindMember(kGuidKey);
     if (own != document.MemberEnd()) return {line, own->value.IsString() ? own->value.GetString() : ""};
     std::string guid = makeGuid();

@@ -3,6 +3,7 @@
 #include <rapidjson/document.h>
 
 #include <stdexcept>
+#include "core/json/jsontext.h"
 
 namespace velmora::tool {
 namespace {
@@ -42,8 +43,7 @@ void readMember(const std::string& name, const rapidjson::Value& value, ScriptOr
 
 ScriptOrder parseScript(const std::string& json) {
     rapidjson::Document document;
-    document.Parse(json);
-    if (document.HasParseError() || !document.IsObject()) throw std::invalid_argument("no JSON object");
+    if (parseValue(document, json).IsError() || !document.IsObject()) throw std::invalid_argument("no JSON object");
     ScriptOrder order;
     for (const auto& member : document.GetObject()) readMember(member.name.GetString(), member.value, order);
     const ScriptStep& step = order.step;
