@@ -8,6 +8,7 @@
 #include <map>
 #include <vector>
 
+#include "core/json/jsontext.h"
 #include "core/json/mergejson.h"
 #include "core/utils/strings.h"
 
@@ -164,7 +165,7 @@ bool filterKeys(Document& doc, const Rule& rule, const Mapping& mapping) {
         addition.AddMember(Value(key, addition.GetAllocator()), copy, addition.GetAllocator());
         mergeJSON(json, render(addition));
     }
-    doc.Parse(json);
+    (void)parseValue(doc, json);
     return !rule.out.empty();
 }
 
@@ -172,7 +173,7 @@ bool filterKeys(Document& doc, const Rule& rule, const Mapping& mapping) {
 
 std::string transformNaively(const Mapping& mapping, const std::string& event) {
     Document doc;
-    doc.Parse(event);
+    (void)parseValue(doc, event);
     bool matched = false;
     try {
         for (const Rule& rule : mapping.rules) {
