@@ -2,6 +2,7 @@
  * the process, "unload" of the library) and what is going on then ("idle": all stopped; "running": an instance with
  * events; "flight": a batch that is answered by nothing but its cancel; "logging": an instance whose every log line
  * goes to the host). That it ends at all, with exit code 0, is the test. */
+#include <stdatomic.h>
 #include <stdio.h>
 #include <string.h>
 #include <velmora/velmora.h>
@@ -27,10 +28,11 @@
 static struct { FUNCTIONS(DECLARE_POINTER) } lib;
 
 static int hostSession;
-static int answers = 1;
-static void* volatile unanswered[64]; /* the contexts of the batches in flight, by request */
-static volatile int requests;
-static volatile int lines;
+/* The library's threads call in beside the main one. */
+static atomic_int answers = 1;
+static void* _Atomic unanswered[64]; /* the contexts of the batches in flight, by request */
+static atomic_int requests;
+static atomic_int lines;
 
 #define CHECK(condition)                                            \
     do {                                                            \
@@ -43,7 +45,7 @@ static volatile int lines;
 static void countLine(int32_t level, const char* channel, const char* line) {
     (void)level;
     (void)channel;
-    lines += line[0] != '\0';
+    if (line[0] != '\0') ++lines;
 }
 
 static void* newSession(void) { return &hostSession; }

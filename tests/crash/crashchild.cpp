@@ -31,7 +31,7 @@ constexpr int kThreads = 4;
 constexpr int kExitRejected = 3;
 constexpr int kExitAbandoned = 4;
 constexpr int kExitNotDelivered = 5;
-constexpr milliseconds kStay{25};
+constexpr milliseconds kStay{VELMORA_CRASH_STAY_MS};
 constexpr milliseconds kPause{3};
 
 using Options = std::map<std::string, std::string>;

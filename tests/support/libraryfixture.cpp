@@ -26,6 +26,11 @@ bool isIngest(const HostRequest& request) { return request.url.find("/ingest") !
 
 std::string textOf(const rapidjson::Value& value) { return serialize(value); }
 
+CapturedLog& LibraryTest::processLog() {
+    static CapturedLog log(LogLevel::warn);
+    return log;
+}
+
 LibraryTest::LibraryTest() {
     Filesystem::setRootPath(Path(root_.path()));
     setNetworkMonitorFactory([] { return std::make_unique<SwitchedMonitor>(); });

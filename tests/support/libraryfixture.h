@@ -44,10 +44,13 @@ protected:
     size_t countPosted(const std::string& value, const char* key = "event.subtype");
 
     TempFolder root_;
-    CapturedLog log_{LogLevel::warn};
+    CapturedLog& log_ = processLog();
     FakeHost host_;
 
 private:
+    // Outlives the session, which logs until the process ends.
+    static CapturedLog& processLog();
+
     std::vector<velmora_ingest_instance> started_;
 };
 
