@@ -79,9 +79,9 @@ typedef struct velmora_ingest_instance_s* velmora_ingest_instance;
  *   instance  the handle that was passed in, for comparison only after a stop
  *   result    a velmora_result
  *   userData  what the host passed in
- * Runs on a pool thread of the library, and without its locks. It must not stop or flush the same instance synchronously,
- * and must not call a velmora_ingest_ function while another thread may be stopping the instance: the stop waits for the
- * callback, and such a call waits for the stop. */
+ * Runs on a pool thread of the library, and without its locks. It must not stop or flush the same instance
+ * synchronously, and must not call a velmora_ingest_ function while another thread may be stopping the instance: the
+ * stop waits for the callback, and such a call waits for the stop. */
 typedef void (*velmora_ingest_completion_callback)(velmora_ingest_instance instance, int32_t result, void* userData);
 
 /* Reports a failure that belongs to no call, such as a refused access token: codes 5, 19, 20 and 21. Runs on a pool
