@@ -269,7 +269,7 @@ TEST_F(PipelineOutcomes, DecideByStatusWhetherABatchIsPoppedRetriedOrGivenUp) {
         {"payload too large", {.status = 413}, Fate::givenUp},
         {"too many requests", {.status = 429}, Fate::retried},
         {"internal server error", {.status = 500}, Fate::retried},
-        {"not implemented", {.status = 501}, Fate::givenUp},
+        {"status 501, which is final", {.status = 501}, Fate::givenUp},
         {"bad gateway", {.status = 502}, Fate::retried},
         {"service unavailable", {.status = 503}, Fate::retried},
         {"gateway timeout", {.status = 504}, Fate::retried},
