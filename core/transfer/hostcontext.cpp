@@ -24,7 +24,7 @@ Table& table() {
 
 std::shared_ptr<HostContext> addHostContext(std::weak_ptr<TransferEngineImpl> engine,
                                             std::shared_ptr<TransferResponder> responder) {
-    const auto context =
+    auto context =
         std::make_shared<HostContext>(HostContext{.engine = std::move(engine), .responder = std::move(responder)});
     Table& all = table();
     const MutexLock lock(all.mutex);

@@ -36,13 +36,8 @@ class FutureState {
 public:
     using Executor = std::function<void(Task)>;
 
-    void setValue(T value) {
-        complete([&] { value_.emplace(std::move(value)); });
-    }
-
-    void setException(std::exception_ptr exception) {
-        complete([&] { exception_ = std::move(exception); });
-    }
+    void setValue(T value) { complete(std::move(value), nullptr); }
+    void setException(std::exception_ptr exception) { complete(std::nullopt, std::move(exception)); }
 
     bool isReady() const noexcept { return ready_; }
 
@@ -67,13 +62,13 @@ public:
     }
 
 private:
-    template <typename Store>
-    void complete(Store store) VELMORA_EXCLUDES(mutex_) {
+    void complete(std::optional<T> value, std::exception_ptr exception) VELMORA_EXCLUDES(mutex_) {
         std::vector<std::pair<Executor, Task>> waiting;
         {
             const MutexLock lock(mutex_);
             if (ready_) return;
-            store();
+            value_ = std::move(value);
+            exception_ = std::move(exception);
             ready_ = true;
             waiting.swap(continuations_);
         }

@@ -14,7 +14,7 @@ void append(Cells& cells, const Cells& more) { cells.insert(cells.end(), more.be
 
 std::string joined(const std::map<std::string, std::string>& options) {
     std::string text;
-    for (const auto& [key, value] : options) text += (text.empty() ? "" : ";") + key + "=" + value;
+    for (const auto& [key, value] : options) text.append(text.empty() ? "" : ";").append(key).append("=").append(value);
     return text;
 }
 

@@ -47,12 +47,15 @@ std::string unquoted(const std::string& segment) {
 }  // namespace
 
 std::string jsonFromPath(const std::string& path, const std::string& value) {
-    std::string inner = validJSONValue(value) ? value : "\"" + value + "\"";
     const std::vector<std::string> segments = splitPath(path);
-    for (auto segment = segments.rbegin(); segment != segments.rend(); ++segment) {
-        inner = "{\"" + unquoted(*segment) + "\":" + inner + "}";
+    std::string document;
+    for (const std::string& segment : segments) document.append("{\"").append(unquoted(segment)).append("\":");
+    if (validJSONValue(value)) {
+        document.append(value);
+    } else {
+        document.append("\"").append(value).append("\"");
     }
-    return inner;
+    return document.append(segments.size(), '}');
 }
 
 Config getGlobalConfig() {

@@ -33,7 +33,7 @@ std::string homeOfPasswordEntry(int& code) {
 }  // namespace
 
 boost::filesystem::path userDataFolder(int& code) {
-    const boost::filesystem::path data(environmentText("XDG_DATA_HOME"));
+    boost::filesystem::path data(environmentText("XDG_DATA_HOME"));
     if (data.is_absolute()) return data;
     std::string home = environmentText("HOME");
     if (home.empty()) home = homeOfPasswordEntry(code);
