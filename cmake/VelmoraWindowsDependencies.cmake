@@ -10,12 +10,11 @@ if(CMAKE_CROSSCOMPILING)
         file(CREATE_LINK /usr/include/${library} ${linked_headers}/${library} SYMBOLIC)
     endforeach()
     set(Boost_INCLUDE_DIRS ${linked_headers})
-    set(boost_filesystem ${PROJECT_SOURCE_DIR}/build/third_party/boost-filesystem CACHE PATH
-        "Folder with the sources of Boost.Filesystem below src")
-    if(NOT EXISTS ${boost_filesystem}/src/complete)
-        execute_process(COMMAND ${PROJECT_SOURCE_DIR}/tools/fetch-boost-filesystem ${boost_filesystem}
-                        COMMAND_ERROR_IS_FATAL ANY)
-    endif()
+    set(VELMORA_THIRD_PARTY ${PROJECT_SOURCE_DIR}/build/third_party CACHE PATH
+        "Folder with the sources that tools/fetch-sources has brought, or will bring")
+    execute_process(COMMAND ${PROJECT_SOURCE_DIR}/tools/fetch-sources ${VELMORA_THIRD_PARTY}
+                    COMMAND_ERROR_IS_FATAL ANY)
+    set(boost_filesystem ${VELMORA_THIRD_PARTY}/boost-filesystem)
     file(GLOB boost_filesystem_sources ${boost_filesystem}/src/*.cpp)
 
     # C++20 spares it Boost.Atomic, which has no package for this target either.

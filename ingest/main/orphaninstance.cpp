@@ -135,9 +135,8 @@ void OrphanInstance::checkIfPipelinesAreEmpty() {
 
 void OrphanInstance::deleteFolder() {
     VELMORA_LOG(info, "orphaninstance") << "Delete: path=" << folder_->string();
-    Filesystem::remove(*folder_);
-    if (folder_->exists()) Filesystem::removeAll(*folder_);
-    const bool deleted = !folder_->exists();
+    // A folder that is held may keep its name until it is let go of: whether it is still there tells nothing.
+    const bool deleted = Filesystem::remove(*folder_) || Filesystem::removeAll(*folder_);
     folder_.reset();
     if (deleted) schedule(Task([this] { startNewInstance(); }));
 }

@@ -57,6 +57,14 @@ ScriptedAnswer answerByPath(const ReceivedRequest& request) {
     return {httpAnswer("200 OK", "hello world", "X-Answer: yes\r\n")};
 }
 
+// What a system's own HTTP client makes of a response is not always in the stack's hands: docs/platforms.md names what
+// such a client may pass off as complete, or may give up.
+#ifdef VELMORA_TEST_SYSTEM_HTTP_CLIENT
+constexpr bool kSystemClient = true;
+#else
+constexpr bool kSystemClient = false;
+#endif
+
 TEST(HttpStack, EveryServerGivesItsResponseOrARetriableError) {
     ScriptedServer server(answerByPath);
     const InstalledStack stack(8000);  // for all at once, on a busy machine
@@ -68,7 +76,8 @@ TEST(HttpStack, EveryServerGivesItsResponseOrARetriableError) {
     } rows[] = {
         {"/ok", VELMORA_HTTP_OK, 200, "hello world"},
         {"/chunked", VELMORA_HTTP_OK, 200, "hello world"},
-        {"/interim", VELMORA_HTTP_OK, 200, "hello world"},
+        {"/interim", kSystemClient ? VELMORA_HTTP_RETRIABLE : VELMORA_HTTP_OK, kSystemClient ? 0U : 200U,
+         kSystemClient ? "" : "hello world"},
         {"/to-end", VELMORA_HTTP_OK, 200, "hello world"},
         {"/busy", VELMORA_HTTP_OK, 503, "hello world"},
         {"/empty", VELMORA_HTTP_OK, 204, ""},
@@ -76,10 +85,10 @@ TEST(HttpStack, EveryServerGivesItsResponseOrARetriableError) {
         {"/moved-permanently", VELMORA_HTTP_OK, 200, "hello world"},
         {"/loop", VELMORA_HTTP_RETRIABLE, 0, ""},
         {"/silent-close", VELMORA_HTTP_RETRIABLE, 0, ""},
-        {"/half-head", VELMORA_HTTP_RETRIABLE, 0, ""},
+        {"/half-head", kSystemClient ? VELMORA_HTTP_OK : VELMORA_HTTP_RETRIABLE, kSystemClient ? 200U : 0U, ""},
         {"/only-interim", VELMORA_HTTP_RETRIABLE, 0, ""},
         {"/half-body", VELMORA_HTTP_RETRIABLE, 200, "hello"},
-        {"/half-chunk", VELMORA_HTTP_RETRIABLE, 200, "hello"},
+        {"/half-chunk", kSystemClient ? VELMORA_HTTP_OK : VELMORA_HTTP_RETRIABLE, 200, "hello"},
         {"/junk", VELMORA_HTTP_RETRIABLE, 0, ""},
         {"/hang", VELMORA_HTTP_RETRIABLE, 0, ""},
         {"/hang-in-body", VELMORA_HTTP_RETRIABLE, 200, "hello"},

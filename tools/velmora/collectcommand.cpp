@@ -1,4 +1,5 @@
 #include <CLI/CLI.hpp>
+#include <boost/filesystem/operations.hpp>
 #include <chrono>
 #include <fstream>
 #include <iostream>
@@ -6,8 +7,10 @@
 #include <stdexcept>
 #include <thread>
 
+#include "core/filesystem/path.h"
 #include "tools/velmora/collector.h"
 #include "tools/velmora/command.h"
+#include "tools/velmora/files.h"
 #include "tools/velmora/stopsignal.h"
 
 namespace velmora::tool {
@@ -24,20 +27,19 @@ struct CollectArguments {
 // A file's content, or the argument itself if it is JSON.
 std::string readProfile(const std::string& argument) {
     if (argument.empty() || argument.front() == '{') return argument;
-    std::ifstream file(argument);
-    if (!file) throw std::runtime_error("can't read " + argument);
-    return {std::istreambuf_iterator<char>(file), {}};
+    return readWhole(argument);
 }
 
 // Written beside and renamed, so that a reader never sees half a number.
 void writePortFile(const std::string& path, int port) {
     const std::string part = path + ".part";
     {
-        std::ofstream file(part);
+        std::ofstream file;
+        openToWrite(file, part);
         file << port << '\n';
         if (!file.flush()) throw std::runtime_error("can't write " + part);
     }
-    if (std::rename(part.c_str(), path.c_str()) != 0) throw std::runtime_error("can't write " + path);
+    boost::filesystem::rename(Path(part).native(), Path(path).native());
 }
 
 void runCollect(CollectArguments arguments) {

@@ -20,7 +20,4 @@ void registerInspect(CLI::App& program, int& exitCode);
 void registerReconcile(CLI::App& program, int& exitCode);
 void registerSend(CLI::App& program, int& exitCode);
 
-// The subcommands around the collector, in a build that has it.
-void registerCollector(CLI::App& program, int& exitCode);
-
 }  // namespace velmora::tool

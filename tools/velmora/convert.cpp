@@ -1,7 +1,6 @@
 #include <CLI/CLI.hpp>
 #include <fstream>
 #include <iostream>
-#include <iterator>
 #include <memory>
 #include <stdexcept>
 
@@ -9,6 +8,7 @@
 #include "service/ingest/csvparser.h"
 #include "tools/velmora/command.h"
 #include "tools/velmora/converter.h"
+#include "tools/velmora/files.h"
 #include "tools/velmora/mappinglint.h"
 
 namespace velmora::tool {
@@ -23,16 +23,6 @@ struct ConvertArguments {
     bool explain = false;
     bool check = false;
 };
-
-std::string readAll(const std::string& name) {
-    std::ifstream file;
-    if (name != "-") {
-        file.open(name, std::ios::binary);
-        if (!file) throw std::runtime_error("can't read " + name);
-    }
-    std::istream& stream = name == "-" ? std::cin : file;
-    return {std::istreambuf_iterator<char>(stream), std::istreambuf_iterator<char>()};
-}
 
 // Runs the reading of a CSV file; its faults are told with file and line.
 template <typename Callable>
@@ -56,8 +46,8 @@ int runCheck(const ConvertArguments& arguments, const std::string& csv) {
 }
 
 void writeSheet(const ConvertArguments& arguments, const RuleTable& table, const std::string& input) {
-    std::ofstream sheet(arguments.sheet, std::ios::binary | std::ios::trunc);
-    if (!sheet) throw std::runtime_error("can't write " + arguments.sheet);
+    std::ofstream sheet;
+    openToWrite(sheet, arguments.sheet);
     const csv::Parser events = csv::Parser::fromText(input, arguments.file, ',');
     TransformBatchWriter writer(sheet, table, events.header());
     for (const csv::Row& row : events.rows()) writer.write(row);
@@ -65,19 +55,16 @@ void writeSheet(const ConvertArguments& arguments, const RuleTable& table, const
 }
 
 int runConvert(const ConvertArguments& arguments) {
-    const std::string csv = readAll(arguments.mapping);
+    const std::string csv = readWhole(arguments.mapping);
     if (arguments.check) return runCheck(arguments, csv);
     service::ingest::Mapping mapping;
     withPlace(arguments.mapping, [&] { service::ingest::loadFromText(csv, arguments.mapping, mapping); });
     const RuleTable table(std::move(mapping));
-    const std::string input = readAll(arguments.file);
+    const std::string input = readWhole(arguments.file);
     const bool isCsv = arguments.format == "csv" || (arguments.format == "auto" && arguments.file.ends_with(".csv"));
     if (!arguments.sheet.empty() && !isCsv) throw std::runtime_error("--sheet needs events as CSV");
     std::ofstream file;
-    if (arguments.output != "-") {
-        file.open(arguments.output, std::ios::binary | std::ios::trunc);
-        if (!file) throw std::runtime_error("can't write " + arguments.output);
-    }
+    if (arguments.output != "-") openToWrite(file, arguments.output);
     std::ostream& out = arguments.output == "-" ? std::cout : file;
     return withPlace(arguments.file, [&] {
         const ConvertReport report = convertEvents(table, input, isCsv ? EventFormat::csv : EventFormat::json,

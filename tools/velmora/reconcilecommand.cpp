@@ -7,6 +7,7 @@
 
 #include "tools/velmora/command.h"
 #include "tools/velmora/eventdb.h"
+#include "tools/velmora/files.h"
 
 namespace velmora::tool {
 namespace {
@@ -26,15 +27,16 @@ struct Reconciliation {
 
 // The journal's identifiers. A last line without its line end was cut off by the end of the writer and does not count.
 std::unordered_set<std::string> readJournal(const std::string& path) {
-    std::ifstream file(path);
-    if (!file) throw std::runtime_error("can't read " + path);
+    std::ifstream file;
+    openToRead(file, path);
     std::unordered_set<std::string> guids;
     for (std::string guid; std::getline(file, guid) && !file.eof();) guids.insert(guid);
     return guids;
 }
 
 Reconciliation reconcile(const ReconcileArguments& arguments) {
-    if (!std::ifstream(arguments.store)) throw std::runtime_error("can't read " + arguments.store);
+    std::ifstream present;
+    openToRead(present, arguments.store);
     const auto arrivals = EventDb(arguments.store).arrivals();
     Reconciliation result;
     for (const std::string& guid : readJournal(arguments.journal)) {

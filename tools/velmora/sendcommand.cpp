@@ -7,6 +7,7 @@
 
 #include "tools/velmora/command.h"
 #include "tools/velmora/configkeys.h"
+#include "tools/velmora/files.h"
 #include "tools/velmora/sender.h"
 #include "tools/velmora/stopsignal.h"
 #include "velmora/types.h"
@@ -46,10 +47,7 @@ int runSend(SendArguments& arguments) {
     for (const std::string& argument : arguments.config) options.config.push_back(readConfig(argument));
     options.timeout = std::chrono::seconds(arguments.timeoutSeconds);
     std::ifstream file;
-    if (arguments.file != "-") {
-        file.open(arguments.file, std::ios::binary);
-        if (!file) throw std::runtime_error("can't read " + arguments.file);
-    }
+    if (arguments.file != "-") openToRead(file, arguments.file);
     catchStopSignals();
     const SendReport report = sendEvents(options, arguments.file == "-" ? std::cin : file);
     printReport(report);

@@ -12,6 +12,7 @@
 #include "core/filesystem/filesystem.h"
 #include "core/types/errors.h"
 #include "tools/velmora/eventline.h"
+#include "tools/velmora/files.h"
 #include "tools/velmora/stopsignal.h"
 #include "tools/velmora/storecount.h"
 #include "velmora/httpstack.h"
@@ -61,9 +62,7 @@ public:
 class Journal {
 public:
     explicit Journal(const std::string& path) {
-        if (path.empty()) return;
-        file_.open(path, std::ios::app);
-        if (!file_) throw std::runtime_error("can't write " + path);
+        if (!path.empty()) openToWrite(file_, path, std::ios::app);
     }
 
     void add(const std::string& guid) {
@@ -143,6 +142,7 @@ void submitAll(const SendOptions& options, const Instance& instance, std::istrea
     const Pacer pacer(options.rate);
     std::string line;
     for (uint64_t number = 1; !stopWanted() && std::getline(input, line); ++number) {
+        if (line.ends_with('\r')) line.pop_back();
         if (isBlank(line)) continue;
         pacer.waitForTurn(report.accepted + report.rejected);
         submitLine(options, instance, line, number, journal, report);

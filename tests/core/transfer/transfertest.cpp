@@ -1,7 +1,6 @@
 #include <gtest/gtest.h>
 
 #include <array>
-#include <barrier>
 #include <future>
 #include <random>
 #include <thread>
@@ -12,6 +11,7 @@
 #include "core/transfer/transferengine.h"
 #include "core/transfer/transferimpl.h"
 #include "tests/core/transfer/recordingresponder.h"
+#include "tests/support/barrier.h"
 #include "tests/support/capturedlog.h"
 
 namespace velmora::transfer {
@@ -324,15 +324,15 @@ TEST(RequestHandle, MayGoWithinItsOwnOutcome) {
 TEST(TransferRace, OneOutcomeAndNothingAfterIt) {
     constexpr int kRounds = 3000;
     std::unique_ptr<Exchange> exchange;
-    std::barrier begin(5);
-    std::barrier end(5);
+    test::Barrier begin(5);
+    test::Barrier end(5);
     const auto contestant = [&](unsigned seed, auto act) {
         return std::thread([&, act, random = std::minstd_rand(seed)]() mutable {
             for (int round = 0; round < kRounds; ++round) {
-                begin.arrive_and_wait();
+                begin.arriveAndWait();
                 for (auto spin = random() % 400; spin > 0; --spin) std::atomic_signal_fence(std::memory_order_seq_cst);
                 act(round, *exchange);
-                end.arrive_and_wait();
+                end.arriveAndWait();
             }
         });
     };
@@ -356,8 +356,8 @@ TEST(TransferRace, OneOutcomeAndNothingAfterIt) {
         exchange = std::make_unique<Exchange>();
         exchange->engine->cancelResult = kCancelResults[static_cast<size_t>(round) % kCancelResults.size()];
         EXPECT_TRUE(exchange->execute());
-        begin.arrive_and_wait();
-        end.arrive_and_wait();
+        begin.arriveAndWait();
+        end.arriveAndWait();
         const std::string& outcome = exchange->responder->outcome();
         EXPECT_TRUE(outcome == kSuccess || outcome == kRetriable || outcome == kCancelled) << round << " " << outcome;
         exchange->handle.reset();

@@ -218,8 +218,16 @@ TEST_F(EventPresetTest, BatchAttributesGiveTheTextOfThePlainSteps) {
     SCOPED_TRACE("seed " + std::to_string(seed));
     RandomJson random(seed);
     for (int round = 0; round < 150; ++round) {
-        std::vector<std::string> fragments{"{}"};
         EventPreset preset(provider_);
+        std::string userAgent = "{}";
+        if (random.oneIn(2)) {
+            preset.updateUserAgent();
+            userAgent = makeUserAgentFragment();
+        }
+        if (std::string known; sysinfo::getUserAgent(known)) {
+            EventWriter(&userAgent).set("entity.env", EventWriter::Pairs{{"user_agent", known}}).finish();
+        }
+        std::vector<std::string> fragments{userAgent};
         if (random.oneIn(2)) {
             Profile profile{"type1", {"de", "en"}, {{"i", "code", "level", ""}}, "user", "", "yes"};
             if (random.oneIn(2)) profile.serviceAccounts.clear();

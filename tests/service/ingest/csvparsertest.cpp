@@ -72,7 +72,7 @@ TEST(CsvParser, SplitsLinesAndCountsThem) {
 TEST(CsvParser, TellsWhichFaultAndWhere) {
     const test::TempFolder folder;
     const Path empty((folder / "empty.csv"));
-    std::ofstream(empty.string()) << "\r\n\n";
+    std::ofstream(empty.string(), std::ios::binary) << "\r\n\n";
     const auto faultOf = [](auto&& parse) -> std::string {
         try {
             parse();

@@ -1,7 +1,0 @@
-#include "tools/velmora/command.h"
-
-namespace velmora::tool {
-
-void registerCollector(CLI::App&, int&) {}
-
-}  // namespace velmora::tool
