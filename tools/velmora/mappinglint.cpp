@@ -39,6 +39,10 @@ std::string joined(const std::vector<std::string>& texts) {
     return list;
 }
 
+std::string withoutEffect(const std::string& option, const std::string& value, const std::vector<std::string>& known) {
+    return "option \"" + option + "\" has no effect with \"" + value + "\"; known are " + joined(known);
+}
+
 std::optional<CapturePattern> compile(const Rule& rule, const std::string& text) {
     try {
         return CapturePattern(text, ignoresCase(rule));
@@ -178,9 +182,7 @@ private:
             if (known == kKnown.end()) {
                 report(line, column, "unknown option \"" + key + "\"");
             } else if (!known->second.empty() && std::count(known->second.begin(), known->second.end(), value) == 0) {
-                report(
-                    line, column,
-                    "option \"" + key + "\" has no effect with \"" + value + "\"; known are " + joined(known->second));
+                report(line, column, withoutEffect(key, value, known->second));
             }
         }
     }
