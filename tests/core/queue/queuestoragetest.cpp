@@ -6,6 +6,7 @@
 #include <deque>
 #include <random>
 
+#include "core/crypt/crypt.h"
 #include "core/types/errors.h"
 #include "tests/core/queue/queuefiles.h"
 #include "tests/support/tempfolder.h"
@@ -198,6 +199,22 @@ TEST(QueueStorageFormat, ManifestWithOverflowIsReadAndReproduced) {
         fresh.pushRecord(name);
     }
     EXPECT_EQ(test::readFile(folder / "new"), test::readFile(test::dataFile("manifest-overflow-v1")));
+}
+
+// Written on one system, read on the other: the file holds for both directions, as both must write its very bytes.
+TEST(QueueStorageFormat, EncipheredPartIsReadAndReproduced) {
+    const Crypt crypt("3f2c9d5e-8f7a-4f0b-9f53-0d7f8f1f2a11");
+    const Records events{R"({"data":{"event.type":"click","event.value":"\u65e5\u672c"}})", "", std::string(47, 'x')};
+    const TempFolder folder;
+    test::writeFile(folder / "old", test::readFile(test::dataFile("part-enciphered-v1")));
+    QueueStorage<std::string> old(folder / "old", kQueueHeaderSize + 256, platform::openSystemFile);
+    Records read = peek(old, 3);
+    for (std::string& record : read) record = crypt.decrypt(record);
+    EXPECT_EQ(read, events);
+
+    QueueStorage<std::string> fresh(folder / "new", kQueueHeaderSize + 256, platform::openSystemFile);
+    for (const std::string& event : events) fresh.pushRecord(crypt.encrypt(event));
+    EXPECT_EQ(test::readFile(folder / "new"), test::readFile(test::dataFile("part-enciphered-v1")));
 }
 
 // Sizes crowd around what the ring has left, so that exact fits, one byte more and one byte less all happen.
