@@ -6,9 +6,15 @@ install(DIRECTORY include/velmora DESTINATION ${CMAKE_INSTALL_INCLUDEDIR} FILES_
 install(TARGETS velmora EXPORT velmoraTargets)
 install(EXPORT velmoraTargets NAMESPACE velmora:: DESTINATION ${velmora_package_folder})
 install(FILES LICENSE README.md CHANGELOG.md DESTINATION ${CMAKE_INSTALL_DOCDIR})
+install(DIRECTORY docs/ DESTINATION ${CMAKE_INSTALL_DOCDIR}/docs FILES_MATCHING PATTERN "*.md")
+install(DIRECTORY examples DESTINATION ${CMAKE_INSTALL_DOCDIR})
+if(TARGET velmora_tool)
+    install(TARGETS velmora_tool RUNTIME)
+endif()
 if(WIN32 AND CMAKE_CROSSCOMPILING)
     # Everything beside the system's own libraries is linked in, and its terms travel with it.
-    foreach(package libboost1.81-dev rapidjson-dev libz-mingw-w64-dev gcc-mingw-w64-base mingw-w64-common)
+    foreach(package libboost1.81-dev rapidjson-dev libz-mingw-w64-dev libcpp-httplib-dev libsqlite3-dev libcli11-dev
+            gcc-mingw-w64-base mingw-w64-common)
         install(FILES /usr/share/doc/${package}/copyright OPTIONAL
             DESTINATION ${CMAKE_INSTALL_DOCDIR}/licences RENAME ${package}.txt)
     endforeach()
