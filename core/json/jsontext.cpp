@@ -1,10 +1,9 @@
 #include "core/json/jsontext.h"
 
-#include <rapidjson/prettywriter.h>
 #include <rapidjson/stringbuffer.h>
-#include <rapidjson/writer.h>
 
 #include "core/json/parsetext.h"
+#include "core/json/textwriter.h"
 #include "core/json/validjson.h"
 
 namespace velmora {
@@ -45,13 +44,13 @@ std::string toText(const rapidjson::Value& value) {
 
 std::string serialize(const rapidjson::Value& value) {
     rapidjson::StringBuffer buffer(nullptr, kUsualTextSize);
-    rapidjson::Writer<rapidjson::StringBuffer> writer(buffer);
+    TextWriter writer(buffer);
     return write(value, buffer, writer);
 }
 
 std::string serializePretty(const rapidjson::Value& value) {
     rapidjson::StringBuffer buffer(nullptr, kUsualTextSize);
-    rapidjson::PrettyWriter<rapidjson::StringBuffer> writer(buffer);
+    PrettyTextWriter writer(buffer);
     writer.SetIndent(' ', 4);
     return write(value, buffer, writer);
 }

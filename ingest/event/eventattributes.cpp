@@ -1,17 +1,14 @@
 #include "ingest/event/eventattributes.h"
 
-#include <rapidjson/writer.h>
-
 #include <cstring>
 #include <new>
 
 #include "core/json/jsontext.h"
 #include "core/json/mergejson.h"
+#include "core/json/textwriter.h"
 
 namespace velmora {
 namespace {
-
-using Writer = rapidjson::Writer<rapidjson::StringBuffer>;
 
 std::string_view viewOf(const rapidjson::Value& text) { return {text.GetString(), text.GetStringLength()}; }
 
@@ -91,7 +88,7 @@ void EventAttributes::add(std::string_view name, std::string_view value) {
 }
 
 void EventAttributes::write(rapidjson::StringBuffer& out) const {
-    Writer writer(out);
+    TextWriter writer(out);
     out.Put('{');
     for (size_t index = 0; index < slots_.size(); ++index) {
         const Slot& slot = slots_[index];

@@ -2,8 +2,6 @@
 
 #include <httplib.h>
 #include <rapidjson/document.h>
-#include <rapidjson/stringbuffer.h>
-#include <rapidjson/writer.h>
 
 #include <atomic>
 #include <condition_variable>
@@ -13,6 +11,7 @@
 #include <thread>
 
 #include "core/json/jsontext.h"
+#include "core/json/textwriter.h"
 #include "tools/velmora/eventdb.h"
 #include "tools/velmora/script.h"
 
@@ -36,7 +35,7 @@ struct Rejection {
     std::string reason;
 };
 
-using JsonOutput = rapidjson::Writer<rapidjson::StringBuffer>;
+using JsonOutput = TextWriter;
 
 std::string jsonMember(const char* name, const std::string& value) {
     rapidjson::StringBuffer buffer;

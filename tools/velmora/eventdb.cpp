@@ -1,11 +1,11 @@
 #include "tools/velmora/eventdb.h"
 
-#include <rapidjson/stringbuffer.h>
-#include <rapidjson/writer.h>
 #include <sqlite3.h>
 
 #include <algorithm>
 #include <stdexcept>
+
+#include "core/json/textwriter.h"
 
 namespace velmora::tool {
 namespace {
@@ -102,7 +102,7 @@ Filter filterOf(const EventQuery& query) {
     return filter;
 }
 
-void writeEvent(rapidjson::Writer<rapidjson::StringBuffer>& writer, Statement& row) {
+void writeEvent(TextWriter& writer, Statement& row) {
     writer.StartObject();
     writer.Key("id");
     writer.Int64(row.number(0));
@@ -184,7 +184,7 @@ std::string EventDb::eventsAsJson(const EventQuery& query) {
     rows.bind(query.limit).bind(query.offset);
 
     rapidjson::StringBuffer buffer;
-    rapidjson::Writer<rapidjson::StringBuffer> writer(buffer);
+    TextWriter writer(buffer);
     writer.StartObject();
     writer.Key("total");
     writer.Int64(total.number(0));

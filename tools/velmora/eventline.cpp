@@ -1,12 +1,11 @@
 #include "tools/velmora/eventline.h"
 
 #include <rapidjson/document.h>
-#include <rapidjson/stringbuffer.h>
-#include <rapidjson/writer.h>
 
 #include "core/utils/strings.h"
 
 #include "core/json/jsontext.h"
+#include "core/json/textwriter.h"
 
 namespace velmora::tool {
 namespace {
@@ -49,7 +48,7 @@ EventLine eventOfText(const std::string& line, const std::string& workflow) {
                                                            {"event.type", "line"},
                                                            {"event.value", validUtf8(line)}};
     rapidjson::StringBuffer buffer;
-    rapidjson::Writer<rapidjson::StringBuffer> writer(buffer);
+    TextWriter writer(buffer);
     writer.StartObject();
     for (const auto& [key, value] : members) {
         writer.Key(key);

@@ -1,18 +1,16 @@
 #include "tools/velmora/inspectionreport.h"
 
-#include <rapidjson/stringbuffer.h>
-#include <rapidjson/writer.h>
-
 #include <array>
 #include <ostream>
 
+#include "core/json/textwriter.h"
 #include "core/utils/timestamps.h"
 
 namespace velmora::tool {
 namespace {
 
 using platform::HoldState;
-using JsonOut = rapidjson::Writer<rapidjson::StringBuffer>;
+using JsonOut = TextWriter;
 
 constexpr int64_t kTicksPerSecond = 10'000'000;
 

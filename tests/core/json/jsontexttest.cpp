@@ -48,6 +48,33 @@ TEST(ValidJson, AsksForAnObjectAndSaysWhyNot) {
     }
 }
 
+// At every place of the blocks that the vector code of reader and writer takes at a time.
+TEST(ControlCharacters, AreEscapedWhereverTheyStandAndRefusedUnescaped) {
+    for (char control = 1; control < 0x20; ++control) {
+        const std::string escaped =
+            std::string("\\u00") + (control < 0x10 ? "0" : "1") + "0123456789abcdef"[control % 16];
+        for (size_t before = 0; before < 40; ++before) {
+            const std::string around(before, '-');
+            const auto textWith = [&](const std::string& piece) {
+                return "{\"" + around + piece + around + "\":\"" + around + piece + around + "\"}";
+            };
+            rapidjson::Document document;
+            ASSERT_FALSE(parseValue(document, textWith(escaped)).IsError());
+            const std::string held = around + control + around;
+            ASSERT_EQ(document.MemberBegin()->value.GetString(), held);
+            for (const std::string& written : {serialize(document), serializePretty(document)}) {
+                rapidjson::Document again;
+                ASSERT_FALSE(parseValue(again, written).IsError()) << written;
+                ASSERT_EQ(again.MemberBegin()->name.GetString(), held);
+                ASSERT_EQ(again.MemberBegin()->value.GetString(), held);
+                ASSERT_TRUE(
+                    std::none_of(written.begin(), written.end(), [](char c) { return c > 0 && c < ' ' && c != '\n'; }));
+            }
+            ASSERT_FALSE(validJSON(textWith(std::string(1, control)))) << int{control} << " behind " << before;
+        }
+    }
+}
+
 TEST(ValidJson, RefusesTextThatIsNestedTooDeep) {
     EXPECT_TRUE(validJSONValue(nested("[", "]", kMaxNesting)));
     EXPECT_TRUE(validJSON(nested("{\"a\":", "}", kMaxNesting - 1).insert(5 * (kMaxNesting - 1), "1")));

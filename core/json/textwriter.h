@@ -1,0 +1,41 @@
+// RapidJSON's writers, made to escape all control characters: the vector code of version 1.1 takes 1A to 1F for text
+// and passes them on as they are, and then no reader takes the result.
+#pragma once
+
+#include <rapidjson/prettywriter.h>
+#include <rapidjson/stringbuffer.h>
+#include <rapidjson/writer.h>
+
+#include <string>
+
+namespace velmora {
+
+// Whether a text holds a character from 1A to 1F.
+[[nodiscard]] inline bool holdsLateControls(const char* text, size_t length) noexcept {
+    bool found = false;
+    for (size_t i = 0; i < length; ++i) found |= static_cast<unsigned char>(text[i] - 0x1A) < 6;
+    return found;
+}
+
+// The text as a JSON string.
+[[nodiscard]] std::string quotedWithEscapes(const char* text, size_t length);
+
+template <typename Base>
+class EscapingWriter : public Base {
+public:
+    using Base::Base;
+
+    bool String(const char* text, rapidjson::SizeType length, bool copy = false) {
+        if (!holdsLateControls(text, length)) return Base::String(text, length, copy);
+        const std::string quoted = quotedWithEscapes(text, length);
+        return Base::RawValue(quoted.data(), quoted.size(), rapidjson::kStringType);
+    }
+    bool String(const std::string& text) { return String(text.data(), static_cast<rapidjson::SizeType>(text.size())); }
+    bool Key(const char* text, rapidjson::SizeType length, bool copy = false) { return String(text, length, copy); }
+    bool Key(const std::string& text) { return String(text); }
+};
+
+using TextWriter = EscapingWriter<rapidjson::Writer<rapidjson::StringBuffer>>;
+using PrettyTextWriter = EscapingWriter<rapidjson::PrettyWriter<rapidjson::StringBuffer>>;
+
+}  // namespace velmora
