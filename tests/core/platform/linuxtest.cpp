@@ -1,18 +1,39 @@
 // What only a system with fork, signals of its own kind and the TZ variable can get wrong.
+#include <dlfcn.h>
 #include <gtest/gtest.h>
+#include <pthread.h>
 #include <sys/wait.h>
 #include <unistd.h>
 
+#include <atomic>
 #include <cerrno>
 #include <cstdlib>
 #include <functional>
+#include <future>
+#include <memory>
+#include <new>
 
 #include "core/platform/folderlock.h"
 #include "core/platform/folders.h"
 #include "core/platform/guid.h"
 #include "core/platform/linux/sysfs.h"
 #include "core/platform/localtime.h"
+#include "core/platform/pool.h"
+#include "core/platform/process.h"
 #include "tests/support/tempfolder.h"
+
+namespace {
+
+std::atomic<bool> threadsAreRefused = false;
+
+}  // namespace
+
+// In place of the system's, for every thread of this program.
+extern "C" int pthread_create(pthread_t* thread, const pthread_attr_t* attributes, void* (*body)(void*),
+                              void* argument) {
+    static const auto systems = reinterpret_cast<decltype(&pthread_create)>(::dlsym(RTLD_NEXT, "pthread_create"));
+    return threadsAreRefused ? EAGAIN : systems(thread, attributes, body, argument);
+}
 
 namespace velmora::platform {
 namespace {
@@ -33,13 +54,15 @@ public:
     ChildProcess(const ChildProcess&) = delete;
     ChildProcess& operator=(const ChildProcess&) = delete;
 
-    // Lets the body run, and waits for the end.
-    void finish() {
-        if (process_ <= 0) return;
+    // Lets the body run, and waits for the end. The exit code, or -1.
+    int finish() {
+        if (process_ <= 0) return -1;
+        int status = 0;
         ::close(go_[1]);
         ::close(go_[0]);
-        ::waitpid(process_, nullptr, 0);
+        ::waitpid(process_, &status, 0);
         process_ = 0;
+        return WIFEXITED(status) ? WEXITSTATUS(status) : -1;
     }
 
 private:
@@ -70,6 +93,38 @@ TEST(Fork, DoesNotProlongAHold) {
     EXPECT_FALSE(acquireLock(folder.path(), handle)) << "the child still has the descriptor";
     EXPECT_FALSE(releaseLock(handle));
     EXPECT_EQ(releaseLock(handle).value(), EBADF);
+}
+
+TEST(Fork, LeavesTheThreadsOfThePoolsToTheParent) {
+    ChildProcess before([] { ::_exit(isTerminating() ? 1 : 0); });
+    EXPECT_EQ(before.finish(), 0) << "a child that brings up pools of its own";
+    defaultPool();
+    ChildProcess after([] { ::_exit(isTerminating() && !canAwaitPools() ? 0 : 1); });
+    EXPECT_EQ(after.finish(), 0);
+    EXPECT_TRUE(!isTerminating() && canAwaitPools());
+    std::promise<bool> canAwait;
+    defaultPool().run([&] { canAwait.set_value(canAwaitPools()); });
+    EXPECT_FALSE(canAwait.get_future().get()) << "a pool's thread would wait for itself";
+}
+
+TEST(Pools, RefuseWhatNoThreadCanBeHadForAndServeOnWithoutNewOnes) {
+    const auto held = std::make_shared<int>();
+    threadsAreRefused = true;
+    EXPECT_THROW(defaultPool().run([held] { std::abort(); }), std::bad_alloc);
+    EXPECT_EQ(held.use_count(), 1) << "the pool has kept nothing";
+    EXPECT_THROW(defaultTimer().runAfter(std::chrono::milliseconds(0), [held] { std::abort(); }), std::bad_alloc);
+
+    threadsAreRefused = false;
+    std::promise<void> task;
+    std::promise<void> timer;
+    defaultTimer().runAfter(std::chrono::milliseconds(50), [&] { timer.set_value(); });
+    defaultPool().run([&] {
+        threadsAreRefused = true;
+        defaultPool().run([&] { task.set_value(); });
+    });
+    task.get_future().get();
+    timer.get_future().get();
+    threadsAreRefused = false;
 }
 
 TEST(LocalOffset, FollowsTheZoneAndItsChanges) {

@@ -106,6 +106,31 @@ TEST(SerialQueueOrder, TasksNeverOverlapAndKeepTheirOrderPerThread) {
     }
 }
 
+TEST(SerialQueueRefusal, LosesNoTakenTaskAndGoesOnAfterIt) {
+    std::deque<Task> turns;
+    int refusals = 0;
+    const auto executor = [&](Task turn) {
+        if (refusals > 0 && refusals-- > 0) throw std::bad_alloc();
+        turns.push_back(std::move(turn));
+    };
+    const auto runTurns = [&] {
+        for (; !turns.empty(); turns.pop_front()) turns.front()();
+    };
+    const auto queue = std::make_shared<SerialQueue>(executor, SerialQueue::Mode::oneTaskPerTurn);
+    std::string ran;
+    refusals = 1;
+    const auto held = std::make_shared<int>();
+    EXPECT_THROW(queue->enqueue([&ran, held] { ran += "refused "; }), std::bad_alloc);
+    EXPECT_EQ(held.use_count(), 1) << "the queue has kept nothing";
+    for (const char* const name : {"a ", "b ", "c "}) queue->enqueue([&ran, name] { ran += name; });
+    refusals = 1;
+    EXPECT_NO_THROW(runTurns());
+    EXPECT_EQ(ran, "a b c ");
+    queue->enqueue([&] { ran += "d"; });
+    runTurns();
+    EXPECT_EQ(ran, "a b c d");
+}
+
 TEST(TaskEngineStop, NoBodyRunsAfterStopHasReturnedAndAThrowEndsOnlyItsTask) {
     for (int round = 0; round < 200; ++round) {
         SerialTaskEngine engine;
