@@ -66,10 +66,7 @@ Session::LoggerEnd::~LoggerEnd() {
 Session::Session()
     : sessionGuid_(makeGuid()),
       configProvider_([this] {
-          setDefaultLogger(std::make_unique<DefaultLogger>(
-              getGlobalConfig().logLevel, [this](const std::string& reason, uint64_t count, uint64_t folderSize) {
-                  scheduleMetaEvent(MetaEvent::makeSizeWarning("log", reason, count, folderSize));
-              }));
+          exceptionSafeWrapper([this] { installDefaultLogger(); });
           return std::make_unique<SessionConfigProvider>([this] { return fetchConfig(); },
                                                          [this] { onConfigUpdated(); });
       }()),
@@ -81,6 +78,14 @@ Session::Session()
     connect();
     configProvider_->start();
     currentSession = this;
+}
+
+// Fails where the system names no temporary folder; there is no log then.
+void Session::installDefaultLogger() {
+    setDefaultLogger(std::make_unique<DefaultLogger>(
+        getGlobalConfig().logLevel, [this](const std::string& reason, uint64_t count, uint64_t folderSize) {
+            scheduleMetaEvent(MetaEvent::makeSizeWarning("log", reason, count, folderSize));
+        }));
 }
 
 void Session::connect() {

@@ -1,18 +1,28 @@
-// What only a system with fork, signals of its own kind and the TZ variable can get wrong.
+// What only a system with fork, modes, names of bytes and the TZ variable can get wrong.
 #include <dlfcn.h>
 #include <gtest/gtest.h>
+#include <openssl/provider.h>
 #include <pthread.h>
+#include <sys/stat.h>
 #include <sys/wait.h>
 #include <unistd.h>
 
 #include <atomic>
+#include <boost/filesystem/operations.hpp>
 #include <cerrno>
 #include <cstdlib>
+#include <fstream>
 #include <functional>
 #include <future>
 #include <memory>
 #include <new>
+#include <set>
+#include <stdexcept>
 
+#include "core/crypt/crypt.h"
+#include "core/filesystem/filesystem.h"
+#include "core/filesystem/lockedpath.h"
+#include "core/logging/defaultlogger.h"
 #include "core/platform/folderlock.h"
 #include "core/platform/folders.h"
 #include "core/platform/guid.h"
@@ -20,6 +30,9 @@
 #include "core/platform/localtime.h"
 #include "core/platform/pool.h"
 #include "core/platform/process.h"
+#include "core/platform/sysfacts.h"
+#include "tests/support/capturedlog.h"
+#include "tests/support/manualpools.h"
 #include "tests/support/tempfolder.h"
 
 namespace {
@@ -37,6 +50,18 @@ extern "C" int pthread_create(pthread_t* thread, const pthread_attr_t* attribute
 
 namespace velmora::platform {
 namespace {
+
+namespace fs = boost::filesystem;
+
+const char* const kNoUtf8 = "caf\xE9";
+
+void addFile(const fs::path& path, const std::string& text = "") { std::ofstream(path.native()) << text; }
+
+mode_t modeOf(const fs::path& path) {
+    struct stat status {};
+    EXPECT_EQ(::stat(path.c_str(), &status), 0);
+    return status.st_mode & 0777;
+}
 
 class ChildProcess {
 public:
@@ -159,6 +184,84 @@ TEST(UserDataFolder, IsTakenFromTheFirstSourceThatNamesOne) {
     ::unsetenv("HOME");
     EXPECT_TRUE(userDataFolder(code).is_absolute()) << "from the password entry";
     EXPECT_EQ(code, 0);
+}
+
+TEST(NamesThatAreNoText, ArePassedOverInAListingAndNeverHeld) {
+    const test::CapturedLog log;
+    const test::TempFolder folder;
+    for (const char* const name : {"a", kNoUtf8, "b"}) addFile(folder / name);
+    std::set<std::string> names;
+    const auto keep = [&](const std::string& name) { return names.insert(name).second; };
+    EXPECT_TRUE(Filesystem::listDirectory(Path(folder.path()), keep));
+    EXPECT_EQ(names, (std::set<std::string>{"a", "b"}));
+    EXPECT_TRUE(log.has(LogLevel::warn, "fs", "skipped a child whose name is no text"));
+    EXPECT_THROW(LockedPath(Path(folder / kNoUtf8)), std::range_error);
+    EXPECT_EQ(probeHold(folder / kNoUtf8), HoldState::free);
+}
+
+TEST(SystemFacts, AreEmptyWhereTheSystemTellsNoUtf8) {
+    const test::TempFolder folder;
+    addFile(folder / "text", " caf\xC3\xA9 \nsecond");
+    addFile(folder / "bytes", kNoUtf8);
+    EXPECT_EQ(readFirstLine(folder / "text"), "caf\xC3\xA9");
+    EXPECT_EQ(readFirstLine(folder / "bytes"), "");
+    EXPECT_EQ(readFirstLine(folder / "missing"), "");
+    ::setenv("LC_ALL", "de_AT.UTF-8@euro", 1);
+    EXPECT_EQ(userLocale(), "de-AT");
+    ::setenv("LC_ALL", kNoUtf8, 1);
+    EXPECT_EQ(userLocale(), "");
+}
+
+TEST(Folders, AreMadeForTheUserAlone) {
+    const test::TempFolder folder;
+    ::chmod(folder.path().c_str(), 0755);
+    createFolders(folder / "a" / "b");
+    EXPECT_EQ(modeOf(folder.path()), 0755U);
+    EXPECT_EQ(modeOf(folder / "a"), 0700U);
+    EXPECT_EQ(modeOf(folder / "a" / "b"), 0700U);
+    EXPECT_NO_THROW(createFolders(folder / "a"));
+    addFile(folder / "file");
+    EXPECT_THROW(createFolders(folder / "file"), fs::filesystem_error);
+    EXPECT_THROW(createFolders(folder / "file" / "below"), fs::filesystem_error);
+
+    fs::create_directory_symlink(folder / "a", folder / "link");
+    EXPECT_TRUE(isUsersOwn(folder / "a"));
+    for (const char* const name : {"link", "file", "missing"}) EXPECT_FALSE(isUsersOwn(folder / name)) << name;
+    ::chmod((folder / "a").c_str(), 0777);
+    EXPECT_FALSE(isUsersOwn(folder / "a")) << "everybody may write to it";
+    ::chmod((folder / "a").c_str(), 0700);
+    if (::chown((folder / "a").c_str(), 12345, 12345) == 0) {
+        EXPECT_FALSE(isUsersOwn(folder / "a")) << "somebody else's";
+    }
+}
+
+TEST(LogFolder, IsLeftAloneWhereALinkLeadsElsewhere) {
+    for (const char* const link : {"Orvane", "Orvane/com.orvane.velmora"}) {
+        SCOPED_TRACE(link);
+        const test::TempFolder root;
+        const test::TempFolder elsewhere;
+        addFile(elsewhere / "old");
+        fs::create_directories(elsewhere / "com.orvane.velmora");
+        fs::last_write_time(elsewhere / "old", 1);
+        addFile(elsewhere / "com.orvane.velmora" / "old");
+        fs::last_write_time(elsewhere / "com.orvane.velmora" / "old", 1);
+        fs::create_directories((root / link).parent_path());
+        fs::create_directory_symlink(elsewhere.path(), root / link);
+        Filesystem::setRootPath(Path(root.path()));
+        test::ManualPools pools;
+        DefaultLogger logger(LogLevel::info, [](const auto&...) { FAIL() << "files were deleted"; });
+        logger.start();
+        logger.write(LogLevel::info, "channel", "a line");
+        pools.runAll();
+        EXPECT_EQ(childrenOf(elsewhere.path()).size(), 2U);
+        EXPECT_EQ(childrenOf(elsewhere / "com.orvane.velmora").size(), 1U);
+    }
+}
+
+TEST(Cipher, WorksWhateverProvidersTheHostHasLoaded) {
+    if (OSSL_PROVIDER_load(nullptr, "legacy") == nullptr) GTEST_SKIP() << "the provider is not installed";
+    const Crypt crypt("cobalt");
+    EXPECT_EQ(crypt.decrypt(crypt.encrypt("text")), "text");
 }
 
 TEST(KernelMask, HoldsTheHighestWordFirst) {
