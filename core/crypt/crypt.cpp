@@ -56,14 +56,20 @@ void logFailure(const CipherResult& result, const char* function) {
     }
 }
 
-// Whether the operation worked; what it lacks in memory is a failed step like any other.
+// What an operation lacks in memory is a failed step like any other.
+template <typename Operation>
+CipherResult run(Operation operation) {
+    try {
+        return operation();
+    } catch (const std::bad_alloc&) {
+        return {CipherStep::allocateMemory};
+    }
+}
+
+// Whether it worked.
 template <typename Operation>
 bool succeeds(Operation operation, const char* function) {
-    CipherResult result{CipherStep::allocateMemory, 0};
-    try {
-        result = operation();
-    } catch (const std::bad_alloc&) {
-    }
+    const CipherResult result = run(operation);
     // A key object that could not be freed spoils nothing that has been computed.
     const bool usable = result.failedStep == CipherStep::none || result.failedStep == CipherStep::destroyKey;
     if (result.failedStep != CipherStep::none) logFailure(result, function);
