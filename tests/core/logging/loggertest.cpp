@@ -201,12 +201,11 @@ TEST_F(DefaultLoggerTest, KeepsHouseWhenItBeginsAFile) {
 TEST_F(DefaultLoggerTest, LeavesAFileThatIsGone) {
     keepHouse(0, 1'000'000'000);
     write("too large for the folder");
-    waitForHousekeeping();
-    ASSERT_TRUE(names().empty());
+    waitForHousekeeping();  // deletes it, where a file in use can be deleted
     logger_->stop();
-    write("in a file that is there");
+    write("kept");
     ASSERT_EQ(names().size(), 1U);
-    EXPECT_EQ(contents(names()[0]), "in a file that is there\n");
+    EXPECT_TRUE(contents(names()[0]).ends_with("kept\n"));
 }
 
 TEST_F(DefaultLoggerTest, KeepsHouseOnceForManyFiles) {
