@@ -29,7 +29,8 @@ public:
 // and std::invalid_argument for a setting that the system's client can't honour.
 [[nodiscard]] std::unique_ptr<Transport> makeTransport(const Settings& settings, ExchangeTable& table);
 
-// Whether the process's end has killed the transport's threads already, so that nothing may wait for them.
+// Whether the transport's threads are not there any more, so that nothing may wait for them: killed by the process's
+// end already, or left to the parent by a fork.
 [[nodiscard]] bool threadsAreGone() noexcept;
 
 }  // namespace velmora::httpstack

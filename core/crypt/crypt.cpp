@@ -1,5 +1,8 @@
 #include "core/crypt/crypt.h"
 
+#include <new>
+#include <utility>
+
 #include "core/platform/cipher.h"
 #include "core/types/log.h"
 
@@ -53,8 +56,20 @@ void logFailure(const CipherResult& result, const char* function) {
     }
 }
 
+// What an operation lacks in memory is a failed step like any other.
+template <typename Operation>
+CipherResult run(Operation operation) {
+    try {
+        return operation();
+    } catch (const std::bad_alloc&) {
+        return {CipherStep::allocateMemory};
+    }
+}
+
 // Whether it worked.
-bool check(const CipherResult& result, const char* function) {
+template <typename Operation>
+bool succeeds(Operation operation, const char* function) {
+    const CipherResult result = run(operation);
     // A key object that could not be freed spoils nothing that has been computed.
     const bool usable = result.failedStep == CipherStep::none || result.failedStep == CipherStep::destroyKey;
     if (result.failedStep != CipherStep::none) logFailure(result, function);
@@ -63,7 +78,8 @@ bool check(const CipherResult& result, const char* function) {
 
 void hash(std::string& value) {
     std::string digest;
-    if (check(platform::hashSha256(value, digest), __PRETTY_FUNCTION__)) value = std::move(digest);
+    const auto operation = [&] { return platform::hashSha256(value, digest); };
+    if (succeeds(operation, __PRETTY_FUNCTION__)) value = std::move(digest);
 }
 
 }  // namespace
@@ -72,13 +88,15 @@ Crypt::Crypt(const std::string& passphrase) : key_(passphrase) { hash(key_); }
 
 std::string Crypt::encrypt(const std::string& plain) const {
     std::string cipher;
-    if (!check(platform::encryptAesCbc(key_, kInitialisationVector, plain, cipher), __PRETTY_FUNCTION__)) return {};
+    const auto operation = [&] { return platform::encryptAesCbc(key_, kInitialisationVector, plain, cipher); };
+    if (!succeeds(operation, __PRETTY_FUNCTION__)) return {};
     return cipher;
 }
 
 std::string Crypt::decrypt(const std::string& cipher) const {
     std::string plain;
-    if (!check(platform::decryptAesCbc(key_, kInitialisationVector, cipher, plain), __PRETTY_FUNCTION__)) return {};
+    const auto operation = [&] { return platform::decryptAesCbc(key_, kInitialisationVector, cipher, plain); };
+    if (!succeeds(operation, __PRETTY_FUNCTION__)) return {};
     return plain;
 }
 

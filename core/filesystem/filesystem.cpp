@@ -2,11 +2,13 @@
 
 #include <boost/filesystem/operations.hpp>
 #include <filesystem>
+#include <stdexcept>
 #include <utility>
 
 #include "core/platform/dirlist.h"
 #include "core/platform/folderlock.h"
 #include "core/platform/folders.h"
+#include "core/platform/pathtext.h"
 #include "core/types/log.h"
 
 namespace velmora {
@@ -43,6 +45,16 @@ bool succeeds(Action action) noexcept {
     }
 }
 
+// Other programs may use names that can't be converted.
+bool toText(const fs::path& name, std::string& text) {
+    try {
+        text = platform::pathToUtf8(name);
+        return true;
+    } catch (const std::range_error&) {
+        return false;
+    }
+}
+
 // The stream takes the path in the system's own form, which on some systems no narrow text can express.
 template <typename Stream>
 bool openStream(Stream& stream, const Path& path, std::ios::openmode mode) {
@@ -61,7 +73,7 @@ bool Filesystem::removeAll(const Path& path) {
 }
 
 void Filesystem::createDirectories(const Path& path) {
-    succeeds([&] { fs::create_directories(path.native()); });
+    succeeds([&] { platform::createFolders(path.native()); });
 }
 
 bool Filesystem::resizeFile(const Path& path, uint64_t size) {
@@ -92,13 +104,21 @@ Path Filesystem::getLogFolder(bool create) {
     return folder;
 }
 
+bool Filesystem::isUsersOwn(const Path& folder) {
+    return platform::isUsersOwn(folder.native()) && platform::isUsersOwn(folder.parent().native());
+}
+
 Path Filesystem::getTempFolder() { return Path(fs::temp_directory_path()); }
 
 bool Filesystem::listDirectory(const Path& path, const std::function<bool(const std::string&)>& callback) {
     const char* const function = "velmora::Filesystem::listDirectory";
     const auto onChild = [&](const fs::path& child) {
         if (child.native().front() == '.') return true;
-        const std::string name = Path(child).string();
+        std::string name;
+        if (!toText(child, name)) {
+            VELMORA_LOGF_AT(warn, "fs", function, "skipped a child whose name is no text");
+            return true;
+        }
         VELMORA_LOGF_AT(debug, "fs", function, "found child: name=%s", name.c_str());
         return callback(name);
     };
@@ -117,13 +137,14 @@ bool Filesystem::listDirectory(const Path& path, const std::function<bool(const 
 }
 
 bool Filesystem::trylock(const Path& path, int, intptr_t& handle, bool& busy) {
+    const std::string text = path.string();  // may throw: before there is a hold to lose
     const std::error_code failure = platform::acquireLock(path.native(), handle);
     busy = failure && platform::isHeldByOther(failure);
     if (failure) {
-        VELMORA_LOGF(warn, "fs", "cannot lock: errno=%d path=%s", failure.value(), path.string().c_str());
+        VELMORA_LOGF(warn, "fs", "cannot lock: errno=%d path=%s", failure.value(), text.c_str());
         return false;
     }
-    VELMORA_LOGF(info, "fs", "locked path=%s", path.string().c_str());
+    VELMORA_LOGF(info, "fs", "locked path=%s", text.c_str());
     return true;
 }
 

@@ -16,7 +16,7 @@ public:
     static bool remove(const Path& path);
     static bool removeAll(const Path& path);
 
-    // With parents; a failure is swallowed.
+    // With parents, for the user alone where the system has modes; a failure is swallowed.
     static void createDirectories(const Path& path);
 
     // Shrinks or, with zeros, grows a regular file. False, with a warning for what is no regular file.
@@ -31,8 +31,13 @@ public:
     [[nodiscard]] static Path getLogFolder(bool create);
     [[nodiscard]] static Path getTempFolder();
 
+    // Whether the folder and the one around it are the user's own (platform::isUsersOwn), as the log folder has to be:
+    // others may have been the first to use its name in a temporary folder that is shared.
+    [[nodiscard]] static bool isUsersOwn(const Path& folder);
+
     // Calls back with the name of each child, files and folders alike, in the system's order; names that begin with a
-    // full stop are skipped. The callback ends the listing by returning false. False if the folder can't be read.
+    // full stop are skipped, and with a warning those that are no text. The callback ends the listing by returning
+    // false. False if the folder can't be read.
     static bool listDirectory(const Path& path, const std::function<bool(const std::string&)>& callback);
 
     // An exclusive hold on a file or folder; use LockedPath. `intention` has no effect. On failure `busy` tells

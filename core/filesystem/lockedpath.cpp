@@ -18,7 +18,7 @@ LockedPath::LockedPath(Path&& path) : Path(std::move(path)) {
 
 LockedPath::LockedPath(LockedPath&& other) noexcept
     : Path(std::move(other)),
-      handle_(std::exchange(other.handle_, kInvalidHandle)),
+      handle_(std::exchange(other.handle_, platform::kInvalidLockHandle)),
       busy_(std::exchange(other.busy_, false)) {}
 
 LockedPath& LockedPath::operator=(LockedPath&& other) noexcept {

@@ -5,6 +5,7 @@
 #include <cstdint>
 
 #include "core/filesystem/path.h"
+#include "core/platform/folderlock.h"
 
 namespace velmora {
 
@@ -21,7 +22,7 @@ public:
     LockedPath& operator=(const LockedPath&) = delete;
     ~LockedPath() override;
 
-    [[nodiscard]] bool isLocked() const noexcept { return handle_ != kInvalidHandle; }
+    [[nodiscard]] bool isLocked() const noexcept { return handle_ != platform::kInvalidLockHandle; }
 
     // The last attempt failed because somebody, this process included, holds the path.
     [[nodiscard]] bool isBusy() const noexcept { return busy_; }
@@ -30,8 +31,7 @@ public:
     void swap(LockedPath& other) noexcept;
 
 private:
-    static constexpr intptr_t kInvalidHandle = -1;
-    intptr_t handle_ = kInvalidHandle;
+    intptr_t handle_ = platform::kInvalidLockHandle;
     bool busy_ = false;
 };
 

@@ -3,16 +3,11 @@
 #include <algorithm>
 #include <ostream>
 
+#include "core/types/ascii.h"
 #include "core/types/log.h"
 #include "core/utils/strings.h"
 
 namespace velmora::http {
-namespace {
-
-unsigned char lowerCase(char c) { return static_cast<unsigned char>(c >= 'A' && c <= 'Z' ? c - 'A' + 'a' : c); }
-
-}  // namespace
-
 std::ostream& operator<<(std::ostream& out, Verb verb) {
     switch (verb) {
         case Verb::GET:
@@ -24,8 +19,10 @@ std::ostream& operator<<(std::ostream& out, Verb verb) {
 }
 
 bool ci_map_traits::comp::operator()(const std::string& a, const std::string& b) const {
-    return std::lexicographical_compare(a.begin(), a.end(), b.begin(), b.end(),
-                                        [](char x, char y) { return lowerCase(x) < lowerCase(y); });
+    const auto isLess = [](char x, char y) {
+        return static_cast<unsigned char>(toLower(x)) < static_cast<unsigned char>(toLower(y));
+    };
+    return std::lexicographical_compare(a.begin(), a.end(), b.begin(), b.end(), isLess);
 }
 
 void Response::setStatus(int value) {

@@ -78,10 +78,9 @@ void logFailure(size_t offset, const char* reason) {
 std::error_code JsonParser::parse(const std::string& text, std::shared_ptr<JsonParser> root) {
     const PaddedText padded(text);
     rapidjson::StringStream stream(padded.data());
-    rapidjson::Reader reader;
     PushHandler handler(std::move(root));
     try {
-        const rapidjson::ParseResult result = reader.Parse<kParseFlags>(stream, handler);
+        const rapidjson::ParseResult result = readStream(stream, handler);
         if (result.IsError()) logFailure(result.Offset(), rapidjson::GetParseError_En(result.Code()));
         return static_cast<JsonError>(result.Code());
     } catch (const std::exception& e) {

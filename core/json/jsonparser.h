@@ -79,12 +79,13 @@ private:
     std::vector<T>& target_;
 };
 
-// Strings; objects inside the array are skipped.
+// Strings. An object inside the array has no parser and ends the parse.
 template <>
 class ArrayParser<std::string, void> : public JsonDefaultParser {
 public:
     explicit ArrayParser(std::vector<std::string>& target) : JsonDefaultParser(true), target_(target) {}
     void onString(const std::string&, const std::string& value) override { target_.push_back(value); }
+    std::shared_ptr<JsonParser> onObject(const std::string&) override { return nullptr; }
 
 private:
     std::vector<std::string>& target_;

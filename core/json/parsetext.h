@@ -69,14 +69,23 @@ constexpr std::string_view kByteOrderMark = "\xEF\xBB\xBF";
 // Without recursion. Not with full precision: RapidJSON 1.1 then normalises zeros such as 0e-30 by undefined behaviour.
 constexpr unsigned kParseFlags = rapidjson::kParseIterativeFlag;
 
+// Runs the reader over zero-terminated characters from where the stream stands. The iterative reader calls a document
+// empty also if it begins with what begins no value.
+template <typename Handler>
+rapidjson::ParseResult readStream(rapidjson::StringStream& stream, Handler& handler) {
+    rapidjson::Reader reader;
+    const rapidjson::ParseResult result = reader.Parse<kParseFlags>(stream, handler);
+    const bool isMisnamed = result.Code() == rapidjson::kParseErrorDocumentEmpty && stream.Peek() != '\0';
+    return isMisnamed ? rapidjson::ParseResult(rapidjson::kParseErrorValueInvalid, result.Offset()) : result;
+}
+
 // Runs the reader over a text, behind its byte order mark. Offsets in the result count from the start of the text.
 template <typename Handler>
 rapidjson::ParseResult readText(const std::string& text, Handler& handler) {
     const PaddedText padded(text);
     const size_t skipped = text.compare(0, kByteOrderMark.size(), kByteOrderMark) == 0 ? kByteOrderMark.size() : 0;
     rapidjson::StringStream stream(padded.data() + skipped);
-    rapidjson::Reader reader;
-    const rapidjson::ParseResult result = reader.Parse<kParseFlags>(stream, handler);
+    const rapidjson::ParseResult result = readStream(stream, handler);
     return result.IsError() ? rapidjson::ParseResult(result.Code(), result.Offset() + skipped) : result;
 }
 

@@ -77,7 +77,17 @@ void DefaultLogger::write(LogLevel, const char*, const std::string& line) {
         rotated = file_.rotateIfNeeded();
         file_.write(line);
     }
-    if (rotated && !stopped_) scheduleHousekeeping();
+    if (rotated && !stopped_) scheduleRoundUnlessDue();
+}
+
+void DefaultLogger::scheduleRoundUnlessDue() {
+    if (roundDue_.exchange(true)) return;
+    try {
+        scheduleHousekeeping();
+    } catch (...) {
+        roundDue_ = false;
+        throw;
+    }
 }
 
 void DefaultLogger::setConfig(const LogConfig& config) {
@@ -92,6 +102,7 @@ void DefaultLogger::setConfig(const LogConfig& config) {
 void DefaultLogger::start() {
     stopped_ = false;
     engine_.start();
+    roundDue_ = false;  // a round that was due when the engine stopped never came
     scheduleHousekeeping();
 }
 
@@ -105,8 +116,11 @@ void DefaultLogger::scheduleHousekeeping() {
 }
 
 void DefaultLogger::doHousekeeping() {
+    roundDue_ = false;
+    const Path path = Filesystem::getLogFolder(false);
+    if (!Filesystem::isUsersOwn(path)) return;
     const uint64_t retention = config_.logFileRetentionPeriod / kMillisecondsPerSecond;
-    const LogFolder folder = readFolder(Filesystem::getLogFolder(false), retention);
+    const LogFolder folder = readFolder(path, retention);
     uint64_t size = folder.size;
     uint64_t expired = 0;
     uint64_t overflowed = 0;
@@ -117,8 +131,14 @@ void DefaultLogger::doHousekeeping() {
         Filesystem::remove(file.path);
         size -= file.size;
     }
+    leaveDeletedFile();
     if (expired > 0) onRemoved_("Expire", expired, folder.size);
     if (overflowed > 0) onRemoved_("Overflow", overflowed, folder.size);
+}
+
+void DefaultLogger::leaveDeletedFile() {
+    const MutexLock lock(mutex_);
+    file_.leaveIfDeleted();
 }
 
 }  // namespace velmora

@@ -1,5 +1,6 @@
 // Writes rotating files to the log folder and keeps that folder within its limits. Lines are written from construction
-// on; housekeeping runs between start() and stop(), on an engine of its own that no log statement waits for.
+// on; housekeeping runs between start() and stop(), on an engine of its own that no log statement waits for. A log
+// folder that is not the user's own is left alone: nothing is written and nothing deleted there.
 #pragma once
 
 #include <atomic>
@@ -30,9 +31,12 @@ public:
 
 private:
     void scheduleHousekeeping();
+    void scheduleRoundUnlessDue();
     void doHousekeeping();
+    void leaveDeletedFile() VELMORA_EXCLUDES(mutex_);
 
-    std::atomic<bool> stopped_ = true;  // written by start and stop, read by writers and by housekeeping
+    std::atomic<bool> stopped_ = true;    // written by start and stop, read by writers and by housekeeping
+    std::atomic<bool> roundDue_ = false;  // by a rotation; one at a time, however often files can't be written
     Mutex mutex_;
     const RemovedCallback onRemoved_;
     LogConfig config_;  // touched on the engine only

@@ -36,11 +36,14 @@ bool RotatingLogFile::rotateIfNeeded() {
     if (!rotateDue_ && stream_.good() && bytesWritten_ <= maxSize_) return false;
     stream_.close();
     stream_.clear();
+    if (!Filesystem::isUsersOwn(folder_)) return false;
     path_ = nextName();
     bytesWritten_ = 0;
     rotateDue_ = false;
     return Filesystem::open(stream_, path_, kAppend);
 }
+
+void RotatingLogFile::leaveIfDeleted() { rotateDue_ = rotateDue_ || !path_.exists(); }
 
 void RotatingLogFile::write(const std::string& line) {
     stream_ << line << '\n' << std::flush;

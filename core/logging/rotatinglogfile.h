@@ -15,11 +15,15 @@ class RotatingLogFile {
 public:
     RotatingLogFile(Path folder, std::string baseName, uint64_t maxSize);
 
-    // Begins a new file if it is time to; whether one could be opened.
+    // Begins a new file if it is time to; whether one could be opened. None is opened in a folder that is not the
+    // user's own.
     bool rotateIfNeeded();
 
     // Appends the line and a line end, flushed: it survives a crash of the host.
     void write(const std::string& line);
+
+    // Begins a new file with the next line if the present one has been deleted: what is written to it is lost.
+    void leaveIfDeleted();
 
     void setLimits(std::string baseName, uint64_t maxSize);
 

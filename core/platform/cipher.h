@@ -1,6 +1,7 @@
 // SHA-256, and AES-256 in CBC mode with PKCS#7 padding. The same bytes on every system.
 //
-// Any thread. Nothing is logged: a failure names the step that failed and the system's code for it.
+// Any thread. Nothing is logged: a failure names the step that failed and the system's code for it, 0 if it has none.
+// Throws std::bad_alloc.
 #pragma once
 
 #include <array>

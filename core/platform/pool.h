@@ -36,4 +36,9 @@ public:
 Pool& defaultPool();
 Timer& defaultTimer();
 
+// Whether the calling thread may wait for the pools' threads to end. Not in a process that has lost them, and not on
+// one of them, where exit() may have been called in a callback. Pools, and what tasks still use, are then left as they
+// are.
+[[nodiscard]] bool canAwaitPools() noexcept;
+
 }  // namespace velmora::platform

@@ -9,8 +9,8 @@ namespace velmora::platform {
 // The system's number of the calling thread.
 [[nodiscard]] uint64_t currentThreadId() noexcept;
 
-// Whether the process is ending in a way that has already killed the pools' threads, so that waiting for them would
-// never end. Always false on systems where threads live until the process's teardown is through.
+// Whether the pools' threads are gone, so that waiting for them would never end: on Windows in a process that is being
+// taken down, on Linux in a child that was forked while the parent had them.
 [[nodiscard]] bool isTerminating() noexcept;
 
 // True if the variable is set, also if it is set to nothing; `value` receives its text in UTF-8.

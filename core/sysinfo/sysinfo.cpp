@@ -2,20 +2,18 @@
 
 #include <algorithm>
 #include <cstdio>
-#include <string_view>
 #include <utility>
 
-#include "core/platform/process.h"
 #include "core/platform/sysfacts.h"
+#include "core/types/ascii.h"
 #include "core/types/log.h"
+#include "core/utils/strings.h"
 
 namespace velmora::sysinfo {
 namespace {
 
 constexpr int kIntegratedOrExternalTouch = 0x3;
 constexpr int kIntegratedOrExternalPen = 0xC;
-
-bool isBlank(char c) { return std::string_view(" \t\n\v\f\r").find(c) != std::string_view::npos; }
 
 std::string trim(const std::string& text) {
     const auto first = std::find_if_not(text.begin(), text.end(), isBlank);
@@ -33,6 +31,13 @@ bool quietly(Query query) noexcept {
     }
 }
 
+// For what counts as told in any case: a failure leaves the output as it is.
+template <typename Query>
+bool alwaysTold(Query query) noexcept {
+    quietly([&] { return query(), true; });
+    return true;
+}
+
 // Upper-case pairs joined by hyphens. Services know the text with the NUL character that ends it.
 std::string formatAddress(const std::vector<uint8_t>& address) {
     std::string text;
@@ -48,14 +53,12 @@ std::string formatAddress(const std::vector<uint8_t>& address) {
 }  // namespace
 
 bool getOSVersion(std::string& out) {
-    quietly([&] {
+    return alwaysTold([&] {
         const platform::OsVersion version = platform::osVersion();
         out = std::to_string(version.major) + "." + std::to_string(version.minor) + ".";
         VELMORA_LOG_AT(trace, "sysinfo", "velmora::sysinfo::getOSVersion") << "os version=" << out;
         out += std::to_string(version.build);
-        return true;
     });
-    return true;
 }
 
 bool getProcessorName(std::string& out) {
@@ -70,18 +73,13 @@ bool getProcessorSpeed(uint64_t& out) {
 }
 
 bool getNumCores(uint64_t& out) {
-    quietly([&] {
-        out = platform::processorCount();
-        return true;
-    });
-    return true;
+    return alwaysTold([&] { out = platform::processorCount(); });
 }
 
 void getProcessorArchitecture(std::string& out) {
-    quietly([&] {
+    alwaysTold([&] {
         out = platform::processorArchitecture();
         VELMORA_LOG_AT(trace, "sysinfo", "velmora::sysinfo::getProcessorArchitecture") << "arch=" << out;
-        return true;
     });
 }
 
@@ -118,21 +116,17 @@ bool getDeviceName(std::string& out) {
 }
 
 bool getComputerModel(std::string& out) {
-    quietly([&] {
+    return alwaysTold([&] {
         const platform::ComputerModel computer = platform::computerModel();
         out = computer.manufacturer + "-" + computer.model;
-        return true;
     });
-    return true;
 }
 
 bool getDisplayResolution(std::string& out) {
-    quietly([&] {
+    return alwaysTold([&] {
         const platform::DisplaySize size = platform::displaySize();
         out = std::to_string(size.width) + "x" + std::to_string(size.height);
-        return true;
     });
-    return true;
 }
 
 bool getDiskSize(uint64_t& out) {
@@ -184,15 +178,13 @@ bool getLocale(std::string& out) {
 }
 
 bool getPenTouchSupport(std::string& out) {
-    quietly([&] {
+    return alwaysTold([&] {
         const platform::PenTouch support = platform::penTouch();
         const bool pen = (support.digitizer & kIntegratedOrExternalPen) != 0;
         const bool touch = support.touches >= 1 || (support.digitizer & kIntegratedOrExternalTouch) != 0;
         out = pen ? "supports pen; " : "no pen support; ";
         out += touch ? "supports touch with " + std::to_string(support.touches) + " touch points" : "no touch support";
-        return true;
     });
-    return true;
 }
 
 bool getUserAgent(std::string& out) {
@@ -205,7 +197,7 @@ bool getConnectionType(std::string&) { return false; }
 
 std::string getEnvironmentVariable(const char* name) {
     std::string value;
-    quietly([&] { return platform::environmentVariable(name, value); });
+    quietly([&] { return velmora::getEnvironmentVariable(name, value); });
     return value;
 }
 

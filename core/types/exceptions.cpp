@@ -6,9 +6,10 @@
 namespace velmora {
 namespace {
 
-// A code that tells of a failure; an exception that carries "no error" is a failure all the same.
+// A velmora code goes out as it is. The "no error" of any other domain would pass for success, which it is not.
 std::error_code failureOf(const std::system_error& e) {
-    return e.code() ? e.code() : std::error_code(VelmoraError::unknown);
+    const bool isTelling = e.code() || e.code().category() == velmoraCategory();
+    return isTelling ? e.code() : std::error_code(VelmoraError::unknown);
 }
 
 std::error_code logCurrentException(const char* channel, const char* function) {

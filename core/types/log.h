@@ -30,21 +30,19 @@ struct LogDone {
 
 #define VELMORA_LOG(level, channel) VELMORA_LOG_AT(level, channel, __PRETTY_FUNCTION__)
 
-#define VELMORA_LOGF_AT(level, channel, function, ...)                             \
-    (!::velmora::logs(::velmora::LogLevel::level)                                  \
-         ? static_cast<void>(0)                                                    \
-         : ::velmora::logger()->logf(::velmora::LogLevel::level, channel,          \
-                                     ::velmora::logFunctionName(function).c_str(), \
-                                     ::velmora::logFileName(__FILE__).c_str(), __LINE__, __VA_ARGS__))
+#define VELMORA_LOGF_AT(level, channel, function, ...)         \
+    (!::velmora::logs(::velmora::LogLevel::level)              \
+         ? static_cast<void>(0)                                \
+         : ::velmora::logFormatted(::velmora::LogLevel::level, \
+                                   ::velmora::LogSite{channel, function, __FILE__, __LINE__}, __VA_ARGS__))
 
 #define VELMORA_LOGF(level, channel, ...) VELMORA_LOGF_AT(level, channel, __PRETTY_FUNCTION__, __VA_ARGS__)
 
 #define VELMORA_LOG_CONCAT2(a, b) a##b
 #define VELMORA_LOG_CONCAT(a, b) VELMORA_LOG_CONCAT2(a, b)
-#define VELMORA_LOG_SCOPE_AT(level, channel, function, text)                                                  \
-    ::velmora::LogScope VELMORA_LOG_CONCAT(logScope, __LINE__)(::velmora::LogLevel::level, channel, function, \
-                                                               __FILE__, __LINE__);                           \
-    if (auto* const logScopeText = VELMORA_LOG_CONCAT(logScope, __LINE__).stream()) *logScopeText << text;    \
-    VELMORA_LOG_CONCAT(logScope, __LINE__).begin()
+#define VELMORA_LOG_SCOPE_AT(level, channel, function, text)               \
+    const ::velmora::LogScope VELMORA_LOG_CONCAT(logScope, __LINE__)(      \
+        ::velmora::LogLevel::level, channel, function, __FILE__, __LINE__, \
+        [&](std::ostream& logScopeText) { logScopeText << text; })
 
 #define VELMORA_LOG_SCOPE(level, channel, text) VELMORA_LOG_SCOPE_AT(level, channel, __PRETTY_FUNCTION__, text)

@@ -1,6 +1,7 @@
 #include "core/types/logger.h"
 
 #include <atomic>
+#include <locale>
 #include <string_view>
 #include <utility>
 
@@ -13,10 +14,15 @@ namespace {
 // a logger's own engine may look while the logger is being installed; nobody else may log while it is exchanged.
 std::atomic<Logger*> installed = nullptr;
 
-void writeLine(LogLevel level, const LogSite& site, std::ostringstream& message) {
-    if (!logs(level)) return;
-    logger()->log(level, site.channel, logFunctionName(site.function).c_str(), logFileName(site.file).c_str(),
-                  site.line, message);
+// A line that can't be written is lost; nobody above could do anything about it.
+void writeLine(LogLevel level, const LogSite& site, std::ostringstream& message) noexcept {
+    try {
+        Logger* const present = installed;
+        if (present == nullptr) return;
+        present->log(level, site.channel, logFunctionName(site.function).c_str(), logFileName(site.file).c_str(),
+                     site.line, message);
+    } catch (...) {
+    }
 }
 
 std::string without(std::string text, std::string_view unwanted) {
@@ -37,7 +43,9 @@ bool logs(LogLevel level) noexcept {
 
 void setLogger(std::unique_ptr<Logger> next) {
     if (next) {
-        if (next.get() != installed) delete installed.exchange(next.release());
+        Logger* const fresh = next.release();
+        Logger* const old = installed.exchange(fresh);
+        if (old != fresh) delete old;
         VELMORA_LOG_AT(info, "log", "velmora::setLogger") << "start logger";
         return;
     }
@@ -75,19 +83,15 @@ std::string logFunctionName(const char* prettyFunction) {
 }
 
 LogStatement::LogStatement(LogLevel level, const char* channel, const char* function, const char* file, int line)
-    : level_(level), site_{channel, function, file, line} {}
-
-LogStatement::~LogStatement() {
-    try {
-        writeLine(level_, site_, message_);
-    } catch (...) {
-        // A line that can't be written is lost; nobody above could do anything about it.
-    }
+    : level_(level), site_{channel, function, file, line} {
+    message_.imbue(std::locale::classic());
 }
+
+LogStatement::~LogStatement() { writeLine(level_, site_, message_); }
 
 LogScope::LogScope(LogLevel level, const char* channel, const char* function, const char* file, int line)
     : level_(level), site_{channel, function, file, line} {
-    if (logs(level)) message_.emplace();
+    if (logs(level)) message_.emplace().imbue(std::locale::classic());
 }
 
 LogScope::LogScope(LogScope&& other) noexcept
@@ -97,21 +101,20 @@ LogScope::LogScope(LogScope&& other) noexcept
       armed_(std::exchange(other.armed_, false)) {}
 
 LogScope::~LogScope() {
-    if (!armed_) return;
-    try {
-        write("End ");
-    } catch (...) {
-        // As in LogStatement.
-    }
+    if (armed_) write("End ");
 }
 
-void LogScope::begin() { write("Begin "); }
+void LogScope::begin() noexcept { write("Begin "); }
 
-void LogScope::write(const char* prefix) {
-    if (!message_) return;
-    std::ostringstream line;
-    line << prefix << message_->str();
-    writeLine(level_, site_, line);
+void LogScope::write(const char* prefix) noexcept {
+    if (!message_ || !logs(level_)) return;
+    try {
+        std::ostringstream line;
+        line << prefix << message_->str();
+        writeLine(level_, site_, line);
+    } catch (...) {
+        // As in writeLine.
+    }
 }
 
 }  // namespace velmora

@@ -60,6 +60,19 @@ std::string logFileName(const char* path);
 // The function's qualified name out of __PRETTY_FUNCTION__: "velmora::Pipeline::flush".
 std::string logFunctionName(const char* prettyFunction);
 
+// What a statement or scope streams is formatted by the "C" locale, whatever the host's is. A logger that throws loses
+// the line and disturbs nobody.
+
+// A line of printf format.
+template <typename... Args>
+void logFormatted(LogLevel level, const LogSite& site, const char* format, Args... args) noexcept {
+    try {
+        logger()->logf(level, site.channel, logFunctionName(site.function).c_str(), logFileName(site.file).c_str(),
+                       site.line, format, args...);
+    } catch (...) {
+    }
+}
+
 // One statement: collects the text and writes it at its end.
 class LogStatement {
 public:
@@ -81,16 +94,24 @@ private:
 class LogScope {
 public:
     LogScope(LogLevel level, const char* channel, const char* function, const char* file, int line);
+
+    // The text is what `describe` streams, which is called only if the level lets the scope pass; begins at once.
+    template <typename Describe>
+    LogScope(LogLevel level, const char* channel, const char* function, const char* file, int line, Describe describe)
+        : LogScope(level, channel, function, file, line) {
+        if (message_) describe(*message_);
+        begin();
+    }
     LogScope(LogScope&& other) noexcept;
     LogScope& operator=(LogScope&&) = delete;
     ~LogScope();
 
     // Null when the level drops the scope, so that nothing is formatted.
     std::ostringstream* stream() { return message_ ? &*message_ : nullptr; }
-    void begin();
+    void begin() noexcept;
 
 private:
-    void write(const char* prefix);
+    void write(const char* prefix) noexcept;
 
     std::optional<std::ostringstream> message_;
     LogLevel level_;

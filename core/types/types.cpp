@@ -1,19 +1,13 @@
 #include "core/types/types.h"
 
-#include <algorithm>
 #include <array>
 #include <string_view>
 
+#include "core/types/ascii.h"
 #include "core/types/log.h"
 
 namespace velmora {
 namespace {
-
-char toUpper(char c) { return c >= 'a' && c <= 'z' ? static_cast<char>(c - 'a' + 'A') : c; }
-
-bool equalsIgnoringCase(std::string_view a, std::string_view b) {
-    return std::equal(a.begin(), a.end(), b.begin(), b.end(), [](char x, char y) { return toUpper(x) == toUpper(y); });
-}
 
 // The position in the table is the enumeration's value.
 template <typename Enum, size_t N>

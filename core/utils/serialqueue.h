@@ -1,6 +1,7 @@
 // A queue that runs the tasks given to it strictly one after the other, on an executor's threads.
 #pragma once
 
+#include <cstddef>
 #include <deque>
 #include <functional>
 #include <memory>
@@ -22,14 +23,16 @@ public:
     SerialQueue(Executor executor, Mode mode);
 
     // Appends a task; takes nothing but the queue's mutex for the length of the append. Tasks run in the order of their
-    // enqueueing and must not throw. Raises what the executor raises.
+    // enqueueing and must not throw. Raises what the executor raises, and has then not taken the task.
     void enqueue(Task task);
 
 private:
     void startTurn();
+    Task abandonTurn(size_t position);
+    void runTurns();
     void runOneTask();
     void runAllTasks();
-    void endTurn();
+    [[nodiscard]] bool endTurn() noexcept;
 
     Mutex mutex_;
     bool running_ VELMORA_GUARDED_BY(mutex_) = false;

@@ -11,10 +11,7 @@
 namespace velmora {
 namespace {
 
-constexpr std::string_view kBlanks = " \t\n\v\f\r";
 constexpr std::string_view kHexDigits = "0123456789abcdef";
-
-char toLower(char c) { return c >= 'A' && c <= 'Z' ? static_cast<char>(c - 'A' + 'a') : c; }
 
 }  // namespace
 
@@ -51,15 +48,6 @@ std::vector<std::string> tokenize(const std::string& text, char delimiter, char 
     if (escaped) VELMORA_LOG(warn, "string.utils") << "Invalid terminal escape";
     tokens.push_back(std::move(token));
     return tokens;
-}
-
-std::string toLower(std::string text) {
-    for (char& c : text) c = toLower(c);
-    return text;
-}
-
-bool equalsIgnoringCase(const std::string& a, const std::string& b) {
-    return std::equal(a.begin(), a.end(), b.begin(), b.end(), [](char x, char y) { return toLower(x) == toLower(y); });
 }
 
 bool getEnvironmentVariable(const std::string& name, std::string& value) {

@@ -4,6 +4,8 @@
 #include <string>
 #include <vector>
 
+#include "core/types/ascii.h"
+
 namespace velmora {
 
 // Base 10, leading blanks allowed, trailing characters ignored; -1 for no digit or a value out of range. Never throws.
@@ -12,10 +14,6 @@ namespace velmora {
 // Splits at the delimiter; the escape character takes the next byte literally and is itself dropped. An empty text
 // gives one empty token. A trailing escape is dropped with a warning.
 [[nodiscard]] std::vector<std::string> tokenize(const std::string& text, char delimiter, char escape);
-
-// ASCII only; the rest of the bytes stay.
-[[nodiscard]] std::string toLower(std::string text);
-[[nodiscard]] bool equalsIgnoringCase(const std::string& a, const std::string& b);
 
 // True if the variable is set, also if to nothing; `value` receives its text.
 [[nodiscard]] bool getEnvironmentVariable(const std::string& name, std::string& value);

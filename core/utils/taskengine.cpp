@@ -1,7 +1,10 @@
 #include "core/utils/taskengine.h"
 
+#include <locale>
+#include <thread>
 #include <utility>
 
+#include "core/platform/process.h"
 #include "core/types/exceptions.h"
 #include "core/types/log.h"
 #include "core/utils/executors.h"
@@ -13,6 +16,7 @@ namespace {
 
 std::string describe(const void* engine) {
     std::ostringstream out;
+    out.imbue(std::locale::classic());
     out << "active tasks (this=" << engine << ")";
     return out.str();
 }
@@ -39,7 +43,9 @@ void TaskEngine::start() {
 
 void TaskEngine::stop() {
     if (state_->stopped.exchange(true)) return;
-    waitFor([this] { return state_->active == 0; }, describe(this), 1, kNoTimeout);
+    exceptionSafeWrapper([this] { waitFor([this] { return state_->active == 0; }, describe(this), 1, kNoTimeout); });
+    // The wait may have failed, for lack of memory perhaps; bodies that run on would find their owner gone.
+    while (state_->active != 0 && !platform::isTerminating()) std::this_thread::sleep_for(std::chrono::milliseconds(1));
     const uint64_t ignored = state_->pending.exchange(0);
     VELMORA_LOG(trace, "taskengine") << "stopped this=" << this << " index=" << state_->index << "ignored " << ignored
                                      << " pending tasks";

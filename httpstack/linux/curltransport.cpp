@@ -2,7 +2,9 @@
 
 #include <pthread.h>
 #include <signal.h>
+#include <unistd.h>
 
+#include <atomic>
 #include <stdexcept>
 #include <utility>
 
@@ -12,6 +14,8 @@ namespace velmora::httpstack {
 namespace {
 
 constexpr int kPollMs = 1000;
+
+std::atomic<pid_t> processOfThread = 0;  // set by each transport; a child that is forked later has no such thread
 
 CURLM* makeMulti() {
     static const CURLcode kInitialised = curl_global_init(CURL_GLOBAL_DEFAULT);
@@ -48,13 +52,14 @@ std::unique_ptr<Transport> makeTransport(const Settings& settings, ExchangeTable
     return std::make_unique<CurlTransport>(settings, table);
 }
 
-bool threadsAreGone() noexcept { return false; }
+bool threadsAreGone() noexcept { return processOfThread != ::getpid(); }
 
 CurlTransport::CurlTransport(const Settings& settings, ExchangeTable& table)
     : settings_(settings), table_(table), multi_(makeMulti()) {
     try {
         const SignalsBlocked blocked;
         thread_ = std::thread([this] { run(); });
+        processOfThread = ::getpid();
     } catch (...) {
         curl_multi_cleanup(multi_);
         throw;

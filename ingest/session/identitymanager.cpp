@@ -3,7 +3,7 @@
 #include <algorithm>
 #include <utility>
 
-#include "core/http/responder.h"
+#include "core/http/parsingresponder.h"
 #include "core/types/errors.h"
 #include "core/types/exceptions.h"
 #include "core/types/log.h"

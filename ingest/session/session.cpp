@@ -9,7 +9,6 @@
 #include "core/json/mergejson.h"
 #include "core/logging/defaultlogger.h"
 #include "core/platform/pool.h"
-#include "core/platform/process.h"
 #include "core/types/exceptions.h"
 #include "core/types/log.h"
 #include "core/utils/durations.h"
@@ -26,13 +25,13 @@ std::atomic<Session*> currentSession = nullptr;  // set by the session's constru
 
 }  // namespace
 
-// A process whose end has killed the pools' threads can't stop anything: what those threads held stays locked for ever.
-// The session is then left as it is; its events are on disk.
+// Where the pools' threads can't be waited for, nothing can be stopped: what they hold may stay locked for ever. The
+// session is then left as it is; its events are on disk.
 class Session::SessionOwner {
 public:
     SessionOwner() : session_((bringUpWhatOutlivesIt(), new Session)) {}
     ~SessionOwner() {
-        if (!platform::isTerminating()) delete session_;
+        if (platform::canAwaitPools()) delete session_;
     }
     SessionOwner(const SessionOwner&) = delete;
     SessionOwner& operator=(const SessionOwner&) = delete;
@@ -67,10 +66,7 @@ Session::LoggerEnd::~LoggerEnd() {
 Session::Session()
     : sessionGuid_(makeGuid()),
       configProvider_([this] {
-          setDefaultLogger(std::make_unique<DefaultLogger>(
-              getGlobalConfig().logLevel, [this](const std::string& reason, uint64_t count, uint64_t folderSize) {
-                  scheduleMetaEvent(MetaEvent::makeSizeWarning("log", reason, count, folderSize));
-              }));
+          exceptionSafeWrapper([this] { installDefaultLogger(); });
           return std::make_unique<SessionConfigProvider>([this] { return fetchConfig(); },
                                                          [this] { onConfigUpdated(); });
       }()),
@@ -82,6 +78,14 @@ Session::Session()
     connect();
     configProvider_->start();
     currentSession = this;
+}
+
+// Fails where the system names no temporary folder; there is no log then.
+void Session::installDefaultLogger() {
+    setDefaultLogger(std::make_unique<DefaultLogger>(
+        getGlobalConfig().logLevel, [this](const std::string& reason, uint64_t count, uint64_t folderSize) {
+            scheduleMetaEvent(MetaEvent::makeSizeWarning("log", reason, count, folderSize));
+        }));
 }
 
 void Session::connect() {

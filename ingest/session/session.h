@@ -94,6 +94,7 @@ private:
 
     Session();
 
+    void installDefaultLogger();
     void connect();
     std::error_code stopBody(IngestInstance* instance) noexcept;
     void setOnline(bool online);

@@ -1,7 +1,8 @@
 /* A host in pure C that ends badly. Its arguments are the library's path, how it ends ("return" from main, "exit" of
- * the process, "unload" of the library) and what is going on then ("idle": all stopped; "running": an instance with
- * events; "flight": a batch that is answered by nothing but its cancel; "logging": an instance whose every log line
- * goes to the host). That it ends at all, with exit code 0, is the test. */
+ * the process, "unload" of the library, "callback": exit within the completion callback of a flush) and what is going
+ * on then ("idle": all stopped; "running": an instance with events; "flight": a batch that is answered by nothing but
+ * its cancel; "logging": an instance whose every log line goes to the host). That it ends at all, with exit code 0, is
+ * the test. */
 #include <stdatomic.h>
 #include <stdio.h>
 #include <string.h>
@@ -22,12 +23,14 @@
     X(velmora_setIngestConfig)               \
     X(velmora_ingest_start)                  \
     X(velmora_ingest_stop)                   \
+    X(velmora_ingest_flush)                  \
     X(velmora_ingest_submitAnonEvent)
 
 #define DECLARE_POINTER(name) __typeof__(name)* name;
 static struct { FUNCTIONS(DECLARE_POINTER) } lib;
 
 static int hostSession;
+static velmora_ingest_instance ingest;
 /* The library's threads call in beside the main one. */
 static atomic_int answers = 1;
 static void* _Atomic unanswered[64]; /* the contexts of the batches in flight, by request */
@@ -85,7 +88,6 @@ static int loadFunctions(library_handle library) {
 
 static int reach(const char* state) {
     static const char guid[] = "5b1d6c52-6f0e-4b5e-9d0f-7f4f6f6a0c02";
-    velmora_ingest_instance ingest = NULL;
     int i;
 
     answers = strcmp(state, "flight") != 0;
@@ -109,6 +111,13 @@ static int reach(const char* state) {
     return 0;
 }
 
+static void endInCallback(velmora_ingest_instance instance, int32_t result, void* userData) {
+    (void)instance;
+    (void)result;
+    (void)userData;
+    endProcess(0);
+}
+
 int main(int argc, char** argv) {
     library_handle library;
     CHECK(argc == 4);
@@ -116,6 +125,10 @@ int main(int argc, char** argv) {
     CHECK(library != NULL);
     if (loadFunctions(library) != 0 || reach(argv[3]) != 0) return 1;
     if (strcmp(argv[2], "exit") == 0) endProcess(0);
+    if (strcmp(argv[2], "callback") == 0) {
+        CHECK(lib.velmora_ingest_flush(ingest, endInCallback, NULL) == VELMORA_OK);
+        for (;;) waitAMoment();
+    }
     if (strcmp(argv[2], "unload") == 0) {
         CHECK(closeLibrary(library));
         waitAMoment();

@@ -13,7 +13,15 @@ namespace {
 // there. Initialised when the library is loaded, it outlives everything that is created later.
 const int initialised = OPENSSL_init_crypto(0, nullptr);
 
-// The host may use OpenSSL on the same thread: errors raised here do not stay in the thread's queue.
+// The host decides which providers its own context has, and may have none with these algorithms. Ours has the default
+// one, and is never freed: it serves to the end of the process.
+OSSL_LIB_CTX* libraryContext() {
+    static OSSL_LIB_CTX* const context = OSSL_LIB_CTX_new();
+    return context;
+}
+
+// The host may use OpenSSL on the same thread: errors raised here do not stay in the thread's queue. failure() is for a
+// step that has just raised one.
 class ErrorScope {
 public:
     ErrorScope() { ERR_set_mark(); }
@@ -26,12 +34,12 @@ public:
 
 // Fetched once: looking an algorithm up costs more than enciphering an event.
 const EVP_CIPHER* aesCbc() {
-    static EVP_CIPHER* const cipher = EVP_CIPHER_fetch(nullptr, "AES-256-CBC", nullptr);
+    static EVP_CIPHER* const cipher = EVP_CIPHER_fetch(libraryContext(), "AES-256-CBC", nullptr);
     return cipher;
 }
 
 const EVP_MD* sha256() {
-    static EVP_MD* const digest = EVP_MD_fetch(nullptr, "SHA256", nullptr);
+    static EVP_MD* const digest = EVP_MD_fetch(libraryContext(), "SHA256", nullptr);
     return digest;
 }
 
@@ -60,14 +68,14 @@ CipherResult crypt(Direction direction, const std::string& key, const Initialisa
                    std::string& out) {
     const CipherStep step = direction == Direction::encrypt ? CipherStep::encrypt : CipherStep::decrypt;
     const ErrorScope errors;
-    if (aesCbc() == nullptr) return errors.failure(CipherStep::openProvider);
+    if (aesCbc() == nullptr) return {CipherStep::openProvider};
     EVP_CIPHER_CTX* const context = cipherContext();
     if (context == nullptr) return errors.failure(CipherStep::allocateMemory);
-    if (key.size() != static_cast<size_t>(EVP_CIPHER_get_key_length(aesCbc())) ||
-        EVP_CipherInit_ex2(context, aesCbc(), bytesOf(key), iv.data(), static_cast<int>(direction), nullptr) != 1) {
+    if (key.size() != static_cast<size_t>(EVP_CIPHER_get_key_length(aesCbc()))) return {CipherStep::generateKey};
+    if (EVP_CipherInit_ex2(context, aesCbc(), bytesOf(key), iv.data(), static_cast<int>(direction), nullptr) != 1) {
         return errors.failure(CipherStep::generateKey);
     }
-    if (in.size() > INT32_MAX - iv.size()) return errors.failure(step);
+    if (in.size() > INT32_MAX - iv.size()) return {step};
     out.resize(in.size() + iv.size());
     auto* const bytes = reinterpret_cast<unsigned char*>(out.data());
     int written = 0;
@@ -84,7 +92,7 @@ CipherResult crypt(Direction direction, const std::string& key, const Initialisa
 
 CipherResult hashSha256(const std::string& data, std::string& digest) {
     const ErrorScope errors;
-    if (initialised != 1 || sha256() == nullptr) return errors.failure(CipherStep::openProvider);
+    if (initialised != 1 || sha256() == nullptr) return {CipherStep::openProvider};
     std::string result(static_cast<size_t>(EVP_MD_get_size(sha256())), '\0');
     if (EVP_Digest(data.data(), data.size(), reinterpret_cast<unsigned char*>(result.data()), nullptr, sha256(),
                    nullptr) != 1) {

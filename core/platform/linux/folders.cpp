@@ -1,8 +1,10 @@
 #include "core/platform/folders.h"
 
 #include <pwd.h>
+#include <sys/stat.h>
 #include <unistd.h>
 
+#include <boost/filesystem/operations.hpp>
 #include <cerrno>
 #include <cstdlib>
 #include <string>
@@ -10,6 +12,10 @@
 
 namespace velmora::platform {
 namespace {
+
+namespace fs = boost::filesystem;
+
+constexpr mode_t kOwnerOnly = 0700;
 
 std::string environmentText(const char* name) {
     const char* const text = std::getenv(name);
@@ -32,13 +38,31 @@ std::string homeOfPasswordEntry(int& code) {
 
 }  // namespace
 
-boost::filesystem::path userDataFolder(int& code) {
-    boost::filesystem::path data(environmentText("XDG_DATA_HOME"));
+fs::path userDataFolder(int& code) {
+    fs::path data(environmentText("XDG_DATA_HOME"));
     if (data.is_absolute()) return data;
     std::string home = environmentText("HOME");
     if (home.empty()) home = homeOfPasswordEntry(code);
     if (home.empty()) return {};
-    return boost::filesystem::path(home) / ".local" / "share";
+    return fs::path(home) / ".local" / "share";
+}
+
+void createFolders(const fs::path& path) {
+    if (path.empty() || ::mkdir(path.c_str(), kOwnerOnly) == 0) return;
+    if (errno == ENOENT && path.has_parent_path()) {
+        createFolders(path.parent_path());
+        if (::mkdir(path.c_str(), kOwnerOnly) == 0) return;
+    }
+    const int code = errno;
+    if (!fs::is_directory(path)) {
+        throw fs::filesystem_error("mkdir", path, {code, boost::system::system_category()});
+    }
+}
+
+bool isUsersOwn(const fs::path& folder) {
+    struct stat status {};
+    return ::lstat(folder.c_str(), &status) == 0 && S_ISDIR(status.st_mode) && status.st_uid == ::geteuid() &&
+           (status.st_mode & S_IWOTH) == 0;
 }
 
 }  // namespace velmora::platform

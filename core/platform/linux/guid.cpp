@@ -1,21 +1,18 @@
 #include "core/platform/guid.h"
 
-#include <pthread.h>
 #include <sys/random.h>
 
 #include <algorithm>
-#include <atomic>
 #include <cerrno>
 #include <system_error>
+
+#include "core/platform/linux/forks.h"
 
 namespace velmora::platform {
 namespace {
 
 constexpr size_t kGuidSize = 16;
 constexpr size_t kPoolSize = 16 * kGuidSize;  // the system fills up to 256 bytes in one go
-
-// Written by the handler of a fork in the child's only thread, read by every thread.
-std::atomic<uint32_t> processGeneration{1};
 
 // Random bytes fetched ahead. Trivially destructible, so that it serves until the last destructor of a thread.
 struct RandomPool {
@@ -25,12 +22,6 @@ struct RandomPool {
 };
 
 thread_local RandomPool pool{};
-
-void watchForks() {
-    static const int registered =
-        ::pthread_atfork(nullptr, nullptr, [] { processGeneration.fetch_add(1, std::memory_order_relaxed); });
-    if (registered != 0) throw std::system_error(registered, std::system_category(), "pthread_atfork");
-}
 
 void refill(uint32_t generation) {
     watchForks();
@@ -48,7 +39,7 @@ void refill(uint32_t generation) {
 }  // namespace
 
 std::array<uint8_t, 16> newGuid() {
-    const uint32_t generation = processGeneration.load(std::memory_order_relaxed);
+    const uint32_t generation = processGeneration();
     if (pool.generation != generation || pool.used == kPoolSize) refill(generation);
     std::array<uint8_t, kGuidSize> guid;
     std::copy_n(pool.bytes.begin() + pool.used, kGuidSize, guid.begin());

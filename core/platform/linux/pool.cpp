@@ -2,6 +2,7 @@
 
 #include <algorithm>
 #include <deque>
+#include <exception>
 #include <list>
 #include <map>
 #include <new>
@@ -9,6 +10,8 @@
 #include <thread>
 #include <utility>
 
+#include "core/platform/linux/forks.h"
+#include "core/platform/process.h"
 #include "core/utils/mutex.h"
 
 namespace velmora::platform {
@@ -17,56 +20,67 @@ namespace {
 constexpr size_t kMaxThreads = 500;
 constexpr std::chrono::seconds kIdleTime(10);
 
+thread_local bool isPoolThread = false;
+
 // Grows by a thread whenever a task waits and no thread is idle: tasks may block on other tasks of the same pool, which
 // would deadlock a pool of fixed size. A thread that has had nothing to do for a while ends.
 class ElasticPool final : public Pool {
 public:
-    ElasticPool() = default;
+    ElasticPool() { noteThreads(); }
 
     // Runs what is queued, whatever the tasks add meanwhile included, and joins every thread.
     ~ElasticPool() override {
-        mutex_.lock();
+        const MutexLock lock(mutex_);
         ending_ = true;
         wake_.notifyAll();
         gone_.wait(mutex_, [this]() VELMORA_REQUIRES(mutex_) { return threads_.empty(); });
-        std::list<std::thread> ended = std::move(ended_);
-        mutex_.unlock();
-        join(ended);
     }
 
     void run(Task task) override {
-        std::list<std::thread> ended;
-        {
-            const MutexLock lock(mutex_);
-            ended.swap(ended_);
-            tasks_.push_back(std::move(task));
-            if (tasks_.size() > idle_ && threads_.size() < kMaxThreads) addThread();
-            wake_.notifyOne();
+        if (!tryRun(task)) throw std::bad_alloc();
+    }
+
+    // Leaves the task with the caller if neither memory nor a thread can be had for it.
+    [[nodiscard]] bool tryRun(Task& task) noexcept {
+        std::list<std::jthread> ended;  // joined once the mutex is free
+        const MutexLock lock(mutex_);
+        ended.swap(ended_);
+        if (!enqueue(task)) return false;
+        if (tasks_.size() > idle_ && threads_.size() < kMaxThreads) addThread();
+        if (threads_.empty()) {
+            task = std::move(tasks_.back());
+            tasks_.pop_back();
+            return false;
         }
-        join(ended);
+        wake_.notifyOne();
+        return true;
     }
 
 private:
-    using ThreadEntry = std::list<std::thread>::iterator;
+    using ThreadEntry = std::list<std::jthread>::iterator;
 
-    static void join(std::list<std::thread>& threads) {
-        for (std::thread& thread : threads) thread.join();
+    bool enqueue(Task& task) noexcept VELMORA_REQUIRES(mutex_) {
+        try {
+            tasks_.push_back(std::move(task));
+            return true;
+        } catch (const std::bad_alloc&) {
+            return false;
+        }
     }
 
-    // Fails only if the task would otherwise never run.
-    void addThread() VELMORA_REQUIRES(mutex_) {
-        const ThreadEntry entry = threads_.emplace(threads_.end());
+    // Without effect if the system refuses: the threads that are there will come to the task.
+    void addThread() noexcept VELMORA_REQUIRES(mutex_) {
         try {
-            *entry = std::thread([this, entry] { work(entry); });
-        } catch (const std::system_error&) {
-            threads_.erase(entry);
-            if (!threads_.empty()) return;
-            tasks_.pop_back();
-            throw std::bad_alloc();
+            std::list<std::jthread> added(1);
+            const ThreadEntry entry = added.begin();
+            *entry = std::jthread([this, entry] { work(entry); });
+            threads_.splice(threads_.end(), added);
+        } catch (const std::exception&) {
         }
     }
 
     void work(ThreadEntry self) {
+        isPoolThread = true;
         mutex_.lock();
         while (waitForTask()) {
             Task task = std::move(tasks_.front());
@@ -94,10 +108,10 @@ private:
     Condition wake_;
     Condition gone_;
     std::deque<Task> tasks_ VELMORA_GUARDED_BY(mutex_);
-    std::list<std::thread> threads_ VELMORA_GUARDED_BY(mutex_);
-    std::list<std::thread> ended_ VELMORA_GUARDED_BY(mutex_);  // have left their work, to be joined
+    std::list<std::jthread> threads_ VELMORA_GUARDED_BY(mutex_);
     size_t idle_ VELMORA_GUARDED_BY(mutex_) = 0;
     bool ending_ VELMORA_GUARDED_BY(mutex_) = false;
+    std::list<std::jthread> ended_ VELMORA_GUARDED_BY(mutex_);  // last: joins those that have left their work
 };
 
 // One thread waits for the earliest due time, and hands bodies to a pool of their own.
@@ -116,6 +130,7 @@ public:
 
     void runAfter(std::chrono::milliseconds delay, Task task) override {
         const MutexLock lock(mutex_);
+        if (ending_) return;
         startWaiter();
         due_.emplace(dueTime(delay), std::move(task));
         changed_.notifyAll();
@@ -140,6 +155,7 @@ private:
     }
 
     void wait() {
+        isPoolThread = true;
         mutex_.lock();
         while (!ending_) {
             if (due_.empty()) {
@@ -157,32 +173,53 @@ private:
         mutex_.unlock();
     }
 
+    // A body that the pool has no thread for runs here: late timers are better than a lost one.
     void runEarliest() VELMORA_REQUIRES(mutex_) {
         Task task = std::move(due_.begin()->second);
         due_.erase(due_.begin());
         mutex_.unlock();
-        pool_.run(std::move(task));
+        if (!pool_.tryRun(task)) task();
+        task = nullptr;  // as in the pool
         mutex_.lock();
     }
 
-    ElasticPool pool_;
     Mutex mutex_;
     Condition changed_;
     std::multimap<Clock::time_point, Task> due_ VELMORA_GUARDED_BY(mutex_);
     bool ending_ VELMORA_GUARDED_BY(mutex_) = false;
     std::thread waiter_;  // started with the first timer, under the mutex
+    ElasticPool pool_;    // last: the bodies that it finishes at its end may set timers
+};
+
+// Ends what it owns with the process, unless that would wait in vain.
+template <typename Owned>
+class ProcessOwned {
+public:
+    ProcessOwned() : owned_(new Owned) {}
+    ~ProcessOwned() {
+        if (canAwaitPools()) delete owned_;
+    }
+    ProcessOwned(const ProcessOwned&) = delete;
+    ProcessOwned& operator=(const ProcessOwned&) = delete;
+
+    [[nodiscard]] Owned& get() const noexcept { return *owned_; }
+
+private:
+    Owned* const owned_;
 };
 
 }  // namespace
 
 Pool& defaultPool() {
-    static ElasticPool pool;
-    return pool;
+    static const ProcessOwned<ElasticPool> pool;
+    return pool.get();
 }
 
 Timer& defaultTimer() {
-    static WaitingTimer timer;
-    return timer;
+    static const ProcessOwned<WaitingTimer> timer;
+    return timer.get();
 }
+
+bool canAwaitPools() noexcept { return !isTerminating() && !isPoolThread; }
 
 }  // namespace velmora::platform

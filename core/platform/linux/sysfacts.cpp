@@ -14,6 +14,7 @@
 
 #include "core/platform/cipher.h"
 #include "core/platform/linux/sysfs.h"
+#include "core/platform/linux/utf8.h"
 
 namespace velmora::platform {
 namespace {
@@ -33,7 +34,7 @@ std::string cpuInfo(std::string_view wanted) {
         if (colon == std::string::npos) continue;
         const std::string name = line.substr(0, line.find_last_not_of(" \t", colon - 1) + 1);
         const size_t value = line.find_first_not_of(" \t", colon + 1);
-        if (name == wanted) return value == std::string::npos ? std::string() : line.substr(value);
+        if (name == wanted) return value == std::string::npos || !isUtf8(line) ? std::string() : line.substr(value);
     }
     return {};
 }
@@ -152,7 +153,7 @@ std::string userLocale() {
         if (value == nullptr || *value == '\0') continue;
         std::string locale(value);
         locale.erase(std::min(locale.find_first_of(".@"), locale.size()));
-        if (locale == "C" || locale == "POSIX") return {};
+        if (locale == "C" || locale == "POSIX" || !isUtf8(locale)) return {};
         if (const size_t underscore = locale.find('_'); underscore != std::string::npos) locale[underscore] = '-';
         return locale;
     }

@@ -6,6 +6,8 @@
 #include <fstream>
 #include <sstream>
 
+#include "core/platform/linux/utf8.h"
+
 namespace velmora::platform {
 
 namespace fs = boost::filesystem;
@@ -15,7 +17,7 @@ std::string readFirstLine(const fs::path& path) {
     std::string line;
     std::getline(file, line);
     const size_t first = line.find_first_not_of(" \t\r");
-    if (first == std::string::npos) return {};
+    if (first == std::string::npos || !isUtf8(line)) return {};
     return line.substr(first, line.find_last_not_of(" \t\r") - first + 1);
 }
 

@@ -8,7 +8,7 @@
 
 namespace velmora::platform {
 
-// The first line without blanks around it; empty if there is no such file.
+// The first line without blanks around it; empty if there is no such file, or if it is no UTF-8.
 [[nodiscard]] std::string readFirstLine(const boost::filesystem::path& path);
 
 // The children of a folder by name; none if there is no such folder.

@@ -5,7 +5,6 @@
 #include <bcrypt.h>
 
 #include <algorithm>
-#include <new>
 #include <utility>
 #include <vector>
 
@@ -91,8 +90,6 @@ CipherResult run(Operation operation) {
         return operation();
     } catch (const StepFailed& failure) {
         return failure.result;
-    } catch (const std::bad_alloc&) {
-        return {CipherStep::allocateMemory, 0};
     }
 }
 

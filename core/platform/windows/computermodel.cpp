@@ -3,6 +3,7 @@
 #include <oleauto.h>
 #include <wbemidl.h>
 
+#include <stdexcept>
 #include <utility>
 
 #include "core/platform/sysfacts.h"
@@ -76,16 +77,31 @@ bool queryComputer(IWbemServices& services, IWbemClassObject** computer) {
     return SUCCEEDED(rows->Next(WBEM_INFINITE, 1, computer, &count)) && count == 1;
 }
 
+class Variant {
+public:
+    Variant() { ::VariantInit(&value_); }
+    ~Variant() { ::VariantClear(&value_); }
+    Variant(const Variant&) = delete;
+    Variant& operator=(const Variant&) = delete;
+
+    VARIANT* get() { return &value_; }
+
+private:
+    VARIANT value_;
+};
+
+// Leaves the text as it is if the property can't be had or is no text.
 void readProperty(IWbemClassObject& computer, const wchar_t* name, std::string& text) {
-    VARIANT value;
-    ::VariantInit(&value);
-    if (FAILED(computer.Get(name, 0, &value, nullptr, nullptr))) return;
-    if ((V_VT(&value) & VT_ARRAY) != 0) {
+    Variant value;
+    if (FAILED(computer.Get(name, 0, value.get(), nullptr, nullptr))) return;
+    if ((V_VT(value.get()) & VT_ARRAY) != 0) {
         text = "Unknown";
-    } else if (V_VT(&value) == VT_BSTR && V_BSTR(&value) != nullptr) {
-        text = utf8FromWide(V_BSTR(&value));
+    } else if (V_VT(value.get()) == VT_BSTR && V_BSTR(value.get()) != nullptr) {
+        try {
+            text = utf8FromWide(V_BSTR(value.get()));
+        } catch (const std::range_error&) {
+        }
     }
-    ::VariantClear(&value);
 }
 
 }  // namespace

@@ -2,10 +2,10 @@
 
 #include <windows.h>
 
+#include "core/platform/windows/lasterror.h"
+
 namespace velmora::platform {
 namespace {
-
-std::error_code lastError() noexcept { return {static_cast<int>(::GetLastError()), std::system_category()}; }
 
 DWORD flagsFor(const boost::filesystem::path& path) noexcept {
     const DWORD attributes = ::GetFileAttributesW(path.c_str());

@@ -7,6 +7,8 @@
 #include <objbase.h>
 #include <shlobj.h>
 
+#include <boost/filesystem/operations.hpp>
+
 namespace velmora::platform {
 
 boost::filesystem::path userDataFolder(int& code) {
@@ -17,5 +19,9 @@ boost::filesystem::path userDataFolder(int& code) {
     ::CoTaskMemFree(text);
     return folder;
 }
+
+void createFolders(const boost::filesystem::path& path) { boost::filesystem::create_directories(path); }
+
+bool isUsersOwn(const boost::filesystem::path&) { return true; }
 
 }  // namespace velmora::platform

@@ -13,6 +13,8 @@
 namespace velmora::platform {
 namespace {
 
+thread_local bool isPoolThread = false;  // the threads are the private pools' own
+
 // One private pool of the system with a group of everything that runs on it, so that its end can wait for that.
 class PrivatePool {
 public:
@@ -28,7 +30,7 @@ public:
 
     // A process that is being taken down has lost its threads already; what they held would be waited for in vain.
     ~PrivatePool() {
-        if (isTerminating()) return;
+        if (!canAwaitPools()) return;
         ::CloseThreadpoolCleanupGroupMembers(group_, FALSE, nullptr);
         close();
     }
@@ -48,17 +50,19 @@ private:
     TP_CALLBACK_ENVIRON environment_{};
 };
 
-void CALLBACK runWork(PTP_CALLBACK_INSTANCE, void* block, PTP_WORK work) noexcept {
+void runTask(void* block) noexcept {
+    isPoolThread = true;
     const std::unique_ptr<Task> task(static_cast<Task*>(block));
     (*task)();
+}
+
+void CALLBACK runWork(PTP_CALLBACK_INSTANCE, void* block, PTP_WORK work) noexcept {
+    runTask(block);
     ::CloseThreadpoolWork(work);
 }
 
 // The timer object itself stays in the group until the end.
-void CALLBACK runTimer(PTP_CALLBACK_INSTANCE, void* block, PTP_TIMER) noexcept {
-    const std::unique_ptr<Task> task(static_cast<Task*>(block));
-    (*task)();
-}
+void CALLBACK runTimer(PTP_CALLBACK_INSTANCE, void* block, PTP_TIMER) noexcept { runTask(block); }
 
 class WorkPool final : public Pool {
 public:
@@ -111,5 +115,7 @@ Timer& defaultTimer() {
     static WallClockTimer timer;
     return timer;
 }
+
+bool canAwaitPools() noexcept { return !isTerminating() && !isPoolThread; }
 
 }  // namespace velmora::platform

@@ -6,6 +6,7 @@
 #include <shlobj.h>
 #include <urlmon.h>
 
+#include "core/platform/windows/lasterror.h"
 #include "core/platform/windows/text.h"
 
 namespace velmora::platform {
@@ -14,8 +15,6 @@ namespace {
 const wchar_t* const kFirmwareKey = L"HARDWARE\\DESCRIPTION\\System\\BIOS";
 const wchar_t* const kProcessorKey = L"Hardware\\Description\\System\\CentralProcessor\\0";
 const wchar_t* const kMachineKey = L"SOFTWARE\\Microsoft\\SQMClient";
-
-std::error_code lastError() { return {static_cast<int>(::GetLastError()), std::system_category()}; }
 
 std::string registryText(const wchar_t* key, const wchar_t* name) {
     DWORD bytes = 0;

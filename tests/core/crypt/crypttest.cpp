@@ -2,11 +2,29 @@
 
 #include <gtest/gtest.h>
 
+#include <cstdlib>
+#include <new>
 #include <random>
 #include <thread>
 #include <vector>
 
 #include "tests/support/capturedlog.h"
+
+namespace {
+
+// Blocks of this size and above are refused to the thread.
+thread_local size_t refusedFrom = SIZE_MAX;
+
+}  // namespace
+
+void* operator new(size_t size) {
+    void* const block = size < refusedFrom ? std::malloc(size) : nullptr;
+    if (block == nullptr) throw std::bad_alloc();
+    return block;
+}
+
+void operator delete(void* block) noexcept { std::free(block); }
+void operator delete(void* block, size_t) noexcept { std::free(block); }
 
 namespace velmora {
 namespace {
@@ -49,6 +67,19 @@ TEST(Crypt, ReadsWhatAnotherInstanceWroteOnAnyThread) {
     const std::string large(3'000'000, 'x');
     EXPECT_EQ(reader.decrypt(writer.encrypt(large)), large);
     EXPECT_TRUE(log.messages("crypt").empty());
+}
+
+TEST(Crypt, GivesNothingAndSaysSoWithoutTheMemoryForIt) {
+    const Crypt crypt("cobalt");
+    const std::string plain(2'000'000, 'x');
+    const std::string cipher = crypt.encrypt(plain);
+    const test::CapturedLog log;
+    refusedFrom = 1'000'000;
+    EXPECT_EQ(crypt.encrypt(plain), "");
+    EXPECT_EQ(crypt.decrypt(cipher), "");
+    refusedFrom = SIZE_MAX;
+    EXPECT_EQ(log.messages("crypt"), std::vector<std::string>(2, "**** memory allocation failed"));
+    EXPECT_EQ(crypt.decrypt(cipher), plain);
 }
 
 TEST(Crypt, GivesNothingAndSaysSoForWhatItCannotRead) {

@@ -39,6 +39,20 @@ TEST_F(LockedPathTest, IsHeldByOneOwnerAtATime) {
     EXPECT_TRUE(again.isLocked());
 }
 
+TEST_F(LockedPathTest, SaysWhatCouldNotBeReleased) {
+    intptr_t handle = platform::kInvalidLockHandle;
+    bool busy = true;
+    ASSERT_TRUE(Filesystem::trylock(folder_, 1, handle, busy));
+    EXPECT_FALSE(busy);
+    ASSERT_FALSE(platform::releaseLock(handle));
+    const intptr_t released = handle;
+    EXPECT_FALSE(Filesystem::unlock(folder_, handle));
+    EXPECT_EQ(handle, released);
+    EXPECT_TRUE(log_.contains("cannot unlock: errno="));
+    EXPECT_TRUE(log_.contains(" path=" + folder_.string()));
+    EXPECT_EQ(log_.lines().back().function, "velmora::Filesystem::unlock");
+}
+
 TEST_F(LockedPathTest, TriesNothingOnAMissingPath) {
     const LockedPath missing(folder_ / "missing");
     EXPECT_TRUE(!missing.isLocked() && !missing.isBusy());

@@ -3,7 +3,7 @@
 #include <sstream>
 
 #include "core/http/message.h"
-#include "core/http/responder.h"
+#include "core/http/parsingresponder.h"
 #include "core/http/retryhandler.h"
 #include "core/types/errors.h"
 #include "tests/support/capturedlog.h"

@@ -31,6 +31,7 @@ TEST(ValidJson, AsksForAnObjectAndSaysWhyNot) {
         {"\xEF\xBB\xBF {\"a\":[1,null]} ", true, true, ""},
         {"[]", false, true, "invalid json=[] parse err='No error.' at 0"},
         {"", false, false, "invalid json= parse err='The document is empty.' at 0"},
+        {"]", false, false, "invalid json=] parse err='Invalid value.' at 0"},
         {"{} x", false, false,
          "invalid json={} x parse err='The document root must not be followed by other values.' at 3"},
         {"\xEF\xBB\xBF{x}", false, false,
@@ -137,6 +138,10 @@ TEST(JsonParser, ReportsFailuresWithOffsetAndReason) {
         const char* line;
     } rows[] = {
         {" ", 1, "1 Reason: The document is empty."},
+        {" ]", 3, "1 Reason: Invalid value."},
+        {"}", 3, "0 Reason: Invalid value."},
+        {",", 3, "0 Reason: Invalid value."},
+        {":", 3, "0 Reason: Invalid value."},
         {"{\"a\":1} x", 2, "8 Reason: The document root must not be followed by other values."},
         {"{\"a\" 1}", 5, "5 Reason: Missing a colon after a name of object member."},
         {"[1,2]", 18, "0 Reason: JSON Parse Error: No Current Handler for item: "},
@@ -151,6 +156,26 @@ TEST(JsonParser, ReportsFailuresWithOffsetAndReason) {
         EXPECT_EQ(JsonParser::parse(row.text, std::make_shared<Recorder>(record)),
                   std::error_code(row.code, jsonCategory()));
         EXPECT_TRUE(log.has(LogLevel::debug, "json", std::string("JsonParser Failed to parse at: ") + row.line));
+    }
+}
+
+class ListOwner : public JsonDefaultParser {
+public:
+    explicit ListOwner(std::vector<std::string>& list) : list_(list) {}
+    std::shared_ptr<JsonParser> onArray(const std::string&) override {
+        return std::make_shared<ArrayParser<std::string, void>>(list_);
+    }
+
+private:
+    std::vector<std::string>& list_;
+};
+
+TEST(JsonParser, RefusesAnObjectInAListOfStrings) {
+    std::vector<std::string> list;
+    EXPECT_FALSE(JsonParser::parse(R"({"l":["a",1,"b"]})", std::make_shared<ListOwner>(list)));
+    EXPECT_EQ(list, (std::vector<std::string>{"a", "b"}));
+    for (const char* const text : {R"({"l":["c",{"x":1}]})", R"({"l":[{}]})"}) {
+        EXPECT_EQ(JsonParser::parse(text, std::make_shared<ListOwner>(list)), JsonError::exception_thrown);
     }
 }
 

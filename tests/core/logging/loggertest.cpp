@@ -12,6 +12,7 @@
 #include "core/logging/externallogger.h"
 #include "core/types/log.h"
 #include "core/utils/timestamps.h"
+#include "tests/support/manualpools.h"
 #include "tests/support/tempfolder.h"
 
 namespace velmora {
@@ -61,12 +62,12 @@ protected:
 
     void write(const std::string& line) { logger_->write(LogLevel::info, "channel", line); }
 
-    void addFile(const std::string& name, size_t size, int64_t age) {
+    void addFile(const std::string& name, size_t size, int64_t age, int64_t now = currentSeconds()) {
         std::ofstream stream;
         ASSERT_TRUE(Filesystem::open(stream, folder_ / name, std::ios::binary));
         stream << std::string(size, 'x');
         stream.close();
-        boost::filesystem::last_write_time((folder_ / name).native(), currentSeconds() - age);
+        boost::filesystem::last_write_time((folder_ / name).native(), now - age);
     }
 
     // Runs the housekeeping under these limits to its end.
@@ -169,6 +170,58 @@ TEST_F(DefaultLoggerTest, RemovesWhatIsTooOldHoweverSmallTheFolder) {
     const std::lock_guard<std::mutex> lock(mutex_);
     EXPECT_EQ(removed_.count("Overflow"), 0U);
     EXPECT_GE(removed_["Expire"].count, 1U);
+}
+
+TEST_F(DefaultLoggerTest, KeepsWhatIsExactlyAtALimit) {
+    int64_t now = 0;
+    do {  // again if the clock has moved on meanwhile
+        now = currentSeconds();
+        addFile("at the age", 100, 1000, now);
+        addFile("beyond the age", 100, 1001, now);
+        addFile("young", 100, 5, now);
+        keepHouse(200, 1'000'999);
+    } while (currentSeconds() != now);
+    EXPECT_EQ(names(), (std::vector<std::string>{"at the age", "young"}));
+}
+
+TEST_F(DefaultLoggerTest, RemovesFilesOfOneAgeByName) {
+    const int64_t now = currentSeconds();
+    for (const char* const name : {"c", "a", "b"}) addFile(name, 100, 10, now);
+    keepHouse(200, 1'000'000'000);
+    EXPECT_EQ(names(), (std::vector<std::string>{"b", "c"}));
+}
+
+TEST_F(DefaultLoggerTest, KeepsHouseWhenItBeginsAFile) {
+    keepHouse(1'000'000, 1'000'000);
+    addFile("old", 10, 2000);
+    write("the first line begins a file");
+    while ((folder_ / "old").exists()) std::this_thread::yield();
+}
+
+TEST_F(DefaultLoggerTest, LeavesAFileThatIsGone) {
+    keepHouse(0, 1'000'000'000);
+    write("too large for the folder");
+    waitForHousekeeping();  // deletes it, where a file in use can be deleted
+    logger_->stop();
+    write("kept");
+    ASSERT_EQ(names().size(), 1U);
+    EXPECT_TRUE(contents(names()[0]).ends_with("kept\n"));
+}
+
+TEST_F(DefaultLoggerTest, KeepsHouseOnceForManyFiles) {
+    logger_.reset();
+    test::ManualPools pools;
+    DefaultLogger logger(LogLevel::info, nullptr);
+    LogConfig config;
+    config.logFileRotationSize = 0;
+    logger.start();
+    logger.setConfig(config);
+    pools.runAll();
+    for (int round = 0; round < 2; ++round) {
+        for (int line = 0; line < 5; ++line) logger.write(LogLevel::info, "channel", "a file of its own");
+        EXPECT_EQ(pools.runAll(), 1U);
+    }
+    EXPECT_EQ(names().size(), 10U);
 }
 
 TEST_F(DefaultLoggerTest, DoesNotKeepHouseOnceStopped) {

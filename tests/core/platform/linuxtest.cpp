@@ -1,21 +1,67 @@
-// What only a system with fork, signals of its own kind and the TZ variable can get wrong.
+// What only a system with fork, modes, names of bytes and the TZ variable can get wrong.
+#include <dlfcn.h>
 #include <gtest/gtest.h>
+#include <openssl/provider.h>
+#include <pthread.h>
+#include <sys/stat.h>
 #include <sys/wait.h>
 #include <unistd.h>
 
+#include <atomic>
+#include <boost/filesystem/operations.hpp>
 #include <cerrno>
 #include <cstdlib>
+#include <fstream>
 #include <functional>
+#include <future>
+#include <memory>
+#include <new>
+#include <set>
+#include <stdexcept>
 
+#include "core/crypt/crypt.h"
+#include "core/filesystem/filesystem.h"
+#include "core/filesystem/lockedpath.h"
+#include "core/logging/defaultlogger.h"
 #include "core/platform/folderlock.h"
 #include "core/platform/folders.h"
 #include "core/platform/guid.h"
 #include "core/platform/linux/sysfs.h"
 #include "core/platform/localtime.h"
+#include "core/platform/pool.h"
+#include "core/platform/process.h"
+#include "core/platform/sysfacts.h"
+#include "tests/support/capturedlog.h"
+#include "tests/support/manualpools.h"
 #include "tests/support/tempfolder.h"
+
+namespace {
+
+std::atomic<bool> threadsAreRefused = false;
+
+}  // namespace
+
+// In place of the system's, for every thread of this program.
+extern "C" int pthread_create(pthread_t* thread, const pthread_attr_t* attributes, void* (*body)(void*),
+                              void* argument) {
+    static const auto systems = reinterpret_cast<decltype(&pthread_create)>(::dlsym(RTLD_NEXT, "pthread_create"));
+    return threadsAreRefused ? EAGAIN : systems(thread, attributes, body, argument);
+}
 
 namespace velmora::platform {
 namespace {
+
+namespace fs = boost::filesystem;
+
+const char* const kNoUtf8 = "caf\xE9";
+
+void addFile(const fs::path& path, const std::string& text = "") { std::ofstream(path.native()) << text; }
+
+mode_t modeOf(const fs::path& path) {
+    struct stat status {};
+    EXPECT_EQ(::stat(path.c_str(), &status), 0);
+    return status.st_mode & 0777;
+}
 
 class ChildProcess {
 public:
@@ -33,13 +79,15 @@ public:
     ChildProcess(const ChildProcess&) = delete;
     ChildProcess& operator=(const ChildProcess&) = delete;
 
-    // Lets the body run, and waits for the end.
-    void finish() {
-        if (process_ <= 0) return;
+    // Lets the body run, and waits for the end. The exit code, or -1.
+    int finish() {
+        if (process_ <= 0) return -1;
+        int status = 0;
         ::close(go_[1]);
         ::close(go_[0]);
-        ::waitpid(process_, nullptr, 0);
+        ::waitpid(process_, &status, 0);
         process_ = 0;
+        return WIFEXITED(status) ? WEXITSTATUS(status) : -1;
     }
 
 private:
@@ -70,6 +118,38 @@ TEST(Fork, DoesNotProlongAHold) {
     EXPECT_FALSE(acquireLock(folder.path(), handle)) << "the child still has the descriptor";
     EXPECT_FALSE(releaseLock(handle));
     EXPECT_EQ(releaseLock(handle).value(), EBADF);
+}
+
+TEST(Fork, LeavesTheThreadsOfThePoolsToTheParent) {
+    ChildProcess before([] { ::_exit(isTerminating() ? 1 : 0); });
+    EXPECT_EQ(before.finish(), 0) << "a child that brings up pools of its own";
+    defaultPool();
+    ChildProcess after([] { ::_exit(isTerminating() && !canAwaitPools() ? 0 : 1); });
+    EXPECT_EQ(after.finish(), 0);
+    EXPECT_TRUE(!isTerminating() && canAwaitPools());
+    std::promise<bool> canAwait;
+    defaultPool().run([&] { canAwait.set_value(canAwaitPools()); });
+    EXPECT_FALSE(canAwait.get_future().get()) << "a pool's thread would wait for itself";
+}
+
+TEST(Pools, RefuseWhatNoThreadCanBeHadForAndServeOnWithoutNewOnes) {
+    const auto held = std::make_shared<int>();
+    threadsAreRefused = true;
+    EXPECT_THROW(defaultPool().run([held] { std::abort(); }), std::bad_alloc);
+    EXPECT_EQ(held.use_count(), 1) << "the pool has kept nothing";
+    EXPECT_THROW(defaultTimer().runAfter(std::chrono::milliseconds(0), [held] { std::abort(); }), std::bad_alloc);
+
+    threadsAreRefused = false;
+    std::promise<void> task;
+    std::promise<void> timer;
+    defaultTimer().runAfter(std::chrono::milliseconds(50), [&] { timer.set_value(); });
+    defaultPool().run([&] {
+        threadsAreRefused = true;
+        defaultPool().run([&] { task.set_value(); });
+    });
+    task.get_future().get();
+    timer.get_future().get();
+    threadsAreRefused = false;
 }
 
 TEST(LocalOffset, FollowsTheZoneAndItsChanges) {
@@ -104,6 +184,86 @@ TEST(UserDataFolder, IsTakenFromTheFirstSourceThatNamesOne) {
     ::unsetenv("HOME");
     EXPECT_TRUE(userDataFolder(code).is_absolute()) << "from the password entry";
     EXPECT_EQ(code, 0);
+}
+
+TEST(NamesThatAreNoText, ArePassedOverInAListingAndNeverHeld) {
+    const test::CapturedLog log;
+    const test::TempFolder folder;
+    for (const char* const name : {"a", kNoUtf8, "b"}) addFile(folder / name);
+    std::set<std::string> names;
+    const auto keep = [&](const std::string& name) { return names.insert(name).second; };
+    EXPECT_TRUE(Filesystem::listDirectory(Path(folder.path()), keep));
+    EXPECT_EQ(names, (std::set<std::string>{"a", "b"}));
+    EXPECT_TRUE(log.has(LogLevel::warn, "fs", "skipped a child whose name is no text"));
+    EXPECT_THROW(LockedPath(Path(folder / kNoUtf8)), std::range_error);
+    EXPECT_EQ(probeHold(folder / kNoUtf8), HoldState::free);
+}
+
+TEST(SystemFacts, AreEmptyWhereTheSystemTellsNoUtf8) {
+    const test::TempFolder folder;
+    addFile(folder / "text", " caf\xC3\xA9 \nsecond");
+    addFile(folder / "bytes", kNoUtf8);
+    EXPECT_EQ(readFirstLine(folder / "text"), "caf\xC3\xA9");
+    EXPECT_EQ(readFirstLine(folder / "bytes"), "");
+    EXPECT_EQ(readFirstLine(folder / "missing"), "");
+    ::setenv("LC_ALL", "de_AT.UTF-8@euro", 1);
+    EXPECT_EQ(userLocale(), "de-AT");
+    ::setenv("LC_ALL", kNoUtf8, 1);
+    EXPECT_EQ(userLocale(), "");
+}
+
+TEST(Folders, AreMadeForTheUserAlone) {
+    const test::TempFolder folder;
+    ::chmod(folder.path().c_str(), 0755);
+    createFolders(folder / "a" / "b");
+    EXPECT_EQ(modeOf(folder.path()), 0755U);
+    EXPECT_EQ(modeOf(folder / "a"), 0700U);
+    EXPECT_EQ(modeOf(folder / "a" / "b"), 0700U);
+    EXPECT_NO_THROW(createFolders(folder / "a"));
+    addFile(folder / "file");
+    EXPECT_THROW(createFolders(folder / "file"), fs::filesystem_error);
+    EXPECT_THROW(createFolders(folder / "file" / "below"), fs::filesystem_error);
+
+    fs::create_directory_symlink(folder / "a", folder / "link");
+    EXPECT_TRUE(isUsersOwn(folder / "a"));
+    for (const char* const name : {"link", "file", "missing"}) EXPECT_FALSE(isUsersOwn(folder / name)) << name;
+    ::chmod((folder / "a").c_str(), 0777);
+    EXPECT_FALSE(isUsersOwn(folder / "a")) << "everybody may write to it";
+    ::chmod((folder / "a").c_str(), 0700);
+    if (::chown((folder / "a").c_str(), 12345, 12345) == 0) {
+        EXPECT_FALSE(isUsersOwn(folder / "a")) << "somebody else's";
+    }
+}
+
+TEST(LogFolder, IsLeftAloneWhereALinkLeadsElsewhere) {
+    for (const char* const link : {"Orvane", "Orvane/com.orvane.velmora"}) {
+        SCOPED_TRACE(link);
+        const test::TempFolder root;
+        const test::TempFolder elsewhere;
+        addFile(elsewhere / "old");
+        fs::create_directories(elsewhere / "com.orvane.velmora");
+        fs::last_write_time(elsewhere / "old", 1);
+        addFile(elsewhere / "com.orvane.velmora" / "old");
+        fs::last_write_time(elsewhere / "com.orvane.velmora" / "old", 1);
+        fs::create_directories((root / link).parent_path());
+        fs::create_directory_symlink(elsewhere.path(), root / link);
+        Filesystem::setRootPath(Path(root.path()));
+        test::ManualPools pools;
+        DefaultLogger logger(LogLevel::info, [](const auto&...) { FAIL() << "files were deleted"; });
+        logger.start();
+        logger.write(LogLevel::info, "channel", "a line");
+        pools.runAll();
+        EXPECT_EQ(childrenOf(elsewhere.path()).size(), 2U);
+        EXPECT_EQ(childrenOf(elsewhere / "com.orvane.velmora").size(), 1U);
+    }
+}
+
+TEST(Cipher, WorksWhateverProvidersTheHostHasLoaded) {
+    OSSL_PROVIDER* const provider = OSSL_PROVIDER_load(nullptr, "legacy");
+    if (provider == nullptr) GTEST_SKIP() << "it is not installed";
+    const Crypt crypt("cobalt");
+    EXPECT_EQ(crypt.decrypt(crypt.encrypt("text")), "text");
+    OSSL_PROVIDER_unload(provider);
 }
 
 TEST(KernelMask, HoldsTheHighestWordFirst) {

@@ -42,10 +42,10 @@ TEST(Strings, TokenizeSplitsUnlessEscaped) {
 }
 
 TEST(Strings, CaseIsFoldedForAsciiOnly) {
-    EXPECT_EQ(toLower("AbZ\xC3\x84"), "abz\xC3\x84");
     EXPECT_TRUE(equalsIgnoringCase("Content-TYPE", "content-type"));
     EXPECT_FALSE(equalsIgnoringCase("content", "content-type"));
     EXPECT_FALSE(equalsIgnoringCase("@", "`"));
+    EXPECT_FALSE(equalsIgnoringCase("\xC3\x84", "\xC3\xA4"));
 }
 
 TEST(Strings, GuidsAreLowerCaseAndFresh) {

@@ -7,6 +7,7 @@
 #include <thread>
 
 #include "core/platform/pool.h"
+#include "tests/support/capturedlog.h"
 #include "tests/support/manualpools.h"
 
 namespace velmora {
@@ -35,6 +36,41 @@ TEST(TaskEngineGenerations, RestartMakesPendingTimersAndTasksVoid) {
     engine.start();
     pools.runAll();
     EXPECT_EQ(ran, "new task new timer last");
+}
+
+TEST(TaskEngineGenerations, AreToldInTheLog) {
+    const test::CapturedLog log;
+    ManualPools pools;
+    SerialTaskEngine engine;
+    pools.runAll();
+    engine.schedule(Task([] {}));
+    engine.schedule(1000ms, Task([] {}));
+    engine.stop();
+    engine.stop();
+    engine.schedule(Task([] {}));
+    engine.start();
+    std::ostringstream address;
+    address << static_cast<TaskEngine*>(&engine);
+    const std::string name = "this=" + address.str();
+    EXPECT_EQ(log.messages("taskengine"),
+              (std::vector<std::string>{"creating " + name, "schedule task " + name, "perform task " + name,
+                                        "schedule task " + name, "schedule task " + name,
+                                        "stopped " + name + " index=0ignored 2 pending tasks",
+                                        "engine stopped; skip schedule " + name, "started " + name + " index=1"}));
+}
+
+TEST(WaitFor, TellsWhatItWaitsForAndGivesUpInTime) {
+    const test::CapturedLog log;
+    int asked = 0;
+    EXPECT_FALSE(waitFor([&] { return ++asked > 9; }, "never", 1, 3));
+    EXPECT_EQ(asked, 4);
+    EXPECT_TRUE(waitFor([&] { return true; }, "at once", 1, 3));
+    EXPECT_EQ(log.messages("utils"),
+              (std::vector<std::string>{"Begin wait for never to be complete", "waiting for never to be complete",
+                                        "End wait for never to be complete", "Begin wait for at once to be complete",
+                                        "End wait for at once to be complete"}));
+    EXPECT_TRUE(log.has(LogLevel::info, "utils", "waiting for never to be complete"));
+    EXPECT_EQ(log.lines()[1].function, "velmora::waitFor");
 }
 
 TEST(TaskEngineEnd, TasksOfADestroyedEngineVanish) {
@@ -104,6 +140,31 @@ TEST(SerialQueueOrder, TasksNeverOverlapAndKeepTheirOrderPerThread) {
         EXPECT_FALSE(overlapped);
         for (const auto& order : seen) EXPECT_TRUE(std::is_sorted(order.begin(), order.end()));
     }
+}
+
+TEST(SerialQueueRefusal, LosesNoTakenTaskAndGoesOnAfterIt) {
+    std::deque<Task> turns;
+    int refusals = 0;
+    const auto executor = [&](Task turn) {
+        if (refusals > 0 && refusals-- > 0) throw std::bad_alloc();
+        turns.push_back(std::move(turn));
+    };
+    const auto runTurns = [&] {
+        for (; !turns.empty(); turns.pop_front()) turns.front()();
+    };
+    const auto queue = std::make_shared<SerialQueue>(executor, SerialQueue::Mode::oneTaskPerTurn);
+    std::string ran;
+    refusals = 1;
+    const auto held = std::make_shared<int>();
+    EXPECT_THROW(queue->enqueue([&ran, held] { ran += "refused "; }), std::bad_alloc);
+    EXPECT_EQ(held.use_count(), 1) << "the queue has kept nothing";
+    for (const char* const name : {"a ", "b ", "c "}) queue->enqueue([&ran, name] { ran += name; });
+    refusals = 1;
+    EXPECT_NO_THROW(runTurns());
+    EXPECT_EQ(ran, "a b c ");
+    queue->enqueue([&] { ran += "d"; });
+    runTurns();
+    EXPECT_EQ(ran, "a b c d");
 }
 
 TEST(TaskEngineStop, NoBodyRunsAfterStopHasReturnedAndAThrowEndsOnlyItsTask) {

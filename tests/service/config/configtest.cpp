@@ -34,7 +34,7 @@ TEST(IngestConfig, OverwritesWhatADocumentNames) {
     config.overwriteWith(R"({
         "setup": {"ingest": {"project": "p", "apiKey": 5, "environment": "PROD", "consent": "yes", "nested": {"project": "x"}}},
         "reserved": {
-            "event": {"batchSize": -1, "batchInterval": 1.5, "pauseInterval": 7, "standardKeyPrefixes": ["x.", 1, {"y.": "z."}]},
+            "event": {"batchSize": -1, "batchInterval": 1.5, "pauseInterval": 7, "standardKeyPrefixes": ["x.", 1]},
             "filerotation": {"eventFolderSize": 9, "eventFileRotationSize": 8},
             "heartbeat": {"urn": "h"}, "config": {"urn": "c", "ttl": 3}, "unknown": [{"flag": false}]}})");
     EXPECT_EQ(config.project, "p");
