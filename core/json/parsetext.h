@@ -9,6 +9,8 @@
 #include <string>
 #include <string_view>
 
+#include "core/json/textwriter.h"
+
 namespace velmora {
 
 // A copy of a text with zeros behind it: the reader's vector instructions look at whole blocks of 16 bytes.
@@ -69,12 +71,21 @@ constexpr std::string_view kByteOrderMark = "\xEF\xBB\xBF";
 // Without recursion. Not with full precision: RapidJSON 1.1 then normalises zeros such as 0e-30 by undefined behaviour.
 constexpr unsigned kParseFlags = rapidjson::kParseIterativeFlag;
 
-// Runs the reader over zero-terminated characters from where the stream stands. The iterative reader calls a document
-// empty also if it begins with what begins no value.
+// Zero-terminated characters. Of a type of its own, for which the reader has no vector code.
+struct TextStream : rapidjson::StringStream {
+    explicit TextStream(const char* text) : rapidjson::StringStream(text) {}
+};
+
+// Runs the reader over a text from where the stream stands. The iterative reader calls a document empty also if it
+// begins with what begins no value. The vector code lets some control characters pass that it would refuse at other
+// places.
 template <typename Handler>
-rapidjson::ParseResult readStream(rapidjson::StringStream& stream, Handler& handler) {
+rapidjson::ParseResult readStream(TextStream& stream, Handler& handler) {
     rapidjson::Reader reader;
-    const rapidjson::ParseResult result = reader.Parse<kParseFlags>(stream, handler);
+    const rapidjson::ParseResult result =
+        holdsLateControls(stream.src_, std::strlen(stream.src_))
+            ? reader.Parse<kParseFlags>(stream, handler)
+            : reader.Parse<kParseFlags>(static_cast<rapidjson::StringStream&>(stream), handler);
     const bool isMisnamed = result.Code() == rapidjson::kParseErrorDocumentEmpty && stream.Peek() != '\0';
     return isMisnamed ? rapidjson::ParseResult(rapidjson::kParseErrorValueInvalid, result.Offset()) : result;
 }
@@ -84,7 +95,7 @@ template <typename Handler>
 rapidjson::ParseResult readText(const std::string& text, Handler& handler) {
     const PaddedText padded(text);
     const size_t skipped = text.compare(0, kByteOrderMark.size(), kByteOrderMark) == 0 ? kByteOrderMark.size() : 0;
-    rapidjson::StringStream stream(padded.data() + skipped);
+    TextStream stream(padded.data() + skipped);
     const rapidjson::ParseResult result = readStream(stream, handler);
     return result.IsError() ? rapidjson::ParseResult(result.Code(), result.Offset() + skipped) : result;
 }
