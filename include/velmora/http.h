@@ -42,8 +42,8 @@ enum velmora_http_verb { VELMORA_HTTP_POST = 1, VELMORA_HTTP_GET = 2 };
 /* Makes the host's session, once per process. Null means failure. */
 typedef void* (*velmora_http_new_session_callback)(void);
 
-/* Ends the session: the last HTTP call of the library, on the thread that ends the process. No notification is under
- * way then. */
+/* Ends the session: the last HTTP call of the library, on the thread that ends the process or unloads the library. No
+ * notification is under way then. */
 typedef void (*velmora_http_delete_session_callback)(void* session);
 
 /* Starts a request and returns without waiting for its end.

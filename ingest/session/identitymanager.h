@@ -26,6 +26,7 @@
 
 namespace velmora {
 
+// Of two calls from two threads either may come first: profile() tells what holds.
 struct IdentityCallbacks {
     std::function<void(std::shared_ptr<service::oswin::Profile>)> onProfile;  // empty when the user changes
     std::function<void()> onChange;                                           // a profile or flag has arrived
