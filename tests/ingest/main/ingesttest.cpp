@@ -228,7 +228,6 @@ std::atomic<int32_t> fromCancel = -1;
 TEST_F(IngestRoad, CallbacksDuringAStopFindTheInstanceGone) {
     configure(VELMORA_CONSENT_GRANTED);
     set(VELMORA_CONFIG_BATCH_SIZE, "1");
-    velmora_online();
     std::promise<void> isSending;
     std::atomic<bool> isFirst = true;
     std::atomic<int32_t> fromSend = VELMORA_OK;
@@ -244,8 +243,9 @@ TEST_F(IngestRoad, CallbacksDuringAStopFindTheInstanceGone) {
         return int32_t{VELMORA_HTTP_INVALID_INPUT};
     });
     stopping = start();
+    ASSERT_EQ(submit(stopping, kEvent), VELMORA_OK);  // beside the init event, in a line of its own
+    velmora_online();
     isSending.get_future().wait();
-    ASSERT_EQ(submit(stopping, kEvent), VELMORA_OK);  // in another line than the first one
     ASSERT_TRUE(host_.waitForRequests(1));
     stop(stopping);
     EXPECT_EQ(fromSend, VELMORA_ERROR_INGEST_INSTANCE_NOT_FOUND);
