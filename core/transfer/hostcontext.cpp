@@ -1,9 +1,11 @@
 #include "core/transfer/hostcontext.h"
 
+#include <atomic>
 #include <unordered_map>
 #include <utility>
 
 #include "core/utils/mutex.h"
+#include "core/utils/waitfor.h"
 
 namespace velmora::transfer {
 namespace {
@@ -19,6 +21,9 @@ Table& table() {
     static Table& instance = *new Table;
     return instance;
 }
+
+std::atomic<uint32_t> visits = 0;      // raised before a context is looked for
+thread_local uint32_t visitsHere = 0;  // those of them that are this thread's
 
 }  // namespace
 
@@ -48,6 +53,20 @@ void removeHostContext(void* token) {
     if (found == all.contexts.end()) return;
     removed = std::move(found->second);
     all.contexts.erase(found);
+}
+
+NotificationVisit::NotificationVisit() {
+    ++visits;
+    ++visitsHere;
+}
+
+NotificationVisit::~NotificationVisit() {
+    --visitsHere;
+    --visits;
+}
+
+void waitForNotifications() {
+    waitFor([] { return visits <= visitsHere; }, "notifications", 1, kNoTimeout);
 }
 
 }  // namespace velmora::transfer

@@ -27,4 +27,17 @@ struct HostContext {
 [[nodiscard]] std::shared_ptr<HostContext> findHostContext(void* token);  // null if there is none
 void removeHostContext(void* token);
 
+// Lives for as long as a notification of the host is under way.
+class NotificationVisit {
+public:
+    NotificationVisit();
+    ~NotificationVisit();
+    NotificationVisit(const NotificationVisit&) = delete;
+    NotificationVisit& operator=(const NotificationVisit&) = delete;
+};
+
+// Returns when the notifications that were under way are over, those of the calling thread aside. Whoever has removed
+// contexts before knows that nothing uses them any more.
+void waitForNotifications();
+
 }  // namespace velmora::transfer

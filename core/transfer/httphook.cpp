@@ -41,6 +41,7 @@ Validated validateContext(const void* session, void* token) {
 // The frame of every notification: nothing is done for a context that does not validate, and nothing is thrown.
 template <typename Notification>
 int32_t notify(const void* session, void* token, Notification notification) {
+    const NotificationVisit visit;
     return exceptionToVelmoraError([&] {
         if (const Validated valid = validateContext(session, token); valid.context) notification(valid);
     });

@@ -2,6 +2,7 @@
 
 #include <stdexcept>
 
+#include "core/platform/process.h"
 #include "core/types/exceptions.h"
 #include "core/types/log.h"
 #include "core/utils/scopeexit.h"
@@ -26,7 +27,7 @@ void RequestContext::stop() noexcept {
         }
         exceptionSafeWrapper([this] { transfer_->cancel(); });
         VELMORA_LOG_SCOPE(info, "http", "stop request context");
-        if (isConcludedHere()) return;
+        if (isConcludedHere() || platform::isTerminating()) return;
         const MutexLock lock(finishedMutex_);
         finishedCondition_.wait(finishedMutex_,
                                 [this]() VELMORA_REQUIRES(finishedMutex_) { return state_ != State::performing; });

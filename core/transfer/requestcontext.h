@@ -23,8 +23,9 @@ public:
     // Blocks until the responder has heard its outcome, or until a request that was never performed has been stopped.
     void waitForCompletion();
 
-    // Cancels what is under way and returns when the completion path has ended; at once if it has, if there is none, or
-    // if it is the completion path that calls. Does not throw.
+    // Cancels what is under way and returns when the completion path has ended; at once if it has, if there is none, if
+    // it is the completion path that calls, or if the process is terminating, whose threads complete nothing any more.
+    // Does not throw.
     void stop() noexcept;
 
     // For whoever performs the transfer: announces an outcome. False if the request is over already. Throws

@@ -27,12 +27,15 @@ public:
     virtual void online() = 0;
     virtual void offline() = 0;
 
-    // Told of every request that fails below HTTP.
-    virtual void setErrorCallback(std::function<void(std::error_code, const std::string&)> callback) = 0;
+    // Told of every request that fails below HTTP; empty for nobody. Returns when the former callback runs no more, and
+    // so must not be called from within it.
+    using ErrorCallback = std::function<void(std::error_code, const std::string&)>;
+    virtual void setErrorCallback(ErrorCallback callback) = 0;
 };
 
 // The engine over the host's callbacks (velmora/http.h). Opens the host's session: throws `http_callback_not_set` or
-// `http_session_creation_failed`.
+// `http_session_creation_failed`. Whoever drops the last reference gives the session back there: notifications under
+// way are waited for, requests still with the host are cancelled, and what the host reports afterwards is refused.
 [[nodiscard]] std::shared_ptr<TransferEngine> makeTransferEngine();
 
 }  // namespace velmora::transfer

@@ -44,22 +44,35 @@ std::shared_ptr<TransferEngine> makeTransferEngine() {
     if (!session) {
         throw std::system_error(VelmoraError::http_session_creation_failed, "failed to create http session");
     }
-    return std::make_shared<TransferEngineImpl>(session);
+    auto engine = std::make_shared<TransferEngineImpl>(session);
+    TransferEngine* const owned = engine.get();
+    return {owned, [engine = std::move(engine)](TransferEngine*) mutable {
+                exceptionSafeWrapper([&] { engine->end(); });
+                engine.reset();  // now, not with the last of the weak references
+            }};
 }
 
 TransferEngineImpl::TransferEngineImpl(void* session) : session_(session) {
     VELMORA_LOG(trace, "transfer") << "In TransferEngineImpl";
 }
 
-TransferEngineImpl::~TransferEngineImpl() {
-    VELMORA_LOG(trace, "transfer") << "In ~TransferEngineImpl";
+void TransferEngineImpl::end() {
+    VELMORA_LOG_AT(trace, "transfer", "velmora::transfer::TransferEngineImpl::~TransferEngineImpl")
+        << "In ~TransferEngineImpl";
+    Contexts open;
+    {
+        const MutexLock lock(contextsMutex_);
+        open.swap(contexts_);
+    }
+    for (const auto& entry : open) removeHostContext(entry.second->token);
+    waitForNotifications();
+    setErrorCallback(nullptr);
     if (const auto deleteSession = hostCallbacks.deleteSession.load()) {
         deleteSession(session_);
     } else {
         VELMORA_LOG(warn, "transfer") << "http delete session callback not set";
     }
-    for (const auto& entry : contexts_) {
-        removeHostContext(entry.second->token);
+    for (const auto& entry : open) {
         exceptionSafeWrapper([&] { entry.second->responder->onCancellation(); });
     }
 }
@@ -116,12 +129,12 @@ void TransferEngineImpl::reportOutcome(TransferResponder& responder, uint32_t re
 }
 
 void TransferEngineImpl::reportError(std::error_code error, const std::string& message) {
-    std::function<void(std::error_code, const std::string&)> onError;
+    std::shared_ptr<const ErrorCallback> onError;
     {
         const MutexLock lock(errorMutex_);
         onError = onError_;
     }
-    if (onError) onError(error, message);
+    if (onError) (*onError)(error, message);
 }
 
 // Before sendRequest has got to the context, this leaves a mark, and sendRequest lets go of it.
@@ -163,9 +176,14 @@ void TransferEngineImpl::offline() {
     waitFor([&] { return activeSends_ <= (isSending ? waitingSends_.load() : 0); }, "active send calls", 1, kNoTimeout);
 }
 
-void TransferEngineImpl::setErrorCallback(std::function<void(std::error_code, const std::string&)> callback) {
-    const MutexLock lock(errorMutex_);
-    onError_.swap(callback);
+void TransferEngineImpl::setErrorCallback(ErrorCallback callback) {
+    auto exchanged = callback ? std::make_shared<const ErrorCallback>(std::move(callback)) : nullptr;
+    {
+        const MutexLock lock(errorMutex_);
+        onError_.swap(exchanged);
+    }
+    if (!exchanged) return;
+    waitFor([&] { return exchanged.use_count() == 1; }, "error callbacks", 1, kNoTimeout);
 }
 
 }  // namespace velmora::transfer

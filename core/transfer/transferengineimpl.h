@@ -12,13 +12,14 @@
 
 namespace velmora::transfer {
 
-// Held by std::shared_ptr. A request that is still with the host when the engine ends is cancelled; what the host
-// reports afterwards is refused. The host's callbacks are called under no lock and may enter the library again.
+// Made and ended by makeTransferEngine, whose reference is the owner's. A notification holds the engine for a moment as
+// well, but never ends it: the host's callbacks do not come on its own threads. They are called under no lock and may
+// enter the library again.
 class TransferEngineImpl final : public TransferEngine, public std::enable_shared_from_this<TransferEngineImpl> {
 public:
-    // Takes the host's session over; it is given back by the destructor.
+    // Takes the host's session over; end() gives it back.
     explicit TransferEngineImpl(void* session);
-    ~TransferEngineImpl() override;
+    void end();
 
     // Throws `http_callback_not_set`.
     void sendRequest(std::error_code& out, http::Verb verb, const std::string& url,
@@ -30,7 +31,7 @@ public:
     // Called from within a send callback it does not wait for that one.
     void offline() override;
 
-    void setErrorCallback(std::function<void(std::error_code, const std::string&)> callback) override;
+    void setErrorCallback(ErrorCallback callback) override;
 
     [[nodiscard]] void* session() const noexcept { return session_; }
 
@@ -38,6 +39,9 @@ public:
     void complete(HostContext& context, uint32_t result, const std::string& message);
 
 private:
+    // With the host, by request id; ids are the host's, so nothing keeps it from giving one twice.
+    using Contexts = std::multimap<uint32_t, std::shared_ptr<HostContext>>;
+
     void afterSend(const std::shared_ptr<HostContext>& context, uint32_t requestId, bool isAccepted);
     void releaseContext(HostContext& context);
     void releaseContextOf(uint32_t requestId);
@@ -47,11 +51,10 @@ private:
     void* const session_;
 
     Mutex errorMutex_;
-    std::function<void(std::error_code, const std::string&)> onError_ VELMORA_GUARDED_BY(errorMutex_);
+    std::shared_ptr<const ErrorCallback> onError_ VELMORA_GUARDED_BY(errorMutex_);  // held by each call of it, or null
 
     Mutex contextsMutex_;
-    // With the host, by request id; ids are the host's, so nothing keeps it from giving one twice.
-    std::multimap<uint32_t, std::shared_ptr<HostContext>> contexts_ VELMORA_GUARDED_BY(contextsMutex_);
+    Contexts contexts_ VELMORA_GUARDED_BY(contextsMutex_);
 
     std::atomic<bool> online_ = true;         // written by online and offline
     std::atomic<uint32_t> activeSends_ = 0;   // calls of sendRequest; raised before online_ is looked at

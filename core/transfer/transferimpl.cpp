@@ -3,8 +3,10 @@
 #include <algorithm>
 #include <cstring>
 #include <utility>
+#include <vector>
 
 #include "core/types/errors.h"
+#include "core/types/exceptions.h"
 #include "core/types/log.h"
 
 namespace velmora::transfer {
@@ -29,6 +31,7 @@ bool TransferImpl::perform(std::error_code& out) {
     VELMORA_LOG(info, "transfer") << "Perform request=" << id << " scheduled=" << (scheduled ? 1 : 0);
     requestId_ = id;
     scheduled_ = scheduled;
+    if (scheduled && cancelRequested_) exceptionSafeWrapper([&] { cancelAtHost(*engine); });
     return scheduled;
 }
 
@@ -40,7 +43,9 @@ void TransferImpl::cancel() {
     if (const std::shared_ptr<TransferEngine> engine = engine_.lock()) cancelAtHost(*engine);
 }
 
+// By cancel(), or by perform() for a cancel that came while the request was being handed over.
 void TransferImpl::cancelAtHost(TransferEngine& engine) {
+    if (hostAsked_.exchange(true)) return;
     std::error_code rc;
     try {
         engine.cancelRequest(rc, requestId_);
@@ -254,21 +259,21 @@ void TransferImpl::onResponseHeaders(const http::Headers& headers) {
 
 void TransferImpl::onResponseBody(uint64_t offset, const char* data, uint64_t length) {
     guarded([&] {
-        bool isStored = false;
+        std::vector<uint64_t> refused;
         {
             const MutexLock lock(completionMutex_);
-            isStored = responseData_.push(offset, std::string(data, length));
+            responseData_.push(offset, std::string(data, length));
+            deliverBody();
+            refused = responseData_.takeRefused();
         }
-        if (!isStored) {
-            VELMORA_LOG(error, "transfer") << "Failed to add response data at position: " << offset;
+        for (const uint64_t position : refused) {
+            VELMORA_LOG(error, "transfer") << "Failed to add response data at position: " << position;
         }
-        deliverBody();
     });
 }
 
 // Under the lock, so that no chunk overtakes a completion.
 void TransferImpl::deliverBody() {
-    const MutexLock lock(completionMutex_);
     if (!callbacks_.body) return;
     while (true) {
         const uint64_t offset = responseData_.nextOffset();

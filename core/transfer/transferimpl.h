@@ -75,7 +75,7 @@ private:
     void performCancel();
     void cancelAtHost(TransferEngine& engine);
     [[nodiscard]] TransferResponse makeResponse() VELMORA_EXCLUDES(statusMutex_);
-    void deliverBody() VELMORA_EXCLUDES(completionMutex_);
+    void deliverBody() VELMORA_REQUIRES(completionMutex_);
     void doLogMessage(const char* reason) VELMORA_EXCLUDES(statusMutex_);
 
     const std::weak_ptr<TransferEngine> engine_;
@@ -83,6 +83,7 @@ private:
     std::atomic<uint32_t> requestId_ = 0;        // given by the host; written by perform, read by log lines
     std::atomic<bool> cancelRequested_ = false;  // the first cancel() is found by exchanging it
     std::atomic<bool> scheduled_ = false;        // the host has accepted the request; written by perform alone
+    std::atomic<bool> hostAsked_ = false;        // to cancel; whoever exchanges it does the asking
 
     Mutex completionMutex_;  // the two mutexes are never held together
     bool completed_ VELMORA_GUARDED_BY(completionMutex_) = false;

@@ -12,7 +12,10 @@
  * the host, and the host limits how long an exchange may take: the library never times one out.
  *
  * Notifications may come from any thread, at the same time for different requests. They return 0, also for a context
- * that is refused; 1 for a failure inside the library. */
+ * that is refused; 1 for a failure inside the library.
+ *
+ * Callbacks run without the library's locks and may call in. A velmora_ingest_ function called for an instance that is
+ * just being stopped answers 14. One combination hangs: see velmora_ingest_flush. */
 #pragma once
 
 #include "velmora/export.h"
@@ -39,7 +42,8 @@ enum velmora_http_verb { VELMORA_HTTP_POST = 1, VELMORA_HTTP_GET = 2 };
 /* Makes the host's session, once per process. Null means failure. */
 typedef void* (*velmora_http_new_session_callback)(void);
 
-/* Ends the session; the last HTTP call of the library. */
+/* Ends the session: the last HTTP call of the library, on the thread that ends the process or unloads the library. No
+ * notification is under way then. */
 typedef void (*velmora_http_delete_session_callback)(void* session);
 
 /* Starts a request and returns without waiting for its end.

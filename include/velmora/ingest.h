@@ -30,8 +30,10 @@ VELMORA_API int32_t velmora_ingest_start(const char* config, const char* commonD
                                          velmora_ingest_error_callback errorCallback,
                                          velmora_ingest_instance* pInstance);
 
-/* Stops an instance and waits until it is gone. Events not yet delivered stay on disk for the next start.
- * Errors: 4 null handle, 14 not alive. */
+/* Stops an instance and waits until it is gone. Calls on the instance that are under way end first; from then on its
+ * handle is answered with 14, and other instances go on as usual. Events not yet delivered stay on disk for the next
+ * start. A start of the same config before the stop is through works in a new folder and adopts the old one later.
+ * Errors: 4 null handle, 14 not alive, or being stopped already. */
 VELMORA_API int32_t velmora_ingest_stop(velmora_ingest_instance instance);
 
 /* The same; with a callback it returns at once, and the result, code 14 included, arrives in the callback alone. */
@@ -66,7 +68,8 @@ VELMORA_API int32_t velmora_ingest_submitAnonEvent(velmora_ingest_instance insta
 
 /* Delivers what is queued now, without waiting for full batches. With a callback it returns at once and the result
  * arrives there; without one it returns when all is delivered or a batch has failed. Not to be called synchronously
- * from a completion callback.
+ * from a completion callback. While a flush without a callback runs, starts and stops on other threads wait for it, and
+ * calls of velmora_ingest_ functions wait for them: where that can be, the HTTP callbacks must not make such calls.
  * Errors: 4, 14, 18 sending is off or a retry waits while events are queued, 7 or 8 the HTTP callbacks are missing or
  * failed, 1 a batch could not be delivered (its events stay queued). */
 VELMORA_API int32_t velmora_ingest_flush(velmora_ingest_instance instance,

@@ -79,7 +79,8 @@ enum velmora_config_key {
 };
 
 /* Sets one value. The text is taken as JSON if it is JSON, else as a string. A session setting acts at once; a running
- * instance sees a changed setting at its next refresh, a fresh instance at its start.
+ * instance sees a changed setting at its next refresh, a fresh instance at its start. A value of the wrong type, and a
+ * 0 for a rotation size, a batch size or the interval of something that repeats, is logged and ignored.
  *   configGuid  the configuration; null is allowed and, for keys above 14, has no effect
  * Errors: 4 null or empty value, unknown key. */
 VELMORA_API int32_t velmora_setConfig(const char* configGuid, int32_t key, const char* value);

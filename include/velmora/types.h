@@ -80,16 +80,16 @@ typedef struct velmora_ingest_instance_s* velmora_ingest_instance;
  *   result    a velmora_result
  *   userData  what the host passed in
  * Runs on a pool thread of the library, and without its locks. It must not stop or flush the same instance
- * synchronously, and must not call a velmora_ingest_ function while another thread may be stopping the instance: the
- * stop waits for the callback, and such a call waits for the stop. */
+ * synchronously. */
 typedef void (*velmora_ingest_completion_callback)(velmora_ingest_instance instance, int32_t result, void* userData);
 
 /* Reports a failure that belongs to no call, such as a refused access token: codes 5, 19, 20 and 21. Runs on a pool
- * thread of the library; it must return soon, and the rules of the completion callback hold for it, too. */
+ * thread of the library; it must return soon, and the rule of the completion callback holds for it, too. */
 typedef void (*velmora_ingest_error_callback)(int32_t error);
 
 /* Receives one log line, without a line end, on whichever thread logs; calls may overlap. The strings live as long as
- * the call. The callback must not call into the library. */
+ * the call. Unlike the other callbacks it may run while the library holds locks: it must not call into the library,
+ * and must not wait for a thread that is inside the library. */
 typedef void (*velmora_log_callback)(int32_t level, const char* channel, const char* line);
 
 #ifdef __cplusplus

@@ -35,4 +35,8 @@ template <typename... Parts>
     throw std::system_error(code);
 }
 
+inline void requireText(const char* text, const char* function, const char* message) {
+    if (text == nullptr || *text == '\0') refuse(VelmoraError::invalid_argument, function, message, shown(text));
+}
+
 }  // namespace velmora

@@ -7,6 +7,7 @@
 
 using velmora::IngestInstance;
 using velmora::refuse;
+using velmora::requireText;
 using velmora::runEntry;
 using velmora::Session;
 using velmora::shown;
@@ -20,10 +21,6 @@ const void* address(velmora_ingest_instance handle) { return handle; }
 
 void requireInstance(velmora_ingest_instance handle, const char* function, const char* message) {
     if (handle == nullptr) refuse(VelmoraError::invalid_argument, function, message, address(handle));
-}
-
-void requireText(const char* text, const char* function, const char* message) {
-    if (text == nullptr || *text == '\0') refuse(VelmoraError::invalid_argument, function, message, shown(text));
 }
 
 void stop(velmora_ingest_instance instance, velmora_ingest_completion_callback callback, void* userData) {

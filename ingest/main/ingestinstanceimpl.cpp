@@ -115,8 +115,8 @@ OrphanCallbacks IngestInstanceImpl::orphanCallbacks() {
 }
 
 void IngestInstanceImpl::connectLines() {
+    preset_.setCommonAttributes(commonData_);  // refuses what would need escaping
     if (sourceType_ == SourceType::host) session_.setCommonData(commonData_);
-    preset_.setCommonAttributes(commonData_);
     preset_.setSessionGuid(session_.getSessionGuid());
     preset_.setLorneProfile(session_.getLorneProfile());
     const OrphanCallbacks callbacks = orphanCallbacks();

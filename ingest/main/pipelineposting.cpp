@@ -1,14 +1,12 @@
 // The part of a line that begins where a batch's request has been formed: posting, judging the response, retry, and
 // giving up.
 
-#include <algorithm>
 #include <utility>
 
 #include "core/http/responder.h"
 #include "core/types/errors.h"
 #include "core/types/exceptions.h"
 #include "core/types/log.h"
-#include "core/utils/durations.h"
 #include "ingest/main/pipeline.h"
 #include "service/config/sessionconfig.h"
 
@@ -99,10 +97,9 @@ bool Pipeline::doRetry(const http::Response& response) {
 }
 
 bool Pipeline::armRetry(std::chrono::milliseconds delay, uint32_t attempt) {
-    const uint64_t wait = service::config::session::retryWait(
-        session_.getRetryIntervals(), static_cast<uint64_t>(std::max<int64_t>(delay.count(), 0)), attempt);
-    VELMORA_LOG(info, "pipeline") << "Will retry request after " << wait << " milliseconds";
-    timer_.schedule(toMilliseconds(wait), Task([this, exchange = lastExchange_] { onRetryTimeout(exchange); }));
+    const auto wait = service::config::session::retryWait(session_.getRetryIntervals(), delay, attempt);
+    VELMORA_LOG(info, "pipeline") << "Will retry request after " << wait.count() << " milliseconds";
+    timer_.schedule(wait, Task([this, exchange = lastExchange_] { onRetryTimeout(exchange); }));
     return true;
 }
 

@@ -1,5 +1,7 @@
 #include "ingest/session/globalconfig.h"
 
+#include <memory>
+#include <utility>
 #include <vector>
 
 #include "core/json/validjson.h"
@@ -13,11 +15,29 @@ using Config = service::config::session::Config;
 
 constexpr char kLogLevelVariable[] = "VELMORA_CONFIG_RESERVED_LOG_LEVEL";
 
-Mutex globalConfigMutex;  // stands alone; held for a copy or an overwrite
+using SharedConfig = std::shared_ptr<const Config>;
 
-Config& globalConfig() VELMORA_REQUIRES(globalConfigMutex) {
-    static auto& config = *new Config;  // outlives the session, whose end still reads it
+Mutex globalConfigMutex;  // stands alone; held for a look or an exchange
+
+SharedConfig& globalConfig() VELMORA_REQUIRES(globalConfigMutex) {
+    static auto& config = *new SharedConfig(std::make_shared<Config>());  // outlives the session, whose end reads it
     return config;
+}
+
+SharedConfig presentConfig() {
+    const MutexLock lock(globalConfigMutex);
+    return globalConfig();
+}
+
+// On a copy and without the mutex, since the parser logs; once more if another change has come between.
+SharedConfig overwrite(const std::string& document) {
+    while (true) {
+        const SharedConfig before = presentConfig();
+        auto after = std::make_shared<Config>(*before);
+        after->overwriteWith(document);
+        const MutexLock lock(globalConfigMutex);
+        if (globalConfig() == before) return globalConfig() = std::move(after);
+    }
 }
 
 std::vector<std::string> splitPath(const std::string& path) {
@@ -60,16 +80,10 @@ std::string jsonFromPath(const std::string& path, const std::string& value) {
 
 Config getGlobalConfig() {
     std::string level;
-    const bool overridden = getEnvironmentVariable(kLogLevelVariable, level) && !level.empty();
-    const std::string document = overridden ? jsonFromPath("reserved.log.level", level) : std::string();
-    const MutexLock lock(globalConfigMutex);
-    if (overridden) globalConfig().overwriteWith(document);
-    return globalConfig();
+    const bool isOverridden = getEnvironmentVariable(kLogLevelVariable, level) && !level.empty();
+    return isOverridden ? *overwrite(jsonFromPath("reserved.log.level", level)) : *presentConfig();
 }
 
-void overwriteGlobalConfig(const std::string& json) {
-    const MutexLock lock(globalConfigMutex);
-    globalConfig().overwriteWith(json);
-}
+void overwriteGlobalConfig(const std::string& json) { static_cast<void>(overwrite(json)); }
 
 }  // namespace velmora

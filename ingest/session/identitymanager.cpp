@@ -7,7 +7,6 @@
 #include "core/types/errors.h"
 #include "core/types/exceptions.h"
 #include "core/types/log.h"
-#include "core/utils/durations.h"
 #include "core/utils/strings.h"
 
 namespace velmora {
@@ -33,11 +32,11 @@ IdentityManager::IdentityManager(SerialTaskEngine& engine, const SessionConfigPr
     : engine_(engine), config_(config), transferEngine_(std::move(transferEngine)) {}
 
 IdentityManager::~IdentityManager() {
-    exceptionSafeWrapper([this] { reset(""); });
+    exceptionSafeWrapper([this] { static_cast<void>(reset("")); });
 }
 
-void IdentityManager::reset(std::string token) {
-    std::shared_ptr<transfer::RequestHandle> dropped[2];
+IdentityManager::Handles IdentityManager::reset(std::string token) {
+    Handles dropped;
     const MutexLock lock(mutex_);
     accessToken_ = std::move(token);
     size_t i = 0;
@@ -50,11 +49,11 @@ void IdentityManager::reset(std::string token) {
     profile_.reset();
     trackingFlag_.reset();
     trackingBody_.clear();
-    // `dropped` was declared before the lock, so its handles go, and perhaps call the host, after the lock's end.
+    return dropped;
 }
 
 void IdentityManager::setAccessToken(std::string token) {
-    reset(std::move(token));
+    const Handles dropped = reset(std::move(token));  // end after the call: they may wait for the host
     callbacks_.onProfile(nullptr);
 }
 
@@ -66,19 +65,24 @@ bool IdentityManager::hasAccessToken() const {
 std::error_code IdentityManager::fetchInfo(bool skipSelby, Environment environment) {
     VELMORA_LOG(info, "identitymanager") << "fetch info for environment=" << environmentToString(environment)
                                          << " skip_selby=" << skipSelby;
-    const MutexLock lock(mutex_);
-    if (accessToken_.empty()) return std::make_error_code(std::errc::operation_not_supported);
-    if (!environmentKnown_) {
-        environment_ = environment;
-        environmentKnown_ = true;
+    bool waitsForRetry = false;
+    bool known = false;
+    {
+        const MutexLock lock(mutex_);
+        if (accessToken_.empty()) return std::make_error_code(std::errc::operation_not_supported);
+        if (!environmentKnown_) {
+            environment_ = environment;
+            environmentKnown_ = true;
+        }
+        waitsForRetry = profileRequest_.retry || trackingRequest_.retry;
+        known = profile_ && (skipSelby || trackingFlag_);
     }
-    if (profileRequest_.retry || trackingRequest_.retry) {
+    if (waitsForRetry) {
         VELMORA_LOG(info, "identitymanager") << "retry request has been scheduled";
         return std::make_error_code(std::errc::operation_in_progress);
     }
-    scheduleRequest(Service::profile, false);
-    if (!skipSelby) scheduleRequest(Service::trackingFlag, false);
-    const bool known = profile_ && (skipSelby || trackingFlag_);
+    scheduleRequest(Service::profile, std::nullopt);
+    if (!skipSelby) scheduleRequest(Service::trackingFlag, std::nullopt);
     return known ? std::error_code() : std::make_error_code(std::errc::operation_in_progress);
 }
 
@@ -115,48 +119,49 @@ bool IdentityManager::isKnown(Service service) const {
     return service == Service::profile ? profile_ != nullptr : trackingFlag_ != nullptr;
 }
 
-void IdentityManager::scheduleRequest(Service service, bool isRetry) {
-    engine_.schedule(Task([this, service, isRetry] { doRequest(service, isRetry); }));
+void IdentityManager::scheduleRequest(Service service, Exchange retried) {
+    engine_.schedule(Task([this, service, retried] { doRequest(service, retried); }));
 }
 
-void IdentityManager::doRequest(Service service, bool isRetry) {
-    Start start;
-    if (beginRequest(service, isRetry, start)) send(service, std::move(start));
+void IdentityManager::doRequest(Service service, Exchange retried) {
+    if (std::optional<Start> start = beginRequest(service, retried)) send(service, std::move(*start));
 }
 
-bool IdentityManager::beginRequest(Service service, bool isRetry, Start& start) {
+std::optional<IdentityManager::Start> IdentityManager::beginRequest(Service service, Exchange retried) {
     const auto endpoints = config_.read([service](const auto& config) {
         return service == Service::profile ? config.identityEndpoints : config.permissionEndpoints;
     });
     const MutexLock lock(mutex_);
     Request& request = requestOf(service);
-    const bool waitsForRetry = request.retry && !isRetry;
-    if (accessToken_.empty() || isKnown(service) || request.inFlight || waitsForRetry) return false;
+    if (accessToken_.empty() || isKnown(service) || request.inFlight) return std::nullopt;
+    // A retry is for the failure that armed it, and nothing else goes out while one waits.
+    const bool isDue = retried ? request.retry && request.exchange == *retried : !request.retry;
+    if (!isDue) return std::nullopt;
     const std::string base = baseUrl(endpoints, environment_);
-    start.request = service == Service::profile ? service::oswin::makeProfileRequest(base, accessToken_)
-                                                : service::selby::makeTrackingFlagRequest(base, accessToken_);
-    start.exchange = ++request.exchange;
+    Start start{service == Service::profile ? service::oswin::makeProfileRequest(base, accessToken_)
+                                            : service::selby::makeTrackingFlagRequest(base, accessToken_),
+                ++request.exchange};
     request.inFlight = true;
-    return true;
+    return start;
 }
 
 IdentityManager::Responder IdentityManager::makeResponder(Service service, uint64_t exchange) {
-    // Answers go home to the engine: they come on threads of the host.
     if (service == Service::profile) {
-        const auto answer = [this, exchange](const Profile& profile, const http::Response& response,
-                                             const std::error_code& error) {
-            engine_.schedule(Task([=, this] { onProfileAnswer(exchange, profile, response, error); }));
-        };
-        return std::make_shared<http::JsonResponder<Profile, service::oswin::ProfileParser>>(
-            [answer](const Profile& profile, const http::Response& response) { answer(profile, response, {}); },
-            [answer](std::error_code error, const http::Response& response) { answer({}, response, error); });
+        return makeResponder<Profile, service::oswin::ProfileParser>(exchange, &IdentityManager::onProfileAnswer);
     }
-    const auto answer = [this, exchange](const TrackingFlag& flag, const http::Response& response,
-                                         const std::error_code& error) {
-        engine_.schedule(Task([=, this] { onTrackingAnswer(exchange, flag, response, error); }));
+    return makeResponder<TrackingFlag, service::selby::TrackingFlagParser>(exchange,
+                                                                           &IdentityManager::onTrackingAnswer);
+}
+
+// Answers go home to the engine: they come on threads of the host.
+template <typename Record, typename Parser, typename OnAnswer>
+IdentityManager::Responder IdentityManager::makeResponder(uint64_t exchange, OnAnswer onAnswer) {
+    const auto answer = [this, exchange, onAnswer](const Record& record, const http::Response& response,
+                                                   const std::error_code& error) {
+        engine_.schedule(Task([=, this] { (this->*onAnswer)(exchange, record, response, error); }));
     };
-    return std::make_shared<http::JsonResponder<TrackingFlag, service::selby::TrackingFlagParser>>(
-        [answer](const TrackingFlag& flag, const http::Response& response) { answer(flag, response, {}); },
+    return std::make_shared<http::JsonResponder<Record, Parser>>(
+        [answer](const Record& record, const http::Response& response) { answer(record, response, {}); },
         [answer](std::error_code error, const http::Response& response) { answer({}, response, error); });
 }
 
@@ -243,9 +248,8 @@ bool IdentityManager::checkAndSetupRetry(const http::Response& response, Service
     if (!handler) {
         handler = std::make_unique<http::RetryHandler>(
             static_cast<uint32_t>(intervals.size()), std::chrono::milliseconds(0),
-            [this, service, intervals](std::chrono::milliseconds delay, uint32_t attempt) {
-                return armRetry(service, intervals, delay, attempt);
-            });
+            [this, service, intervals](std::chrono::milliseconds delay, uint32_t attempt)
+                VELMORA_REQUIRES(mutex_) { return armRetry(service, intervals, delay, attempt); });
     }
     if (response.error && !http::isHttpError(response.error)) {
         VELMORA_LOG(info, "identitymanager") << "add retriable error=" << toString(response.error);
@@ -261,16 +265,16 @@ bool IdentityManager::checkAndSetupRetry(const http::Response& response, Service
 
 bool IdentityManager::armRetry(Service service, const std::vector<uint64_t>& intervals, std::chrono::milliseconds delay,
                                uint32_t attempt) {
-    const uint64_t wait = service::config::session::retryWait(
-        intervals, static_cast<uint64_t>(std::max<int64_t>(delay.count(), 0)), attempt);
-    VELMORA_LOG(info, "identitymanager") << "will retry request after " << wait << " milliseconds";
-    engine_.schedule(toMilliseconds(wait), Task([this, service] { doRetry(service); }));
+    const auto wait = service::config::session::retryWait(intervals, delay, attempt);
+    VELMORA_LOG(info, "identitymanager") << "will retry request after " << wait.count() << " milliseconds";
+    const uint64_t exchange = requestOf(service).exchange;
+    engine_.schedule(wait, Task([this, service, exchange] { doRetry(service, exchange); }));
     return true;
 }
 
-void IdentityManager::doRetry(Service service) {
+void IdentityManager::doRetry(Service service, uint64_t exchange) {
     VELMORA_LOG(info, "identitymanager") << "time to retry request";
-    scheduleRequest(service, true);
+    scheduleRequest(service, exchange);
 }
 
 std::vector<uint64_t> IdentityManager::retryIntervals() const {

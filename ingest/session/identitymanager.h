@@ -5,9 +5,11 @@
 // callback runs under the mutex, and transfers are dropped outside it, since that may call the host.
 #pragma once
 
+#include <array>
 #include <cstdint>
 #include <functional>
 #include <memory>
+#include <optional>
 #include <string>
 #include <system_error>
 
@@ -24,6 +26,7 @@
 
 namespace velmora {
 
+// Of two calls from two threads either may come first: profile() tells what holds.
 struct IdentityCallbacks {
     std::function<void(std::shared_ptr<service::oswin::Profile>)> onProfile;  // empty when the user changes
     std::function<void()> onChange;                                           // a profile or flag has arrived
@@ -42,7 +45,8 @@ public:
     // Before any request.
     void setCallbacks(IdentityCallbacks callbacks) { callbacks_ = std::move(callbacks); }
 
-    // Forgets the user, cancels what is under way for them, and tells onProfile. Starts no request.
+    // Forgets the user, tells onProfile, and then cancels what was under way for them: it returns when that has ended,
+    // which may be up to the host. Starts no request.
     void setAccessToken(std::string token);
     [[nodiscard]] bool hasAccessToken() const;
 
@@ -75,17 +79,25 @@ private:
         uint64_t exchange;
     };
 
+    using Exchange = std::optional<uint64_t>;
+    using Handles = std::array<std::shared_ptr<transfer::RequestHandle>, 2>;
+
     using Profile = service::oswin::Profile;
     using TrackingFlag = service::selby::TrackingFlag;
     using Responder = std::shared_ptr<http::Responder>;
 
-    void reset(std::string token);
+    // What was under way for the old user comes back to be dropped: that may call the host, and wait for it.
+    [[nodiscard]] Handles reset(std::string token);
     Request& requestOf(Service service) VELMORA_REQUIRES(mutex_);
-    void scheduleRequest(Service service, bool isRetry);
-    void doRequest(Service service, bool isRetry);
-    bool beginRequest(Service service, bool isRetry, Start& start);
+
+    // `retried` is the exchange whose failure made this a retry, or empty.
+    void scheduleRequest(Service service, Exchange retried);
+    void doRequest(Service service, Exchange retried);
+    std::optional<Start> beginRequest(Service service, Exchange retried);
     bool isKnown(Service service) const VELMORA_REQUIRES(mutex_);
     Responder makeResponder(Service service, uint64_t exchange);
+    template <typename Record, typename Parser, typename OnAnswer>
+    Responder makeResponder(uint64_t exchange, OnAnswer onAnswer);
     void send(Service service, Start start);
     void failAtOnce(Service service, uint64_t exchange, const std::error_code& error);
 
@@ -98,8 +110,8 @@ private:
     bool checkAndSetupRetry(const http::Response& response, Service service,
                             const std::vector<uint64_t>& retryIntervals) VELMORA_REQUIRES(mutex_);
     bool armRetry(Service service, const std::vector<uint64_t>& intervals, std::chrono::milliseconds delay,
-                  uint32_t attempt);
-    void doRetry(Service service);
+                  uint32_t attempt) VELMORA_REQUIRES(mutex_);
+    void doRetry(Service service, uint64_t exchange);
     std::vector<uint64_t> retryIntervals() const;
 
     SerialTaskEngine& engine_;

@@ -14,6 +14,7 @@
 #include "core/utils/durations.h"
 #include "core/utils/scopeexit.h"
 #include "core/utils/strings.h"
+#include "core/utils/waitfor.h"
 #include "ingest/event/eventmodel.h"
 #include "ingest/event/eventpreset.h"
 #include "ingest/session/globalconfig.h"
@@ -22,6 +23,7 @@ namespace velmora {
 namespace {
 
 std::atomic<Session*> currentSession = nullptr;  // set by the session's constructor, cleared by its destructor
+std::atomic<bool> sessionEnded = false;          // set before the session's destructor, and read for ever after
 
 }  // namespace
 
@@ -31,7 +33,9 @@ class Session::SessionOwner {
 public:
     SessionOwner() : session_((bringUpWhatOutlivesIt(), new Session)) {}
     ~SessionOwner() {
-        if (platform::canAwaitPools()) delete session_;
+        if (!platform::canAwaitPools()) return;
+        sessionEnded = true;
+        delete session_;
     }
     SessionOwner(const SessionOwner&) = delete;
     SessionOwner& operator=(const SessionOwner&) = delete;
@@ -53,6 +57,7 @@ private:
 };
 
 Session& Session::getInstance() {
+    if (sessionEnded) throw std::system_error(VelmoraError::unknown, "the session has ended");
     static const SessionOwner owner;
     return owner.session();
 }
@@ -78,6 +83,7 @@ Session::Session()
     connect();
     configProvider_->start();
     currentSession = this;
+    adoptGlobalConfig();  // what was set between the first fetch and this moment has found no session
 }
 
 // Fails where the system names no temporary folder; there is no log then.
@@ -92,7 +98,7 @@ void Session::connect() {
     networkMonitor_->setCallback([this](NetworkState state) { onNetworkStateChange(state); });
     onConfigUpdated();
     identityManager_.setCallbacks({
-        [this](std::shared_ptr<service::oswin::Profile> profile) { scheduleProfile(std::move(profile)); },
+        [this](const std::shared_ptr<service::oswin::Profile>&) { scheduleProfile(); },
         [this] { scheduleStateUpdate(); },
         [this](MetaEvent event) { scheduleMetaEvent(std::move(event)); },
         [this](int32_t code) { scheduleError(code); },
@@ -105,6 +111,11 @@ Session::~Session() {
         configProvider_->stop();
         networkMonitor_->stop();
         stop();
+        configProvider_->stop();  // again: settings that were just being adopted have restarted it
+    });
+    exceptionSafeWrapper([this] { stopInstances(); });
+    exceptionSafeWrapper([this] {
+        if (const auto engine = presentTransferEngine()) engine->setErrorCallback(nullptr);
     });
 }
 
@@ -139,7 +150,7 @@ void Session::startIngest(const std::string& configGuid, const std::string& comm
         *out = instance.get();
         instances_.emplace(configGuid, std::move(instance));
     }
-    if (auto profile = identityManager_.profile()) scheduleProfile(std::move(profile));
+    scheduleProfile();
 }
 
 void Session::stopIngest(IngestInstance* instance, velmora_ingest_completion_callback callback, void* userData) {
@@ -156,19 +167,43 @@ void Session::stopIngest(IngestInstance* instance, velmora_ingest_completion_cal
 
 std::error_code Session::stopBody(IngestInstance* instance) noexcept {
     try {
+        ++stopsUnderWay_;
+        const ScopeExit done([this] { --stopsUnderWay_; });
         VELMORA_LOG_SCOPE_AT(info, "session", "velmora::Session::stopIngest", "stop task");
-        const std::unique_lock<SharedMutex> lock(instancesLock_);
-        if (!hasIngestInstance(instance)) return VelmoraError::ingest_instance_not_found;
-        instances_.erase(instance->getConfigGuid());
-        return {};
+        const std::shared_ptr<IngestInstance> stopped = takeInstance(instance);
+        return stopped ? std::error_code() : VelmoraError::ingest_instance_not_found;
     } catch (...) {
         return currentExceptionToErrorCode("session", "velmora::Session::stopIngest");
     }
 }
 
+// Waits out all calls on the instance; what comes later does not find it.
+std::shared_ptr<IngestInstance> Session::takeInstance(const IngestInstance* instance) {
+    const std::unique_lock<SharedMutex> lock(instancesLock_);
+    const auto found = findInstance(instance);
+    if (found == instances_.end()) return nullptr;
+    std::shared_ptr<IngestInstance> taken = found->second;
+    instances_.erase(found);
+    return taken;
+}
+
+void Session::stopInstances() {
+    Instances running;
+    {
+        const std::unique_lock<SharedMutex> lock(instancesLock_);
+        running.swap(instances_);
+    }
+    running.clear();
+    waitFor([this] { return stopsUnderWay_ == 0; }, "stops under way", 1, kNoTimeout);
+}
+
 bool Session::hasIngestInstance(const IngestInstance* instance) const {
-    return std::any_of(instances_.begin(), instances_.end(),
-                       [instance](const auto& entry) { return entry.second.get() == instance; });
+    return findInstance(instance) != instances_.end();
+}
+
+Session::Instances::const_iterator Session::findInstance(const IngestInstance* instance) const {
+    return std::find_if(instances_.begin(), instances_.end(),
+                        [instance](const auto& entry) { return entry.second.get() == instance; });
 }
 
 void Session::goOnline() { setOnline(true); }
@@ -182,15 +217,27 @@ void Session::setOnline(bool online) {
     } else {
         networkMonitor_->stop();
     }
-    std::shared_ptr<transfer::TransferEngine> engine;
-    {
-        const MutexLock lock(dataMutex_);
-        engine = transferEngine_;
-    }
-    // Without the lock: going offline waits for send callbacks, and those may enter the library.
-    if (engine && online) engine->online();
-    if (engine && !online) engine->offline();
+    if (const auto engine = presentTransferEngine()) tellOnline(*engine);
     scheduleStateUpdate();
+}
+
+// Without a lock: going offline waits for send callbacks, and those may enter the library. So somebody else may tell
+// the engine at the same time; whoever is the last to tell it sees whether it was the truth.
+void Session::tellOnline(transfer::TransferEngine& engine) {
+    bool told = false;
+    do {
+        told = online_;
+        if (told) {
+            engine.online();
+        } else {
+            engine.offline();
+        }
+    } while (told != online_);
+}
+
+std::shared_ptr<transfer::TransferEngine> Session::presentTransferEngine() {
+    const MutexLock lock(dataMutex_);
+    return transferEngine_;
 }
 
 std::shared_ptr<transfer::TransferEngine> Session::getTransferEngine() {
@@ -207,21 +254,20 @@ std::shared_ptr<transfer::TransferEngine> Session::getTransferEngine() {
 std::shared_ptr<transfer::TransferEngine> Session::createTransferEngine() {
     // The host makes its session here, so without the lock; others wait for the outcome meanwhile.
     std::shared_ptr<transfer::TransferEngine> engine;
-    const ScopeExit publish([&] {
-        const MutexLock lock(dataMutex_);
-        transferEngine_ = engine;
-        engineState_ = engine ? EngineState::ready : EngineState::none;
-        engineCreated_.notifyAll();
-    });
-    auto created = transfer::makeTransferEngine();
-    created->setErrorCallback(
-        [this](std::error_code, const std::string&) { schedule(Task([this] { networkMonitor_->poll(); })); });
-    if (online_) {
-        created->online();
-    } else {
-        created->offline();
+    {
+        const ScopeExit publish([&] {
+            const MutexLock lock(dataMutex_);
+            transferEngine_ = engine;
+            engineState_ = engine ? EngineState::ready : EngineState::none;
+            engineCreated_.notifyAll();
+        });
+        auto created = transfer::makeTransferEngine();
+        created->setErrorCallback(
+            [this](std::error_code, const std::string&) { schedule(Task([this] { networkMonitor_->poll(); })); });
+        tellOnline(*created);  // before anybody sends
+        engine = std::move(created);
     }
-    engine = created;
+    tellOnline(*engine);  // of a change that came before there was an engine to be told
     return engine;
 }
 
@@ -286,28 +332,44 @@ Session::StringMap Session::getLorneProfile() {
 }
 
 Session::IngestConfig Session::getIngestConfig(const std::string& configGuid) {
-    const MutexLock lock(dataMutex_);
-    const auto found = ingestConfigs_.find(configGuid);
-    return found == ingestConfigs_.end() ? IngestConfig() : found->second;
+    const std::shared_ptr<const IngestConfig> found = findIngestConfig(configGuid);
+    return found ? *found : IngestConfig();
 }
 
-Session::IngestConfig& Session::ingestConfig(const std::string& configGuid) { return ingestConfigs_[configGuid]; }
+std::shared_ptr<const Session::IngestConfig> Session::findIngestConfig(const std::string& configGuid) {
+    const MutexLock lock(dataMutex_);
+    const auto found = ingestConfigs_.find(configGuid);
+    return found == ingestConfigs_.end() ? nullptr : found->second;
+}
+
+// On a copy and without the lock, since a parser logs; once more if another change has come between.
+void Session::changeIngestConfig(const std::string& configGuid, const std::function<void(IngestConfig&)>& change) {
+    bool isInForce = false;
+    while (!isInForce) {
+        const std::shared_ptr<const IngestConfig> before = findIngestConfig(configGuid);
+        auto after = std::make_shared<IngestConfig>(before ? *before : IngestConfig());
+        change(*after);
+        const MutexLock lock(dataMutex_);
+        std::shared_ptr<const IngestConfig>& present = ingestConfigs_[configGuid];
+        isInForce = present == before;
+        if (isInForce) present = std::move(after);
+    }
+}
 
 void Session::setIngestConfig(const std::string& configGuid, const IngestConfig& setup) {
-    const MutexLock lock(dataMutex_);
-    IngestConfig& config = ingestConfig(configGuid);
-    config.project = setup.project;
-    config.apiKey = setup.apiKey;
-    config.environment = setup.environment;
-    config.sourceType = setup.sourceType;
-    config.sourceCategory = setup.sourceCategory;
-    config.consent = setup.consent;
+    changeIngestConfig(configGuid, [&](IngestConfig& config) {
+        config.project = setup.project;
+        config.apiKey = setup.apiKey;
+        config.environment = setup.environment;
+        config.sourceType = setup.sourceType;
+        config.sourceCategory = setup.sourceCategory;
+        config.consent = setup.consent;
+    });
 }
 
 void Session::setConfigValue(const std::string& configGuid, const std::string& path, const std::string& value) {
     const std::string document = jsonFromPath(path, value);
-    const MutexLock lock(dataMutex_);
-    ingestConfig(configGuid).overwriteWith(document);
+    changeIngestConfig(configGuid, [&](IngestConfig& config) { config.overwriteWith(document); });
 }
 
 void Session::forEachInstance(const std::function<void(IngestInstance&)>& visit) {
@@ -319,8 +381,10 @@ void Session::scheduleStateUpdate() {
     schedule(Task([this] { forEachInstance([](IngestInstance& instance) { instance.updateState(); }); }));
 }
 
-void Session::scheduleProfile(std::shared_ptr<service::oswin::Profile> profile) {
-    schedule(Task([this, profile = std::move(profile)] {
+// The profile of the moment in which the task runs: the user may have changed since.
+void Session::scheduleProfile() {
+    schedule(Task([this] {
+        const std::shared_ptr<service::oswin::Profile> profile = identityManager_.profile();
         forEachInstance([&](IngestInstance& instance) { instance.setProfile(profile); });
     }));
 }

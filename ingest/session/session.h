@@ -2,9 +2,10 @@
 // state, and fans out to them what the host says. It comes up at the first use and ends with the process; instances
 // that the host has not stopped stop there.
 //
-// Lock order, outermost first: the table of instances (shared for each call on an instance, exclusive for start and
-// stop), then the session's data, then an instance's own. Nothing calls the host with the data mutex held. The serial
-// engine puts all fan-out tasks in order, so that an instance sees its updates in the order of their causes.
+// Lock order, outermost first: the table of instances (shared for each call on an instance, exclusive for a start and
+// for the moment in which a stop takes its instance out), then the session's data, then an instance's own. Nothing
+// calls the host with the data mutex or the exclusive lock held. The serial engine puts all fan-out tasks in order, so
+// that an instance sees its updates in the order of their causes.
 #pragma once
 
 #include <atomic>
@@ -29,6 +30,7 @@ namespace velmora {
 
 class Session final : private SerialTaskEngine, public SessionView {
 public:
+    // Brings the singleton up. Throws `unknown` once it has ended with the process.
     static Session& getInstance();
 
     // The singleton if it exists, else null.
@@ -39,8 +41,9 @@ public:
 
     ~Session() override;
 
-    // The instances. A second start with a guid gives the running instance. stopIngest throws
-    // `ingest_instance_not_found`, or reports it in the callback.
+    // The instances. A second start with a guid gives the running instance. A stop takes the instance out of the table
+    // and ends it without the lock, so that callbacks of the host may call in meanwhile; it returns, or reports, when
+    // the instance is gone. stopIngest throws `ingest_instance_not_found`, or reports it in the callback.
     void startIngest(const std::string& configGuid, const std::string& commonData,
                      velmora_ingest_error_callback errorCallback, IngestInstance** out);
     void stopIngest(IngestInstance* instance, velmora_ingest_completion_callback callback, void* userData);
@@ -97,13 +100,20 @@ private:
     void installDefaultLogger();
     void connect();
     std::error_code stopBody(IngestInstance* instance) noexcept;
+    Instances::const_iterator findInstance(const IngestInstance* instance) const;
+    std::shared_ptr<IngestInstance> takeInstance(const IngestInstance* instance);
+    void stopInstances();
     void setOnline(bool online);
+    void tellOnline(transfer::TransferEngine& engine);
+    std::shared_ptr<transfer::TransferEngine> presentTransferEngine() VELMORA_EXCLUDES(dataMutex_);
     std::shared_ptr<transfer::TransferEngine> createTransferEngine();
-    IngestConfig& ingestConfig(const std::string& configGuid) VELMORA_REQUIRES(dataMutex_);
+    std::shared_ptr<const IngestConfig> findIngestConfig(const std::string& configGuid) VELMORA_EXCLUDES(dataMutex_);
+    void changeIngestConfig(const std::string& configGuid, const std::function<void(IngestConfig&)>& change)
+        VELMORA_EXCLUDES(dataMutex_);
 
     void forEachInstance(const std::function<void(IngestInstance&)>& visit);
     void scheduleStateUpdate();
-    void scheduleProfile(std::shared_ptr<service::oswin::Profile> profile);
+    void scheduleProfile();
     void scheduleMetaEvent(MetaEvent event);
     void scheduleError(int32_t code);
     void onNetworkStateChange(NetworkState state);
@@ -124,8 +134,9 @@ private:
     std::shared_ptr<transfer::TransferEngine> transferEngine_ VELMORA_GUARDED_BY(dataMutex_);
     const std::unique_ptr<NetworkMonitor> networkMonitor_;
     IdentityManager identityManager_;
-    Instances instances_;  // guarded by instancesLock_
-    std::unordered_map<std::string, IngestConfig> ingestConfigs_ VELMORA_GUARDED_BY(dataMutex_);
+    Instances instances_;                      // guarded by instancesLock_
+    std::atomic<uint32_t> stopsUnderWay_ = 0;  // raised before the table is looked at
+    std::unordered_map<std::string, std::shared_ptr<const IngestConfig>> ingestConfigs_ VELMORA_GUARDED_BY(dataMutex_);
     Conversions conversions_;
 };
 

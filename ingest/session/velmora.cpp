@@ -8,6 +8,7 @@
 #include "velmora/session.h"
 
 using velmora::refuse;
+using velmora::requireText;
 using velmora::runEntry;
 using velmora::Session;
 using velmora::shown;
@@ -57,12 +58,6 @@ constexpr std::array<const char*, 36> kConfigPaths{
     "reserved.event.orphanInstanceEnabled",
     "reserved.event.flushOnStopEnabled",
 };
-
-bool isEmpty(const char* text) { return text == nullptr || *text == '\0'; }
-
-void requireText(const char* text, const char* function, const char* message) {
-    if (isEmpty(text)) refuse(VelmoraError::invalid_argument, function, message, shown(text));
-}
 
 void requirePointer(const void* pointer, const char* function, const char* message) {
     if (pointer == nullptr) refuse(VelmoraError::invalid_argument, function, message, shown(nullptr));

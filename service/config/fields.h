@@ -7,6 +7,7 @@
 #include <utility>
 
 #include "core/json/jsonparser.h"
+#include "core/types/log.h"
 
 namespace velmora::service::config {
 
@@ -20,6 +21,29 @@ void assign(std::string_view name, const T& value, Fields<T> fields) {
         if (key == name) *target = value;
     }
 }
+
+// The same for settings that have to be above 0, as intervals of what repeats and sizes of what fills up: a 0 is
+// refused with a warning, and the field keeps its value.
+inline void assignAboveZero(const char* channel, std::string_view name, uint64_t value, Fields<uint64_t> fields) {
+    for (const auto& [key, target] : fields) {
+        if (key != name) continue;
+        if (value != 0) {
+            *target = value;
+        } else {
+            VELMORA_LOG(warn, channel) << "ignored, has to be above 0: " << name << "=0";
+        }
+    }
+}
+
+// A parser that fills a part of a record.
+template <typename Config>
+class SectionParser : public JsonDefaultParser {
+public:
+    explicit SectionParser(Config& config) : config_(config) {}
+
+protected:
+    Config& config_;
+};
 
 // A remote document or service: where it is and how long an answer holds.
 class ServiceParser : public JsonDefaultParser {

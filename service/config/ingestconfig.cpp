@@ -52,14 +52,9 @@ constexpr const char* kBuiltIn = R"json({
     }
 })json";
 
-// A parser that fills a part of the record.
-class SectionParser : public JsonDefaultParser {
-public:
-    explicit SectionParser(Config& config) : config_(config) {}
+constexpr const char* kChannel = "config";
 
-protected:
-    Config& config_;
-};
+using SectionParser = config::SectionParser<Config>;
 
 class IngestParser : public SectionParser {
 public:
@@ -132,10 +127,9 @@ class EventParser : public SectionParser {
 public:
     using SectionParser::SectionParser;
     void onUint(const std::string& name, uint64_t value) override {
-        assign(name, value,
-               {{"batchSize", &config_.batchSize},
-                {"batchInterval", &config_.batchInterval},
-                {"pauseInterval", &config_.pauseInterval}});
+        assignAboveZero(kChannel, name, value,
+                        {{"batchSize", &config_.batchSize}, {"batchInterval", &config_.batchInterval}});
+        assign(name, value, {{"pauseInterval", &config_.pauseInterval}});
     }
     void onBool(const std::string& name, bool value) override {
         assign(name, value,
@@ -154,22 +148,14 @@ class FileRotationParser : public SectionParser {
 public:
     using SectionParser::SectionParser;
     void onUint(const std::string& name, uint64_t value) override {
-        if (value == 0 && isRotationSize(name)) {
-            VELMORA_LOG(warn, "config") << "ignored, files of no size hold nothing: " << name << "=0";
-            return;
-        }
+        assignAboveZero(kChannel, name, value,
+                        {{"eventFileRotationSize", &config_.eventFileRotationSize},
+                         {"invalidEventFileRotationSize", &config_.invalidEventFileRotationSize}});
         assign(name, value,
-               {{"eventFileRotationSize", &config_.eventFileRotationSize},
-                {"eventFileRetentionPeriod", &config_.eventFileRetentionPeriod},
+               {{"eventFileRetentionPeriod", &config_.eventFileRetentionPeriod},
                 {"eventFolderSize", &config_.eventFolderSize},
-                {"invalidEventFileRotationSize", &config_.invalidEventFileRotationSize},
                 {"invalidEventFileRetentionPeriod", &config_.invalidEventFileRetentionPeriod},
                 {"invalidEventFolderSize", &config_.invalidEventFolderSize}});
-    }
-
-private:
-    static bool isRotationSize(const std::string& name) {
-        return name == "eventFileRotationSize" || name == "invalidEventFileRotationSize";
     }
 };
 
@@ -177,7 +163,7 @@ class HeartbeatParser : public SectionParser {
 public:
     using SectionParser::SectionParser;
     void onUint(const std::string& name, uint64_t value) override {
-        assign(name, value, {{"interval", &config_.heartbeatInterval}});
+        assignAboveZero(kChannel, name, value, {{"interval", &config_.heartbeatInterval}});
     }
     void onString(const std::string& name, const std::string& value) override {
         assign(name, value, {{"urn", &config_.heartbeatUrn}});
@@ -218,7 +204,7 @@ Config::Config() {
 
 Config& Config::overwriteWith(const std::string& json) {
     if (const std::error_code error = JsonParser::parse(json, std::make_shared<ConfigParser>(*this))) {
-        VELMORA_LOG(error, "config") << "failed to parse config error=" << toString(error) << " json=" << json;
+        VELMORA_LOG(error, kChannel) << "failed to parse config error=" << toString(error) << " json=" << json;
     }
     return *this;
 }

@@ -50,8 +50,9 @@ struct Config {
     Config();
 
     // Lays a JSON document over the record: what it names is overwritten, all else stays. Key prefixes are appended,
-    // and a validation rule whose key is there already is dropped. A bad document is logged on channel "config"; what
-    // was assigned before the fault stays. Throws nothing.
+    // and a validation rule whose key is there already is dropped; 0 is refused for the batch size, the batch and
+    // heartbeat intervals and the rotation sizes. A bad document is logged on channel "config"; what was assigned
+    // before the fault stays. Throws nothing.
     Config& overwriteWith(const std::string& json);
 
 private:

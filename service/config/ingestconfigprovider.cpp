@@ -3,6 +3,7 @@
 #include "core/types/exceptions.h"
 #include "core/types/log.h"
 #include "core/utils/durations.h"
+#include "core/utils/scopeexit.h"
 
 namespace velmora {
 
@@ -40,11 +41,13 @@ void IngestConfigProvider::scheduleNextUpdate() {
     const uint64_t ttl = read([](const Config& config) { return config.configTtl; });
     VELMORA_LOG(trace, "configprovider") << "Schedule update for configGuid=" << configGuid_ << " after " << ttl
                                          << " ms";
-    engine_.schedule(toMilliseconds(ttl), Task([this] {
-                         refresh();
-                         if (onUpdate_) onUpdate_();
-                         scheduleNextUpdate();
-                     }));
+    engine_.schedule(toMilliseconds(ttl), Task([this] { onRefreshTimeout(); }));
+}
+
+void IngestConfigProvider::onRefreshTimeout() {
+    const ScopeExit rearm([this] { exceptionSafeWrapper([this] { scheduleNextUpdate(); }); });
+    refresh();
+    if (onUpdate_) onUpdate_();
 }
 
 }  // namespace velmora

@@ -24,7 +24,8 @@ public:
     IngestConfigProvider(std::string configGuid, Fetch fetch, std::function<void()> onUpdate);
     ~IngestConfigProvider();
 
-    // Begins the timed refreshes; a pending one is dropped.
+    // Begins the timed refreshes; a pending one is dropped. One that fails is logged, and the next one comes all the
+    // same.
     void start();
     void stop();
     void refresh();
@@ -46,6 +47,8 @@ public:
     }
 
 private:
+    void onRefreshTimeout();
+
     mutable Mutex mutex_;
     const std::string configGuid_;
     std::shared_ptr<const Config> config_ VELMORA_GUARDED_BY(mutex_);

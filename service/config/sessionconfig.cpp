@@ -5,6 +5,7 @@
 #include "core/json/jsonparser.h"
 #include "core/types/errors.h"
 #include "core/types/log.h"
+#include "core/utils/durations.h"
 #include "deployment.h"
 #include "service/config/fields.h"
 
@@ -38,22 +39,17 @@ constexpr const char* kBuiltIn = R"json({
     }
 })json";
 
-constexpr uint64_t kRetryWaitWithoutIntervals = 30000;
+constexpr std::chrono::milliseconds kRetryWaitWithoutIntervals(30000);
 
-// A parser that fills a part of the record.
-class SectionParser : public JsonDefaultParser {
-public:
-    explicit SectionParser(Config& config) : config_(config) {}
+constexpr const char* kChannel = "session.config";
 
-protected:
-    Config& config_;
-};
+using SectionParser = config::SectionParser<Config>;
 
 class NetworkParser : public SectionParser {
 public:
     using SectionParser::SectionParser;
     void onUint(const std::string& name, uint64_t value) override {
-        assign(name, value, {{"pollInterval", &config_.pollInterval}});
+        assignAboveZero(kChannel, name, value, {{"pollInterval", &config_.pollInterval}});
     }
 };
 
@@ -89,10 +85,10 @@ class FileRotationParser : public SectionParser {
 public:
     using SectionParser::SectionParser;
     void onUint(const std::string& name, uint64_t value) override {
-        assign(name, value,
-               {{"logFileRotationSize", &config_.logFileRotationSize},
-                {"logFileRetentionPeriod", &config_.logFileRetentionPeriod},
-                {"logFolderSize", &config_.logFolderSize}});
+        assignAboveZero(kChannel, name, value, {{"logFileRotationSize", &config_.logFileRotationSize}});
+        assign(
+            name, value,
+            {{"logFileRetentionPeriod", &config_.logFileRetentionPeriod}, {"logFolderSize", &config_.logFolderSize}});
     }
 };
 
@@ -167,15 +163,16 @@ Config::Config() {
 
 Config& Config::overwriteWith(const std::string& json) {
     if (const std::error_code error = JsonParser::parse(json, std::make_shared<ConfigParser>(*this))) {
-        VELMORA_LOG(error, "session.config") << "failed to parse config error=" << toString(error) << " json=" << json;
+        VELMORA_LOG(error, kChannel) << "failed to parse config error=" << toString(error) << " json=" << json;
     }
     return *this;
 }
 
-uint64_t retryWait(const std::vector<uint64_t>& intervals, uint64_t requestedMs, uint32_t attempt) {
-    if (intervals.empty()) return requestedMs > 0 ? requestedMs : kRetryWaitWithoutIntervals;
+std::chrono::milliseconds retryWait(const std::vector<uint64_t>& intervals, std::chrono::milliseconds requested,
+                                    uint32_t attempt) {
+    if (intervals.empty()) return requested.count() > 0 ? requested : kRetryWaitWithoutIntervals;
     const size_t index = std::min<size_t>(attempt, intervals.size() - 1);
-    return std::max(requestedMs, intervals[index]);
+    return std::max(requested, toMilliseconds(intervals[index]));
 }
 
 std::string baseUrl(const ServiceEndpoints& endpoints, Environment environment) {

@@ -1,6 +1,7 @@
 // Process-wide settings: a plain value with built-in defaults.
 #pragma once
 
+#include <chrono>
 #include <cstdint>
 #include <map>
 #include <string>
@@ -37,8 +38,8 @@ struct Config {
     Config();
 
     // Lays a JSON document over the record: what it names is overwritten, all else stays; an array replaces the old
-    // list. A bad document is logged on channel "session.config"; what was assigned before the fault stays. Throws
-    // nothing.
+    // list, and 0 is refused for the poll interval and the rotation size. A bad document is logged on channel
+    // "session.config"; what was assigned before the fault stays. Throws nothing.
     Config& overwriteWith(const std::string& json);
 
 private:
@@ -47,8 +48,9 @@ private:
 };
 
 // The wait before a retry: what the response asks for or the interval of this attempt, whichever is longer. The last
-// interval repeats; without any the wait is what the response asks for, or 30000.
-[[nodiscard]] uint64_t retryWait(const std::vector<uint64_t>& intervals, uint64_t requestedMs, uint32_t attempt);
+// interval repeats; without any the wait is what the response asks for, or 30 s. A request of 0 or below asks for none.
+[[nodiscard]] std::chrono::milliseconds retryWait(const std::vector<uint64_t>& intervals,
+                                                  std::chrono::milliseconds requested, uint32_t attempt);
 
 // The base URL of a service's endpoint; "https://" goes in front of a bare host name. Throws std::out_of_range for an
 // environment that has no entry.

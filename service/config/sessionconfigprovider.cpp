@@ -3,6 +3,7 @@
 #include "core/types/exceptions.h"
 #include "core/types/log.h"
 #include "core/utils/durations.h"
+#include "core/utils/scopeexit.h"
 
 namespace velmora {
 namespace {
@@ -37,8 +38,7 @@ void SessionConfigProvider::stop() { engine_.stop(); }
 void SessionConfigProvider::restart() {
     engine_.stop();
     engine_.start();
-    refreshAndTell();
-    scheduleNextUpdate();
+    refreshAndRearm();
 }
 
 void SessionConfigProvider::refresh() {
@@ -49,7 +49,8 @@ void SessionConfigProvider::refresh() {
     logger()->setConfig(limits);
 }
 
-void SessionConfigProvider::refreshAndTell() {
+void SessionConfigProvider::refreshAndRearm() {
+    const ScopeExit rearm([this] { exceptionSafeWrapper([this] { scheduleNextUpdate(); }); });
     refresh();
     if (onUpdate_) onUpdate_();
 }
@@ -63,10 +64,7 @@ void SessionConfigProvider::updateConfig(Config config) {
 void SessionConfigProvider::scheduleNextUpdate() {
     const uint64_t ttl = read([](const Config& c) { return c.configTtl; });
     VELMORA_LOG(trace, "session.configprovider") << "Schedule update for session config after " << ttl << " ms";
-    engine_.schedule(toMilliseconds(ttl), Task([this] {
-                         refreshAndTell();
-                         scheduleNextUpdate();
-                     }));
+    engine_.schedule(toMilliseconds(ttl), Task([this] { refreshAndRearm(); }));
 }
 
 }  // namespace velmora

@@ -24,7 +24,7 @@ public:
     void start();
     void stop();
 
-    // Drops the pending refresh, refreshes now, and begins a new period.
+    // Drops the pending refresh, refreshes now, and begins a new period, also if the refresh throws.
     void restart();
     void refresh();
     void updateConfig(Config config) VELMORA_EXCLUDES(mutex_);
@@ -38,7 +38,7 @@ public:
     }
 
 private:
-    void refreshAndTell();
+    void refreshAndRearm();
 
     mutable Mutex mutex_;
     Config config_ VELMORA_GUARDED_BY(mutex_);

@@ -319,6 +319,49 @@ TEST_F(Notifications, RequestsThatShareAnIdAreCompletedEachByItsOwnContext) {
     EXPECT_EQ(first.outcome(), kSuccess);
 }
 
+TEST_F(Notifications, TheEngineEndsOnItsOwnersThreadOnceTheHostHasLeft) {
+    struct Slow : RecordingResponder {
+        void setStatus(int) override {
+            isInside.set_value();
+            std::this_thread::sleep_for(std::chrono::milliseconds(20));  // for the engine's end to come first
+            isLeaving = true;
+        }
+        std::promise<void> isInside;
+        std::atomic<bool> isLeaving = false;
+    };
+    const auto responder = std::make_shared<Slow>();
+    const auto handle = ExecutorImpl(engine_).createContext({}, responder);
+    std::error_code error;
+    ASSERT_TRUE(ExecutorImpl(engine_).execute(handle, error));
+    static std::thread::id ender;
+    velmora_http_setDeleteSessionCallback([](void*) { ender = std::this_thread::get_id(); });
+    std::thread notifier(
+        [] { velmora_http_onResponseStatus(&host_.session, nullptr, 200, nullptr, host_.contexts.at(0)); });
+    responder->isInside.get_future().wait();
+    engine_.reset();
+    EXPECT_TRUE(responder->isLeaving);
+    EXPECT_EQ(ender, std::this_thread::get_id());
+    notifier.join();
+    EXPECT_EQ(responder->outcome(), kCancelled);
+}
+
+TEST_F(Notifications, AnErrorCallbackRunsNoMoreOnceItHasBeenExchanged) {
+    std::promise<void> isInside;
+    std::atomic<bool> isLeaving = false;
+    engine_->setErrorCallback([&](std::error_code, const std::string&) {
+        isInside.set_value();
+        std::this_thread::sleep_for(std::chrono::milliseconds(20));
+        isLeaving = true;
+    });
+    Sent sent{engine_};
+    sent.execute();
+    std::thread notifier([] { complete(host_.contexts.at(0), VELMORA_HTTP_RETRIABLE); });
+    isInside.get_future().wait();
+    engine_->setErrorCallback(nullptr);
+    EXPECT_TRUE(isLeaving);
+    notifier.join();
+}
+
 TEST_F(Notifications, ACompletionAfterAnUnknownIdIsHarmless) {
     Sent sent{engine_};
     sent.execute();

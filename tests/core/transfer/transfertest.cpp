@@ -33,6 +33,7 @@ public:
         *requestId = acceptedId;
         out = sendResult;
         host = std::move(responder);
+        if (duringSend) duringSend();
     }
     void cancelRequest(std::error_code& out, uint32_t) override {
         ++cancels;
@@ -44,6 +45,7 @@ public:
     void setErrorCallback(std::function<void(std::error_code, const std::string&)>) override {}
 
     std::shared_ptr<TransferResponder> host;
+    std::function<void()> duringSend;
     std::error_code sendResult;
     std::error_code cancelResult;
     uint32_t acceptedId = 7;
@@ -197,6 +199,21 @@ TEST(TransferMachine, CancellationWaitsForTheCallInProgressAndOtherOutcomesDoNot
     }
 }
 
+TEST(TransferMachine, TellsWhatItRefusesAndWhatItDoesNotWaitFor) {
+    const CapturedLog log(LogLevel::info);
+    Exchange twice;
+    twice.execute();
+    twice.engine->host->onCompletion();
+    twice.engine->host->onCompletion();
+    EXPECT_TRUE(log.has(LogLevel::info, "transfer", "Normal-completion rejected; already completed; request=7"));
+    Exchange unknown;
+    unknown.engine->cancelResult = VelmoraHttpError::invalid_input;
+    unknown.execute();
+    unknown.transfer().cancel();
+    EXPECT_TRUE(
+        log.has(LogLevel::warn, "transfer", "Cancellation rejected; no completion callback received; request=7"));
+}
+
 TEST(TransferMachine, AThrowingCallbackStillLetsTheDeferredCancelRun) {
     const auto engine = std::make_shared<ScriptedEngine>();
     const auto transfer = std::make_shared<TransferImpl>(engine, http::Request{});
@@ -221,10 +238,13 @@ TEST(TransferMachine, BodyPiecesReachTheResponderInOrderAndOnce) {
     host.onResponseBody(0, "01234", 5);
     host.onResponseBody(0, "01234", 5);  // gone by already
     host.onResponseBody(10, "", 0);      // nothing, so it takes no position
-    host.onResponseBody(10, "ab", 2);
-    EXPECT_EQ(exchange.responder->response().body, "0123456789ab");
+    host.onResponseBody(13, "xx", 2);    // to be covered by the next one
+    host.onResponseBody(10, "abcde", 5);
+    host.onResponseBody(15, "f", 1);
+    EXPECT_EQ(exchange.responder->response().body, "0123456789abcdef");
     EXPECT_EQ(log.messages("transfer"), (std::vector<std::string>{"Failed to add response data at position: 5",
-                                                                  "Failed to add response data at position: 0"}));
+                                                                  "Failed to add response data at position: 0",
+                                                                  "Failed to add response data at position: 13"}));
     host.onCompletion();
 }
 
@@ -262,6 +282,33 @@ TEST(RequestHandle, DroppedOrStoppedBeforeExecutionAsksTheHostForNothing) {
     EXPECT_FALSE(cancelled.execute());
     EXPECT_EQ(cancelled.responder->outcome(), kCancelled);
     EXPECT_EQ(cancelled.engine->sends, 0);
+}
+
+TEST(RequestHandle, ACancelDuringTheHandoverReachesTheHostOnceItHasTakenTheRequest) {
+    const struct {
+        const char* what;
+        std::error_code sendResult;
+        bool canCancel;
+        int cancels;
+    } rows[] = {
+        {"taken", {}, true, 1},
+        {"taken, and no way to cancel", {}, false, 1},
+        {"refused", VelmoraHttpError::non_retriable, true, 0},
+    };
+    for (const auto& row : rows) {
+        SCOPED_TRACE(row.what);
+        Exchange exchange;
+        exchange.engine->sendResult = row.sendResult;
+        exchange.engine->canCancel = row.canCancel;
+        exchange.engine->duringSend = [&] {
+            exchange.transfer().cancel();
+            EXPECT_EQ(exchange.responder->outcome(), kCancelled);
+        };
+        EXPECT_EQ(exchange.execute(), !row.sendResult);
+        EXPECT_EQ(exchange.engine->cancels, row.cancels);
+        exchange.engine->host->onCancellation();
+        EXPECT_EQ(exchange.responder->outcome(), kCancelled);
+    }
 }
 
 TEST(RequestHandle, FailureToSendReachesTheResponderOnce) {

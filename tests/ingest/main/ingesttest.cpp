@@ -221,6 +221,51 @@ TEST_F(IngestRoad, TheNetworksStateLimitsEveryLine) {
     EXPECT_EQ(toText(awaitPosted("later")["event.offline"]), "false");
 }
 
+velmora_ingest_instance stopping = nullptr;
+std::atomic<int32_t> fromCancel = -1;
+
+// The host's callbacks may call in while an instance is being stopped.
+TEST_F(IngestRoad, CallbacksDuringAStopFindTheInstanceGone) {
+    configure(VELMORA_CONSENT_GRANTED);
+    set(VELMORA_CONFIG_BATCH_SIZE, "1");
+    std::promise<void> isSending;
+    std::atomic<bool> isFirst = true;
+    std::atomic<int32_t> fromSend = VELMORA_OK;
+    host_.answerBy([&](const HostRequest&) {
+        if (isFirst.exchange(false)) {
+            isSending.set_value();
+            while ((fromSend = submit(stopping, kEvent)) == VELMORA_OK) std::this_thread::sleep_for(1ms);
+        }
+        return Answer{.where = Answer::Where::nowhere};
+    });
+    velmora_http_setCancelRequestCallback([](void*, uint32_t) {
+        fromCancel = velmora_ingest_submitAnonEvent(stopping, "{}", 1);
+        return int32_t{VELMORA_HTTP_INVALID_INPUT};
+    });
+    stopping = start();
+    ASSERT_EQ(submit(stopping, kEvent), VELMORA_OK);  // beside the init event, in a line of its own
+    velmora_online();
+    isSending.get_future().wait();
+    ASSERT_TRUE(host_.waitForRequests(1));
+    stop(stopping);
+    EXPECT_EQ(fromSend, VELMORA_ERROR_INGEST_INSTANCE_NOT_FOUND);
+    EXPECT_EQ(fromCancel, VELMORA_ERROR_INGEST_INSTANCE_NOT_FOUND);
+    // The folder is free again when the stop returns.
+    const auto again = start();
+    EXPECT_FALSE((Filesystem::getDataFolder(true) / kGuid / "v1" / "1").exists());
+    stop(again);
+}
+
+TEST_F(IngestRoad, ABatchSizeOfZeroKeepsTheOldOneAndSendsOn) {
+    configure(VELMORA_CONSENT_GRANTED);
+    set(VELMORA_CONFIG_BATCH_SIZE, "0");
+    velmora_online();
+    const auto instance = start();
+    ASSERT_EQ(submit(instance, kEvent), VELMORA_OK);
+    EXPECT_TRUE(host_.waitUntil([&] { return velmora_ingest_flush(instance, nullptr, nullptr) == VELMORA_OK; }));
+    EXPECT_EQ(countPosted("x1"), 1U);
+}
+
 TEST_F(IngestRoad, AFolderThatCannotBeMadeIsALockError) {
     std::ofstream(((root_ / "com.orvane.velmora")).string()) << "a file in the way";
     velmora_ingest_instance instance = nullptr;

@@ -1,12 +1,16 @@
 #include <gtest/gtest.h>
 
 #include <atomic>
+#include <cstdlib>
 #include <cstring>
+#include <thread>
 
 #include "core/json/jsontext.h"
+#include "core/network/platformnetworkmonitor.h"
 #include "core/types/logger.h"
 #include "ingest/session/globalconfig.h"
 #include "ingest/session/session.h"
+#include "tests/support/environment.h"
 #include "tests/support/libraryfixture.h"
 
 namespace velmora::test {
@@ -176,7 +180,143 @@ TEST_F(SessionIdentity, AChangeOfUserForgetsTheOldOneInEveryPhase) {
     EXPECT_EQ(requests.back().headers.at("Authorization"), "Bearer fourth");
 }
 
+// Signing out ends the flag's request, and the host takes its time over that.
+TEST_F(SessionIdentity, ASignOutTakesTheIdentityAwayBeforeTheHostHasEndedItsRequests) {
+    configure(VELMORA_CONSENT_DEFAULT);
+    set(VELMORA_CONFIG_BATCH_SIZE, "1");
+    set(VELMORA_CONFIG_HEARTBEAT_INTERVAL, "20");
+    host_.onCancel(OnCancel::ignored);
+    host_.answerBy([this](const HostRequest& request) {
+        Answer answer = respond(request);
+        answer.held = isTracking(request);
+        return answer;
+    });
+    start();
+    velmora_online();
+    velmora_setAccessToken("user-1");
+    ASSERT_TRUE(host_.waitUntil([&] { return countPosted("user-1", "event.user_guid") > 0; }));
+    std::thread signOut([] { velmora_setAccessToken(""); });
+    ASSERT_TRUE(host_.waitUntil([&] { return host_.cancels() == 1; }));
+    const auto isAnonymous = [&] {
+        const rapidjson::Document all = posted();
+        return !all.Empty() && !all[all.Size() - 1]["data"].HasMember("event.user_guid");
+    };
+    EXPECT_TRUE(host_.waitUntil(isAnonymous, 5s));
+    host_.release();
+    signOut.join();
+}
+
+TEST_F(SessionIdentity, ARunningInstanceFollowsTheUserAndTheSessionsGuid) {
+    configure(VELMORA_CONSENT_GRANTED);
+    set(VELMORA_CONFIG_BATCH_INTERVAL, "30");
+    velmora_setSession("first-session");
+    const auto instance = start();
+    velmora_online();
+    velmora_setAccessToken("user-1");
+    ASSERT_EQ(submit(instance, R"({"event.subtype":"one"})", true), VELMORA_OK);
+    EXPECT_EQ(toText(awaitPosted("one")["event.user_guid"]), "user-1");
+
+    velmora_setAccessToken("");
+    velmora_setSession("second-session");
+    const auto isHeldBack = [&] {
+        EXPECT_EQ(submit(instance, R"({"event.subtype":"probe"})", true), VELMORA_OK);
+        return velmora_ingest_flush(instance, nullptr, nullptr) == VELMORA_ERROR_PRECONDITION_FAILED;
+    };
+    ASSERT_TRUE(host_.waitUntil(isHeldBack));
+    ASSERT_EQ(submit(instance, R"({"event.subtype":"two"})", true), VELMORA_OK);
+    ASSERT_EQ(submit(instance, R"({"event.subtype":"anon"})", false), VELMORA_OK);
+    awaitPosted("anon");
+    EXPECT_EQ(countPosted("two"), 0U);
+    velmora_setAccessToken("user-2");
+    EXPECT_EQ(toText(awaitPosted("two")["event.user_guid"]), "user-2");
+    EXPECT_EQ(toText(awaitPosted("one")["event.session_guid"]), "first-session");
+    EXPECT_EQ(toText(awaitPosted("two")["event.session_guid"]), "second-session");
+}
+
 using SessionEntry = LibraryTest;
+
+TEST_F(SessionEntry, AHostsCommonDataReachesLaterComponentsUnlessItsStartFails) {
+    constexpr const char* kOther = "other-host";
+    configure(VELMORA_CONSENT_GRANTED);
+    configure(VELMORA_CONSENT_GRANTED, kOther);
+    velmora_online();
+    start(kGuid, R"({"app.name":"Host","app.mode":"dark"})");
+    velmora_ingest_instance failed = nullptr;
+    EXPECT_EQ(velmora_ingest_start(kOther, R"({"app.name":"quote\""})", nullptr, &failed),
+              VELMORA_ERROR_INVALID_ARGUMENT);
+    const auto component = start("component", R"({"app.mode":"light"})");  // as by default
+    ASSERT_EQ(submit(component, R"({"event.subtype":"later"})"), VELMORA_OK);
+    ASSERT_TRUE(host_.waitUntil([&] { return velmora_ingest_flush(component, nullptr, nullptr) == VELMORA_OK; }));
+    const rapidjson::Document event = awaitPosted("later");
+    EXPECT_EQ(toText(event["app.name"]), "Host");
+    EXPECT_EQ(toText(event["app.mode"]), "light");
+}
+
+TEST_F(SessionEntry, SettingsThatComeWhileTheSessionComesUpAreInForce) {
+    setNetworkMonitorFactory([] {
+        EXPECT_EQ(velmora_setConfig(nullptr, VELMORA_CONFIG_RETRY_INTERVAL, "[7]"), VELMORA_OK);
+        return std::make_unique<PlatformNetworkMonitor>();
+    });
+    Session& session = Session::getInstance();
+    EXPECT_TRUE(host_.waitUntil([&] { return session.getRetryIntervals() == std::vector<uint64_t>{7}; }));
+}
+
+TEST_F(SessionEntry, TheEnvironmentsLogLevelOverridesEveryOther) {
+    constexpr const char* kVariable = "VELMORA_CONFIG_RESERVED_LOG_LEVEL";
+    setEnvironmentVariable(kVariable, "warn");
+    ASSERT_EQ(velmora_setLogLevel(VELMORA_LOG_TRACE), VELMORA_OK);
+    EXPECT_EQ(getGlobalConfig().logLevel, LogLevel::warn);
+    setEnvironmentVariable(kVariable, "error");
+    EXPECT_EQ(getGlobalConfig().logLevel, LogLevel::error);
+    setEnvironmentVariable(kVariable, "");
+    ASSERT_EQ(velmora_setLogLevel(VELMORA_LOG_DEBUG), VELMORA_OK);
+    EXPECT_EQ(getGlobalConfig().logLevel, LogLevel::debug);
+}
+
+// Goes online in the moment in which a new transfer engine is told to stay offline.
+struct SwitchingLogger : Logger {
+    LogLevel getLogLevel() override { return LogLevel::info; }
+    void setLogLevel(LogLevel) override {}
+    void logf(LogLevel, const char*, const char*, const char*, int, const char*, ...) override {}
+    void log(LogLevel, const char*, const char*, const char*, int, std::ostringstream& message) override {
+        if (message.str().find("active send calls") == std::string::npos || isDone.exchange(true)) return;
+        std::thread([] { velmora_online(); }).join();
+    }
+    std::atomic<bool> isDone = false;
+};
+
+TEST_F(SessionEntry, ANewTransferEngineDoesNotMissThatTheSessionGoesOnline) {
+    setLogger(std::make_unique<SwitchingLogger>());
+    configure(VELMORA_CONSENT_GRANTED);
+    set(VELMORA_CONFIG_BATCH_SIZE, "1");
+    static_cast<void>(Session::getInstance().getTransferEngine());
+    start();
+    awaitPosted("init");
+}
+
+// What the host still calls when the library has gone is refused.
+TEST_F(SessionEntry, CallsAfterTheEndOfTheSessionFail) {
+    GTEST_FLAG_SET(death_test_style, "threadsafe");
+    const auto endTwice = [this] {
+        static velmora_ingest_instance instance = nullptr;
+        std::atexit([] {
+            const auto endWith = [](int32_t result) {
+                if (result != VELMORA_ERROR_UNKNOWN) std::_Exit(3);
+            };
+            char* text = nullptr;
+            endWith(velmora_init());
+            endWith(velmora_online());
+            endWith(velmora_setSession("guid"));
+            endWith(velmora_getSELBYData(&text));
+            endWith(velmora_ingest_submitAnonEvent(instance, "{}", 1));
+            endWith(velmora_ingest_stop(instance));
+            if (velmora_setLogLevel(VELMORA_LOG_WARN) != VELMORA_OK) std::_Exit(4);
+        });
+        if (velmora_ingest_start(kGuid, nullptr, nullptr, &instance) != VELMORA_OK) std::_Exit(1);
+        std::exit(0);
+    };
+    EXPECT_EXIT(endTwice(), testing::ExitedWithCode(0), "");
+}
 
 TEST_F(SessionEntry, RefusesBadArgumentsWithOneMessageEach) {
     const struct {

@@ -68,7 +68,7 @@ TEST(IngestConfig, AddsRulesButKeepsThoseThatAreThere) {
     EXPECT_TRUE(config.validationRules.at("event.bar").required);
 }
 
-TEST(IngestConfig, KeepsWhatWasAssignedBeforeAFault) {
+TEST(Configs, KeepWhatWasAssignedBeforeAFault) {
     const struct {
         const char *fault, *code;
     } rows[] = {
@@ -87,17 +87,33 @@ TEST(IngestConfig, KeepsWhatWasAssignedBeforeAFault) {
                             std::string("failed to parse config error=") + row.code + " json=" + json));
         EXPECT_EQ(log.lines().back().function, "velmora::service::config::ingest::Config::overwriteWith");
     }
+    const CapturedLog log;
+    const std::string json = R"({"reserved": {"network": {"pollInterval": 2}, "log": })";
+    EXPECT_EQ(session::Config().overwriteWith(json).pollInterval, 2u);
+    EXPECT_TRUE(log.has(LogLevel::error, "session.config", "failed to parse config error=json_error:3 json=" + json));
 }
 
-TEST(IngestConfig, RefusesQueueFilesOfNoSize) {
+TEST(Configs, RefuseAZeroWhereItWouldMakeAnEndlessLoopAndHoldNothing) {
     const CapturedLog log(LogLevel::warn);
-    ingest::Config config;
-    config.overwriteWith(R"({"reserved": {"filerotation": {
-        "eventFileRotationSize": 0, "invalidEventFileRotationSize": 0, "eventFolderSize": 0}}})");
-    EXPECT_EQ(config.eventFileRotationSize, 10485760u);
-    EXPECT_EQ(config.invalidEventFileRotationSize, 10485760u);
-    EXPECT_EQ(config.eventFolderSize, 0u);
-    EXPECT_EQ(log.messages("config").size(), 2u);
+    ingest::Config ingest;
+    ingest.overwriteWith(R"({"reserved": {
+        "event": {"batchSize": 0, "batchInterval": 0, "pauseInterval": 0}, "heartbeat": {"interval": 0},
+        "filerotation": {"eventFileRotationSize": 0, "invalidEventFileRotationSize": 0, "eventFolderSize": 0}}})");
+    EXPECT_EQ(ingest.batchSize, 50u);
+    EXPECT_EQ(ingest.batchInterval, 30000u);
+    EXPECT_EQ(ingest.heartbeatInterval, 43200000u);
+    EXPECT_EQ(ingest.eventFileRotationSize, 10485760u);
+    EXPECT_EQ(ingest.invalidEventFileRotationSize, 10485760u);
+    EXPECT_EQ(ingest.pauseInterval + ingest.eventFolderSize, 0u);
+    EXPECT_EQ(log.messages("config").size(), 5u);
+    EXPECT_TRUE(log.has(LogLevel::warn, "config", "ignored, has to be above 0: batchSize=0"));
+    session::Config session;
+    session.overwriteWith(R"({"reserved": {"network": {"pollInterval": 0},
+        "filerotation": {"logFileRotationSize": 0, "logFolderSize": 0}}})");
+    EXPECT_EQ(session.pollInterval, 30000u);
+    EXPECT_EQ(session.logFileRotationSize, 104857600u);
+    EXPECT_EQ(session.logFolderSize, 0u);
+    EXPECT_EQ(log.messages("session.config").size(), 2u);
 }
 
 TEST(SessionConfig, StartsWithDefaultsAndReplacesLists) {
@@ -112,14 +128,14 @@ TEST(SessionConfig, StartsWithDefaultsAndReplacesLists) {
     config.overwriteWith(R"({"reserved": {
         "network": {"pollInterval": 1}, "log": {"prefix": "q", "level": "verbose"},
         "error": {"retryInterval": [1000, -1, "x", [2], 2000]},
-        "filerotation": {"logFileRotationSize": 0},
+        "filerotation": {"logFileRotationSize": 8},
         "permission": {"endpoint": {"qa": {"urn": "http://local"}}},
         "identity": {"endpoint": {"prod": {"ttl": 4}}, "accountTypeAllowList": []}}})");
     EXPECT_EQ(config.pollInterval, 1u);
     EXPECT_EQ(config.logPrefix, "q");
     EXPECT_EQ(config.logLevel, LogLevel::error);
     EXPECT_EQ(config.retryInterval, (std::vector<uint64_t>{1000, 2000}));
-    EXPECT_EQ(config.logFileRotationSize, 0u);
+    EXPECT_EQ(config.logFileRotationSize, 8u);
     EXPECT_EQ(config.permissionEndpoints.at(Environment::stage).urn, "http://local");
     EXPECT_EQ(config.permissionEndpoints.at(Environment::stage).ttl, 86400000u);
     EXPECT_EQ(config.identityEndpoints.at(Environment::prod).ttl, 4u);
@@ -130,12 +146,15 @@ TEST(SessionConfig, StartsWithDefaultsAndReplacesLists) {
 }
 
 TEST(SessionConfig, WaitsLongerWithEachAttemptAndNeverIndexesAnEmptyList) {
-    EXPECT_EQ(session::retryWait({10, 20}, 0, 0), 10u);
-    EXPECT_EQ(session::retryWait({10, 20}, 15, 1), 20u);
-    EXPECT_EQ(session::retryWait({10, 20}, 25, 7), 25u);
-    EXPECT_EQ(session::retryWait({10, 20}, 0, UINT32_MAX), 20u);
-    EXPECT_EQ(session::retryWait({}, 0, 3), 30000u);
-    EXPECT_EQ(session::retryWait({}, 5, 3), 5u);
+    using std::chrono_literals::operator""ms;
+    EXPECT_EQ(session::retryWait({10, 20}, 0ms, 0), 10ms);
+    EXPECT_EQ(session::retryWait({10, 20}, 15ms, 1), 20ms);
+    EXPECT_EQ(session::retryWait({10, 20}, 25ms, 7), 25ms);
+    EXPECT_EQ(session::retryWait({10, 20}, -5ms, UINT32_MAX), 20ms);
+    EXPECT_EQ(session::retryWait({UINT64_MAX}, 0ms, 0), std::chrono::milliseconds::max());
+    EXPECT_EQ(session::retryWait({}, 0ms, 3), 30000ms);
+    EXPECT_EQ(session::retryWait({}, -1ms, 3), 30000ms);
+    EXPECT_EQ(session::retryWait({}, 5ms, 3), 5ms);
 }
 
 TEST(Configs, SurviveDamagedDocuments) {
