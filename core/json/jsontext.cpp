@@ -19,10 +19,10 @@ std::string write(const rapidjson::Value& value, rapidjson::StringBuffer& buffer
 
 }  // namespace
 
-rapidjson::ParseResult parseValue(rapidjson::Document& document, const std::string& text) {
+rapidjson::ParseResult parseValue(rapidjson::Document& document, const std::string& text, int maxNesting) {
     rapidjson::ParseResult result;
     const auto generator = [&](rapidjson::Document& target) {
-        NestingLimit<rapidjson::Document> limited(target, kMaxNesting);
+        NestingLimit<rapidjson::Document> limited(target, maxNesting);
         result = readText(text, limited);
         return !result.IsError();
     };
@@ -31,8 +31,8 @@ rapidjson::ParseResult parseValue(rapidjson::Document& document, const std::stri
     return result;
 }
 
-bool parseObject(rapidjson::Document& document, const std::string& text) {
-    const rapidjson::ParseResult result = parseValue(document, text);
+bool parseObject(rapidjson::Document& document, const std::string& text, int maxNesting) {
+    const rapidjson::ParseResult result = parseValue(document, text, maxNesting);
     if (!result.IsError() && document.IsObject()) return true;
     logInvalidJson(text, result);
     return false;

@@ -13,11 +13,13 @@ namespace velmora {
 constexpr int kMaxNesting = 1000;
 
 // Parses a text into the document, which is null after a failure. A UTF-8 byte order mark is skipped. Nothing is
-// logged. The document keeps nothing of the text; its memory is taken from its allocator.
-[[nodiscard]] rapidjson::ParseResult parseValue(rapidjson::Document& document, const std::string& text);
+// logged. The document keeps nothing of the text; its memory is taken from its allocator. A text that is to become part
+// of another is given a lower limit of nesting.
+[[nodiscard]] rapidjson::ParseResult parseValue(rapidjson::Document& document, const std::string& text,
+                                                int maxNesting = kMaxNesting);
 
 // validJSON's question with its log line, leaving the parsed document: for texts that are needed as values afterwards.
-[[nodiscard]] bool parseObject(rapidjson::Document& document, const std::string& text);
+[[nodiscard]] bool parseObject(rapidjson::Document& document, const std::string& text, int maxNesting = kMaxNesting);
 
 // The characters of a string, the compact text of any other value.
 [[nodiscard]] std::string toText(const rapidjson::Value& value);

@@ -1,9 +1,7 @@
 #include "ingest/event/eventpreset.h"
 
 #include <rapidjson/stringbuffer.h>
-#include <rapidjson/writer.h>
 
-#include <algorithm>
 #include <array>
 #include <atomic>
 #include <cstddef>
@@ -11,7 +9,6 @@
 
 #include "core/json/jsontext.h"
 #include "core/json/mergejson.h"
-#include "core/json/validjson.h"
 #include "core/sysinfo/sysinfo.h"
 #include "core/types/errors.h"
 #include "core/types/log.h"
@@ -32,6 +29,7 @@ constexpr size_t kUsualDocumentSize = 8192;
 constexpr size_t kAutomaticAttributes = 6;
 constexpr size_t kUsualDefaults = 5;
 constexpr char kEmptyObject[] = "{}";
+constexpr int kMaxEventNesting = kMaxNesting - 1;  // the envelope goes around it, and has to be read again
 
 // Written by the network monitor; a single flag that stands for nothing else.
 std::atomic<bool> eventOnline{false};
@@ -44,24 +42,6 @@ struct Pool {
 
 rapidjson::Value refer(const std::string& text) {
     return rapidjson::Value(rapidjson::StringRef(text.data(), static_cast<rapidjson::SizeType>(text.size())));
-}
-
-// Whether an object or array stands below `levels` others, the value itself included.
-bool nestsBelow(const rapidjson::Value& value, int levels) {
-    if (!value.IsObject() && !value.IsArray()) return false;
-    if (levels == 0) return true;
-    if (value.IsArray()) {
-        return std::any_of(value.Begin(), value.End(), [&](const auto& item) { return nestsBelow(item, levels - 1); });
-    }
-    return std::any_of(value.MemberBegin(), value.MemberEnd(),
-                       [&](const auto& member) { return nestsBelow(member.value, levels - 1); });
-}
-
-// The envelope is one level deeper than the event, and has to be read again.
-void parseEvent(rapidjson::Document& event, const std::string& text) {
-    if (!parseObject(event, text) || nestsBelow(event, kMaxNesting - 1)) {
-        throw std::system_error(VelmoraError::invalid_json);
-    }
 }
 
 // What is asked of the system for one event. Other values refer to these texts.
@@ -179,7 +159,7 @@ std::string EventPreset::getEventPayload(const std::string& data, uint32_t level
     VELMORA_LOG(trace, "event.preset") << "In getEventPayload: data=" << data << " config override=" << configOverride;
     Pool pool;
     rapidjson::Document event(&pool.allocator);
-    parseEvent(event, data);
+    if (!parseObject(event, data, kMaxEventNesting)) throw std::system_error(VelmoraError::invalid_json);
     const auto ready = dataBase();
     const Moment moment;
     EventAttributes attributes(*ready, pool.allocator, kAutomaticAttributes + event.MemberCount() + kUsualDefaults);
@@ -195,19 +175,17 @@ std::string EventPreset::getEventPayload(const std::string& data, uint32_t level
 std::string EventPreset::envelope(const EventAttributes& data, const std::string& time,
                                   const std::string& configOverride) const {
     rapidjson::StringBuffer out(nullptr, kUsualEnvelopeSize);
-    const bool overridden = configOverride != kEmptyObject;
-    if (!overridden) {
+    if (configOverride == kEmptyObject) {
         append(out, std::string_view(envelopeBase_).substr(0, envelopeBase_.size() - 1));
         if (!time.empty()) append(out, ",\"time\":\"" + time + '"');
-        out.Put(',');
-    } else {
-        out.Put('{');
+        append(out, ",\"data\":");
+        data.write(out);
+        out.Put('}');
+        return textOf(out);
     }
-    append(out, "\"data\":");
+    append(out, "{\"data\":");
     data.write(out);
     out.Put('}');
-    if (!overridden) return textOf(out);
-
     std::string result = envelopeBase_;
     EventWriter(&result).set(key::kTime, time).finish();
     mergeJSON(result, configOverride);
@@ -272,7 +250,8 @@ void EventPreset::setCommonAttributes(const StringMap& attributes) {
 
 void EventPreset::useCommonAttributes(StringMap attributes) {
     std::string json = stringMapToJson(attributes);
-    if (!validJSON(json)) throw std::system_error(VelmoraError::invalid_argument);
+    rapidjson::Document document;
+    if (!parseObject(document, json, kMaxEventNesting)) throw std::system_error(VelmoraError::invalid_argument);
     fragments_->commonAttributes = std::move(attributes);
     fragments_->commonAttributesJson = std::move(json);
     rebuild();

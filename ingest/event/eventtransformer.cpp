@@ -113,10 +113,16 @@ service::ingest::Mapping EventTransformer::parseMapping(const std::string& csv, 
 }
 
 std::shared_ptr<const RuleTable> EventTransformer::currentTable() {
-    const MutexLock lock(mutex_);
     const uint64_t revision = provider_->revision();
-    if (!table_ || revision != tableRevision_) {
-        table_ = std::make_shared<const RuleTable>(provider_->getMapping());
+    {
+        const MutexLock lock(mutex_);
+        if (table_ && tableRevision_ >= revision) return table_;
+    }
+    // Others go on with the table that they have meanwhile; of several that are made at once the newest stays.
+    auto table = std::make_shared<const RuleTable>(provider_->getMapping());
+    const MutexLock lock(mutex_);
+    if (!table_ || tableRevision_ < revision) {
+        table_ = std::move(table);
         tableRevision_ = revision;
     }
     return table_;

@@ -159,16 +159,9 @@ void EventValidator::validate(std::string& event, uint32_t level, std::string& c
     validate(event, level);
 }
 
-bool EventValidator::validate(rapidjson::Document& event, uint32_t level) const {
-    DocumentView view(event);
-    return validate(view, level);
-}
-
-bool EventValidator::validate(AttributeView& event, uint32_t level) const {
+void EventValidator::validate(AttributeView& event, uint32_t level) const {
     const auto rules = rulesFor(level);
-    if (!rules) return false;
-    if (!rules->pass(event)) throwInvalidFormat();
-    return true;
+    if (rules && !rules->pass(event)) throwInvalidFormat();
 }
 
 void EventValidator::checkOverride(std::string& configOverride) {

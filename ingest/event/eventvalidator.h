@@ -44,9 +44,8 @@ public:
     // The same, after testing the override: empty counts as "{}", no JSON object throws `invalid_json`.
     void validate(std::string& event, uint32_t level, std::string& configOverride) const;
 
-    // The same on a parsed object, for callers that have one. True if the rules were visited at all.
-    bool validate(rapidjson::Document& event, uint32_t level) const;
-    bool validate(AttributeView& event, uint32_t level) const;
+    // The same on a parsed object, for callers that have one.
+    void validate(AttributeView& event, uint32_t level) const;
 
     // The test of the override alone.
     static void checkOverride(std::string& configOverride);

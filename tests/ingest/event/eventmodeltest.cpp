@@ -85,6 +85,10 @@ TEST(MetaEvent, HasItsKeysInOrder) {
              timeout.message() + R"("})"},
         {"api success", MetaEvent::makeApiResult("", success, "fine"),
          R"({"event.workflow":"Velmora","event.type":"api","event.subtype":"success","event.error_desc":"fine"})"},
+        {"api success without a text", MetaEvent::makeApiResult("oswin", success, ""),
+         R"({"event.workflow":"Velmora","event.subcategory":"oswin","event.type":"api","event.subtype":"success",)"
+         R"("event.error_desc":")" +
+             success.message() + R"("})"},
         {"lifecycle", MetaEvent::makeLifecycle(SourceType::host, "warn", "decrypt", 2),
          R"({"event.workflow":"Lifecycle","event.subcategory":"Host","event.type":"warn","event.subtype":"decrypt",)"
          R"("event.count":"2"})"},

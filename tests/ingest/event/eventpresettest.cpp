@@ -213,6 +213,30 @@ TEST_F(EventPresetTest, GivesTheTextOfThePlainSteps) {
     }
 }
 
+// The names are what services look for. What the system does not tell is left out, so some may be missing.
+TEST(SystemAttributes, StandUnderTheirNamesInTheirOrder) {
+    const auto expectNames = [](const rapidjson::Value& object, std::vector<std::string> known) {
+        auto next = known.begin();
+        for (const auto& [name, value] : object.GetObject()) {
+            next = std::find(next, known.end(), name.GetString());
+            ASSERT_NE(next++, known.end()) << name.GetString();
+        }
+        EXPECT_GE(object.MemberCount(), 2U);
+    };
+    const auto parsed = [](const std::string& text) {
+        rapidjson::Document document;
+        EXPECT_FALSE(parseValue(document, text).IsError());
+        return document;
+    };
+    expectNames(parsed(makeDeviceFragment())["entity.device"],
+                {"cpu_processor", "cpu_num_cores", "cpu_speed", "device_guid", "device_resolution", "hdd_size",
+                 "nic_guid", "ram_size", "pen_touch"});
+    expectNames(parsed(makeSourceFragment())["entity.source"], {"device", "platform", "os_version"});
+    expectNames(parsed(makeEventFragment(SourceCategory::desktop)),
+                {"entity.datasdk", "event.device_guid", "source.device", "source.platform", "source.os_version",
+                 "event.category"});
+}
+
 TEST_F(EventPresetTest, BatchAttributesGiveTheTextOfThePlainSteps) {
     const unsigned seed = std::random_device{}();
     SCOPED_TRACE("seed " + std::to_string(seed));
