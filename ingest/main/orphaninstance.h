@@ -13,20 +13,11 @@
 
 namespace velmora {
 
-// What the lines of an adopted folder are connected to.
-struct OrphanCallbacks {
-    DropCallback onDrop;
-    Pipeline::EventTransform eventTransform;
-    Pipeline::BatchErrorCallback onAuthError;
-    Pipeline::BatchErrorCallback onAnonError;
-    Pipeline::DebugCallback onDebug;
-};
-
 // Threads: changeState from any; everything else happens on its own engine.
 class OrphanInstance : private SerialTaskEngine {
 public:
     OrphanInstance(SessionView& session, const IngestConfigProvider& config, std::string configGuid,
-                   OrphanCallbacks callbacks);
+                   LineCallbacks callbacks);
 
     // Gives up the folder that it holds; what is not sent stays there.
     ~OrphanInstance() override;
@@ -55,7 +46,7 @@ private:
     SessionView& session_;
     const IngestConfigProvider& config_;
     const std::string configGuid_;
-    const OrphanCallbacks callbacks_;
+    const LineCallbacks callbacks_;
     PipelineState authState_ = PipelineState::SaveOnly;
     PipelineState anonState_ = PipelineState::SaveOnly;
     std::atomic<bool> stopped_ = true;  // exchanged on the engine alone, read by its timer

@@ -13,17 +13,6 @@
 #include "service/ingest/ingestrequest.h"
 
 namespace velmora {
-namespace {
-
-bool isAuthenticated(PipelineKind kind) { return kind == PipelineKind::auth_invalid || kind == PipelineKind::auth; }
-
-bool isInvalidLine(PipelineKind kind) {
-    return kind == PipelineKind::auth_invalid || kind == PipelineKind::anon_invalid;
-}
-
-bool carriesIdentity(PipelineKind kind) { return kind == PipelineKind::meta || kind == PipelineKind::auth; }
-
-}  // namespace
 
 QueueConfig Pipeline::queueConfig(const IngestConfigProvider& config, const std::string& name, PipelineKind kind) {
     return config.read([&](const Config& c) {

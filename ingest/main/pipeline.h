@@ -170,4 +170,13 @@ private:
     TaskEngine timer_;
 };
 
+// What the owner of lines connects them to, those of an adopted folder like its own.
+struct LineCallbacks {
+    DropCallback onDrop;
+    Pipeline::EventTransform eventTransform;
+    Pipeline::BatchErrorCallback onAuthError;
+    Pipeline::BatchErrorCallback onAnonError;
+    Pipeline::DebugCallback onDebug;
+};
+
 }  // namespace velmora
