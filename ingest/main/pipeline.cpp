@@ -1,6 +1,7 @@
 #include "ingest/main/pipeline.h"
 
-#include <algorithm>
+#include <exception>
+#include <functional>
 #include <utility>
 
 #include "core/json/jsontext.h"
@@ -161,31 +162,43 @@ std::vector<std::string> Pipeline::doDecrypt(const std::vector<std::string>& rec
 }
 
 // The transform parses each event, and so is the test of what is a JSON object, too: what it takes goes into the batch.
+// If it throws, the batch is given up as a whole: the rest is sorted before the exception goes on.
 std::vector<std::string> Pipeline::doFilterInvalidEvents(std::vector<std::string> records,
                                                          std::vector<std::string> plain) {
     validEvents_.clear();
     invalidEvents_.clear();
     std::vector<std::string> transformed;
-    transformed.reserve(plain.size());
+    for (auto* list : {&validEvents_, &invalidEvents_, &transformed}) list->reserve(plain.size());
+    std::exception_ptr failure;
     for (size_t i = 0; i < plain.size(); ++i) {
-        std::string event = plain[i];
-        if (transform(event)) {
-            transformed.push_back(std::move(event));
-            validEvents_.push_back(std::move(plain[i]));
-        } else {
-            invalidEvents_.push_back(std::move(records[i]));
+        bool valid = false;
+        try {
+            valid = failure ? validJSON(plain[i]) : appendTransformed(plain[i], transformed);
+        } catch (...) {
+            failure = std::current_exception();
+            valid = validJSON(plain[i]);
         }
+        auto& list = valid ? validEvents_ : invalidEvents_;
+        list.push_back(std::move(valid ? plain[i] : records[i]));
     }
     if (!invalidEvents_.empty()) {
         VELMORA_LOG(warn, "pipeline") << "Filter out events: count=" << invalidEvents_.size() << " name=" << name_;
     }
+    if (failure) std::rethrow_exception(failure);
     return transformed;
 }
 
+bool Pipeline::appendTransformed(std::string event, std::vector<std::string>& transformed) const {
+    const bool valid = transform(event);
+    if (valid) transformed.push_back(std::move(event));
+    return valid;
+}
+
 bool Pipeline::transform(std::string& event) const {
+    if (eventTransform_) return eventTransform_(event, carriesIdentity(kind_));
     // A line without a transform holds what can't be deciphered: a readable event there is a fault.
-    if (!eventTransform_ && !validJSON(event)) return false;
-    return eventTransform_(event, carriesIdentity(kind_));
+    if (validJSON(event)) throw std::bad_function_call();
+    return false;
 }
 
 http::Request Pipeline::makeRequest(const std::vector<std::string>& transformed) const {

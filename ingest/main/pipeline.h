@@ -105,6 +105,7 @@ private:
     void formBatch();
     std::vector<std::string> doDecrypt(const std::vector<std::string>& records) const;
     std::vector<std::string> doFilterInvalidEvents(std::vector<std::string> records, std::vector<std::string> plain);
+    bool appendTransformed(std::string event, std::vector<std::string>& transformed) const;
     bool transform(std::string& event) const;
     std::string doBatch(const std::vector<std::string>& events) const;
     http::Request makeRequest(const std::vector<std::string>& transformed) const;

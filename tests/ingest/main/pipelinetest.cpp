@@ -182,6 +182,28 @@ TEST_F(PipelineBatches, LieEncipheredOnDiskAndPassOverRecordsThatCannotBeDeciphe
     EXPECT_EQ(counted(Item::event, Action::sent, Reason::success), 2U);
 }
 
+// A batch that fails is popped as a whole, so it has to be handed over as a whole.
+TEST_F(PipelineBatches, ThatCannotBeFormedAreHandedOverComplete) {
+    const std::string undecipherable = Crypt("another").encrypt("x");
+    open(PipelineKind::anon_invalid);
+    pipeline_->setEventTransform(nullptr);
+    uint64_t storedAtCall = 0;
+    pipeline_->setBatchErrorCallback([&](const std::error_code& error, const auto& valid, const auto& invalid) {
+        storedAtCall = pipeline_->size();
+        givenUp_.push_back({error, valid, invalid});
+    });
+    for (const auto& record : {undecipherable, event(1), undecipherable}) pipeline_->submitEvent(record, true);
+    pipeline_->changeState(PipelineState::On);
+    pools_.runAll();
+    ASSERT_EQ(givenUp_.size(), 1U);
+    EXPECT_EQ(givenUp_[0].error, VelmoraError::unknown);
+    EXPECT_EQ(givenUp_[0].valid, std::vector{event(1)});
+    EXPECT_EQ(givenUp_[0].invalid, std::vector(2, undecipherable));
+    EXPECT_EQ(storedAtCall, 3U) << "nothing is popped before";
+    EXPECT_EQ(pipeline_->size(), 0U);
+    EXPECT_EQ(host_.sends(), 0U);
+}
+
 using PipelineStates = PipelineTest;
 
 TEST_F(PipelineStates, SaveOnlyStoresOffRefusesAndOptOutDiscardsTheLinesOfTheUser) {
