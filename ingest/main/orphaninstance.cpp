@@ -53,7 +53,7 @@ void OrphanInstance::doChangeState(PipelineState authState, PipelineState anonSt
     anonState_ = anonState;
     applyStates();
     const bool on = std::max(authState, anonState) == PipelineState::On;
-    if (stopped_.exchange(!on) == !on) return;
+    if (std::exchange(stopped_, !on) == !on) return;
     if (on) {
         timer_.start();
         startNewInstance();
@@ -73,12 +73,13 @@ void OrphanInstance::applyStates() {
 }
 
 void OrphanInstance::startNewInstance() {
+    if (stopped_ || folder_) return;
     if (!config_.read([](const auto& config) { return config.orphanInstanceEnabled; })) {
         VELMORA_LOG(info, "orphaninstance") << "Orphan instance is disabled";
         return;
     }
     VELMORA_LOG(info, "orphaninstance") << "Starting new orphan instance";
-    if (!folder_) folder_ = acquireInstanceFolder(configGuid_, false);
+    folder_ = acquireInstanceFolder(configGuid_, false);
     if (!folder_) {
         timer_.schedule(kScanInterval, Task([this] { schedule(Task([this] { startNewInstance(); })); }));
         return;
@@ -89,10 +90,10 @@ void OrphanInstance::startNewInstance() {
 }
 
 void OrphanInstance::openLines() {
-    // All flags before the first line: one that can't be opened must not look finished to the others.
+    // All flags before the first line: one that can't be opened does not look finished, and keeps the folder.
     for (const PipelineKind kind : kEveryPipelineKind) line(kind).empty = !(*folder_ / storeFolderName(kind)).exists();
     for (const PipelineKind kind : kEveryPipelineKind) {
-        if (!line(kind).empty) openLine(kind);
+        if (!line(kind).empty) exceptionSafeWrapper([&] { openLine(kind); });
     }
 }
 

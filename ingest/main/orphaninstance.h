@@ -3,7 +3,6 @@
 #pragma once
 
 #include <array>
-#include <atomic>
 #include <memory>
 #include <string>
 
@@ -13,7 +12,8 @@
 
 namespace velmora {
 
-// Threads: changeState from any; everything else happens on its own engine.
+// Threads: changeState from any; everything else happens on its own engine. A scan that is due may find the state
+// changed since: what it decides by is the state at its turn.
 class OrphanInstance : private SerialTaskEngine {
 public:
     OrphanInstance(SessionView& session, const IngestConfigProvider& config, std::string configGuid,
@@ -49,7 +49,7 @@ private:
     const LineCallbacks callbacks_;
     PipelineState authState_ = PipelineState::SaveOnly;
     PipelineState anonState_ = PipelineState::SaveOnly;
-    std::atomic<bool> stopped_ = true;  // exchanged on the engine alone, read by its timer
+    bool stopped_ = true;  // neither of the two states is On
     std::unique_ptr<LockedPath> folder_;
     std::array<Line, kPipelineKinds> lines_;  // by kind; destroyed before the folder's hold
     TaskEngine timer_;

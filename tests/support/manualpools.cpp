@@ -37,9 +37,16 @@ bool ManualPools::takeTimer(std::chrono::milliseconds until, Task& task) {
     return true;
 }
 
+bool ManualPools::runOne() {
+    Task task;
+    if (!takeTask(task)) return false;
+    task();
+    return true;
+}
+
 size_t ManualPools::runAll() {
     size_t count = 0;
-    for (Task task; takeTask(task); ++count) task();
+    while (runOne()) ++count;
     return count;
 }
 

@@ -21,6 +21,9 @@ public:
     // Runs queued tasks, and what they queue, until none is left. Returns how many ran.
     size_t runAll();
 
+    // Runs the oldest queued task, one of an engine's; false if there is none.
+    bool runOne();
+
     // Lets time pass: runs timers in the order of their due times, and after each all tasks.
     void advance(std::chrono::milliseconds time);
 
