@@ -51,18 +51,19 @@ void Pipeline::changeState(PipelineState next) {
     if (state_.exchange(next) == next) return;
     VELMORA_LOG(info, "pipeline") << "Change state: name=" << name_ << " state=" << toString(next);
     if (next == PipelineState::On) {
+        timer_.start();  // first: a batch that fails at once arms its retry there
         maybeStartBatch(true);
-        timer_.start();
         armBatchTimer();
         return;
     }
     timer_.stop();
-    inProcess_ = false;
-    if (next == PipelineState::Off && isAuthenticated(kind_)) discardAll();
+    slot_ = BatchSlot::free;
+    if (isOptedOut()) discardAll();
 }
 
 void Pipeline::discardAll() {
     VELMORA_LOG(warn, "pipeline") << "Discard all events: reason=optout name=" << name_;
+    discardDirectPosts();
     schedule(Task([this] {
         const uint64_t count = store_->size();
         store_->remove();
@@ -87,7 +88,12 @@ bool Pipeline::isEnciphered() const {
     return !isInvalidLine(kind_) && config_.read([](const Config& c) { return c.encryptionEnabled; });
 }
 
-void Pipeline::storeEvent(const std::string& event) { push(isEnciphered() ? crypt_.encrypt(event) : event); }
+void Pipeline::storeEvent(const std::string& event) {
+    if (!isEnciphered()) return push(event);
+    const std::string enciphered = crypt_.encrypt(event);
+    if (enciphered.empty()) throw std::system_error(VelmoraError::unknown, "event can't be enciphered");
+    push(enciphered);
+}
 
 void Pipeline::push(const std::string& stored) {
     VELMORA_LOG(debug, "pipeline") << "Push: name=" << name_;
@@ -97,7 +103,7 @@ void Pipeline::push(const std::string& stored) {
 void Pipeline::maybeStartBatch(bool useBatchSize) {
     const uint64_t threshold = useBatchSize ? config_.read([](const Config& c) { return c.batchSize; }) : 1;
     const uint64_t stored = store_->size();
-    if (!inProcess_ && state_ == PipelineState::On && stored >= threshold && !inProcess_.exchange(true)) {
+    if (state_ == PipelineState::On && stored >= threshold && takeSlot(BatchSlot::free)) {
         enqueueTask(Task([this] { doInitiateRequest(); }));
     }
     if (stored == 0 && emptyCallback_) emptyCallback_();
@@ -121,7 +127,7 @@ void Pipeline::enqueueTask(Task step) {
             step();
         } catch (...) {
             lastError_ = currentExceptionToErrorCode("pipeline", "velmora::Pipeline::enqueueTask");
-            const ScopeExit done([this] { inProcess_ = false; });
+            const ScopeExit done([this] { slot_ = BatchSlot::free; });
             doHandleError();
         }
     }));
@@ -130,7 +136,7 @@ void Pipeline::enqueueTask(Task step) {
 bool Pipeline::bailOut() {
     if (state_ == PipelineState::On) return false;
     doResetState();
-    inProcess_ = false;
+    slot_ = BatchSlot::free;
     VELMORA_LOG(info, "pipeline") << "Bailing out";
     return true;
 }
@@ -138,16 +144,22 @@ bool Pipeline::bailOut() {
 void Pipeline::doInitiateRequest() {
     VELMORA_LOG(debug, "pipeline") << "Start batch-task: name=" << name_;
     doResetState();
-    if (store_->size() == 0) return;  // inProcess_ stays set until the state leaves On: emptied since the decision
-    formBatch();
-    doPostBatch();
+    if (store_->size() == 0) {  // emptied since the decision
+        auto taken = BatchSlot::taken;
+        slot_.compare_exchange_strong(taken, BatchSlot::emptied);
+        return;
+    }
+    if (formBatch()) return doPostBatch();
+    slot_ = BatchSlot::free;
 }
 
-void Pipeline::formBatch() {
+bool Pipeline::formBatch() {
     std::vector<std::string> records = store_->peek(batchSize_);
     batchSize_ = records.size();
+    if (records.empty()) return false;
     std::vector<std::string> plain = doDecrypt(records);
     request_ = makeRequest(doFilterInvalidEvents(std::move(records), std::move(plain)));
+    return true;
 }
 
 std::vector<std::string> Pipeline::doDecrypt(const std::vector<std::string>& records) const {
@@ -220,8 +232,7 @@ future<std::error_code> Pipeline::flush() {
     waitFor(
         [&] {
             retrySeen = retryInProgress_;
-            bool idle = false;
-            return retrySeen || inProcess_.compare_exchange_strong(idle, true);
+            return retrySeen || takeSlot(BatchSlot::free) || takeSlot(BatchSlot::emptied);
         },
         "in-process batch (name=" + name_ + ")", 1, kNoTimeout);
     return schedule(std::error_code(), [this, retrySeen] { return doFlush(retrySeen); });
@@ -229,7 +240,7 @@ future<std::error_code> Pipeline::flush() {
 
 std::error_code Pipeline::doFlush(bool retrySeen) {
     const ScopeExit done([this, retrySeen] {
-        if (!retrySeen) inProcess_ = false;  // else the batch that waits for its retry still owns it
+        if (!retrySeen) slot_ = BatchSlot::free;  // else the batch that waits for its retry still owns it
     });
     std::error_code result;
     try {
@@ -250,12 +261,16 @@ std::error_code Pipeline::doFlush(bool retrySeen) {
 }
 
 void Pipeline::flushBatches() {
-    while (true) {
+    for (bool foundNothing = false;;) {
         VELMORA_LOG_AT(info, "pipeline", "velmora::Pipeline::flush") << "flush iteration: name=" << name_;
         if (store_->size() == 0) return;
         if (state_ != PipelineState::On) throw std::system_error(VelmoraError::precondition_failed, "state is not on");
         doResetState();
-        formBatch();
+        if (!formBatch()) {  // what was counted has been found damaged; more may have come meanwhile
+            if (std::exchange(foundNothing, true)) return;
+            continue;
+        }
+        foundNothing = false;
         const http::Response response = doPost(request_);
         lastError_ = response.error;
         logHTTPResponse(response);

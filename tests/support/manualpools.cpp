@@ -11,8 +11,11 @@ ManualPools::ManualPools() { setPools(&pool_, &timer_); }
 ManualPools::~ManualPools() { setPools(nullptr, nullptr); }
 
 void ManualPools::ManualPool::run(Task task) {
-    const MutexLock lock(owner.mutex_);
-    owner.tasks_.push_back(std::move(task));
+    {
+        const MutexLock lock(owner.mutex_);
+        if (!owner.atOnce_) return owner.tasks_.push_back(std::move(task));
+    }
+    task();
 }
 
 void ManualPools::ManualTimer::runAfter(std::chrono::milliseconds delay, Task task) {
@@ -48,6 +51,11 @@ size_t ManualPools::runAll() {
     size_t count = 0;
     while (runOne()) ++count;
     return count;
+}
+
+void ManualPools::runAtOnce(bool atOnce) {
+    const MutexLock lock(mutex_);
+    atOnce_ = atOnce;
 }
 
 void ManualPools::advance(std::chrono::milliseconds time) {
