@@ -1,5 +1,6 @@
 // What only a system with fork, signals of its own kind and the TZ variable can get wrong.
 #include <gtest/gtest.h>
+#include <sys/stat.h>
 #include <sys/wait.h>
 #include <unistd.h>
 
@@ -12,6 +13,7 @@
 #include "core/platform/guid.h"
 #include "core/platform/linux/sysfs.h"
 #include "core/platform/localtime.h"
+#include "core/platform/randomaccessfile.h"
 #include "tests/support/tempfolder.h"
 
 namespace velmora::platform {
@@ -104,6 +106,19 @@ TEST(UserDataFolder, IsTakenFromTheFirstSourceThatNamesOne) {
     ::unsetenv("HOME");
     EXPECT_TRUE(userDataFolder(code).is_absolute()) << "from the password entry";
     EXPECT_EQ(code, 0);
+}
+
+TEST(RandomAccessFile, ReservesBlocksForWhatIsOnlyALength) {
+    const test::TempFolder folder;
+    constexpr uint64_t kSize = 1000000;
+    const auto file = openSystemFile(folder / "sparse", true);
+    ASSERT_EQ(::truncate((folder / "sparse").c_str(), kSize), 0);
+    EXPECT_TRUE(file->reserve(kSize));
+    struct stat status {};
+    ASSERT_EQ(::stat((folder / "sparse").c_str(), &status), 0);
+    EXPECT_EQ(static_cast<uint64_t>(status.st_size), kSize);
+    EXPECT_GE(static_cast<uint64_t>(status.st_blocks) * 512, kSize);
+    EXPECT_FALSE(file->reserve(uint64_t{1} << 62)) << "more than any disk has";
 }
 
 TEST(KernelMask, HoldsTheHighestWordFirst) {
