@@ -459,6 +459,57 @@ TEST_F(PipelineOutcomes, DamageThatLeavesNothingToReadIsNotPosted) {
     EXPECT_FALSE(flush()) << "ends, though it can read nothing";
 }
 
+TEST_F(PipelineOutcomes, AreToldInTheLog) {
+    open().changeState(PipelineState::On);
+    host_.answer({.status = 400, .headers = {{"X-Request-Id", "r7"}}, .body = "no"});
+    host_.answer(Answer::failure(VELMORA_HTTP_CANCELLED));
+    host_.answer({.status = 200});
+    host_.answer({.status = 500});
+    pipeline_->submitEvent("", true);
+    submit(0, 3);
+    ASSERT_TRUE(driveToCompletions(1));
+    submit(3, 6);
+    ASSERT_TRUE(driveToCompletions(2));
+    pools_.advance(1000ms);
+    ASSERT_TRUE(driveToCompletions(3));
+    submit(6, 7);
+    EXPECT_EQ(flush().value(), 500);
+    pipeline_->changeState(PipelineState::SaveOnly);
+    close();
+    std::vector<std::string> told;
+    for (const test::LogLine& line : log_.lines()) {
+        if (line.channel == "pipeline" && line.level <= LogLevel::info) told.push_back(line.message);
+    }
+    const std::vector<std::string> expected{
+        "Open pipeline: num_events=0 name=main",
+        "Change state: name=main state=On",
+        "Skip empty event: name=main",
+        "Http request: name=main",
+        "Http response: name=main x-request-id=r7 status=400 BadRequest error=http_error:400 body=no",
+        "name=main err=BadRequest",
+        "Http request: name=main",
+        "Http response: name=main x-request-id= status=0 None error=velmora_http_error:4 body=",
+        "add retriable error=velmora_http_error:4",
+        "Will retry request after 1000 milliseconds",
+        "Http request: name=main",
+        "Http response: name=main x-request-id= status=200 Ok",
+        "flush iteration: name=main",
+        "Http response: name=main x-request-id= status=500 InternalServerError error=http_error:500 body=",
+        "flush failed for name=mainwith code=500 error=InternalServerError",
+        "Change state: name=main state=SaveOnly",
+        "Close pipeline: num_events=1 name=main",
+    };
+    EXPECT_EQ(told, expected);
+    EXPECT_TRUE(log_.has(LogLevel::debug, "pipeline", "Submit event: name=main batch=1 payload=" + event(0)));
+    EXPECT_TRUE(log_.has(LogLevel::debug, "pipeline", "Push: name=main"));
+    EXPECT_TRUE(log_.has(LogLevel::debug, "pipeline", "Start batch-task: name=main"));
+    EXPECT_TRUE(log_.has(LogLevel::debug, "pipeline", "Decrypted payload=" + event(0)));
+    EXPECT_TRUE(log_.has(LogLevel::trace, "pipeline", "Reset state: name=main batchsize=3"));
+    EXPECT_TRUE(log_.has(LogLevel::trace, "pipeline", "Network response: name=main"));
+    EXPECT_TRUE(log_.has(LogLevel::trace, "pipeline", "Http request (sync): name=main"));
+    EXPECT_TRUE(log_.has(LogLevel::trace, "pipeline", "Time to retry"));
+}
+
 using PipelineFlush = PipelineTest;
 
 TEST_F(PipelineFlush, SendsAllBatchesAndReportsWhatStopsIt) {
