@@ -405,7 +405,7 @@ TEST(EventStoreFaults, FullDiskIsReportedAfterOneRetryAndEndsWithoutATrace) {
         f.push(6, 7);
         reservation ? f.files.refuseReservations(true) : f.files.pretendSize(200);
         for (int i = 0; i < 150; ++i) EXPECT_THROW(f.push(8, 8), FQException);
-        EXPECT_LE(f.manifest().size(), 3U);                             // attempts must not fill the manifest
+        EXPECT_LE(f.manifest().size(), 3U);  // attempts must not fill the manifest
         f.files.refuseReservations(false);
         f.files.pretendSize(0);
         f.push(9, 9);
