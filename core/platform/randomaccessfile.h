@@ -20,6 +20,10 @@ public:
     [[nodiscard]] virtual bool read(uint64_t offset, void* buffer, size_t size) noexcept = 0;
     [[nodiscard]] virtual bool write(uint64_t offset, const void* data, size_t size) noexcept = 0;
 
+    // Makes sure that the disk has room for the first `bytes` of a file that has that size already, so that no write
+    // below fails for want of it; true also where the file system can't tell. The contents stay.
+    [[nodiscard]] virtual bool reserve(uint64_t bytes) noexcept = 0;
+
     // Size in bytes at the time of the call; false if the system does not tell.
     [[nodiscard]] virtual bool size(uint64_t& bytes) noexcept = 0;
 };

@@ -1,7 +1,6 @@
 #include "core/queue/queuestorage.h"
 
 #include <algorithm>
-#include <cstring>
 #include <limits>
 #include <utility>
 
@@ -106,10 +105,12 @@ void QueueFile::resize(uint64_t dataSize) {
     if (target == fileSize_) return;
     VELMORA_LOG(trace, "fq") << "Resizing file from " << fileSize_ << " to " << target;
     close();
+    const uint64_t previous = fileSize_;
     const bool resized = Filesystem::resizeFile(path_, target);
     openFile(false);
-    if (resized && fileSize_ == target) return;
+    if (resized && fileSize_ == target && file_->reserve(target)) return;
     close();
+    if (!Filesystem::resizeFile(path_, previous)) VELMORA_LOG(warn, "fq") << "can't shrink path=" << path_.string();
     throw FQException(FQError::file_corrupt, "write-failed");
 }
 
@@ -148,7 +149,9 @@ void QueueFile::pushBytes(std::string_view bytes) {
 uint64_t QueueFile::makeRoom(uint64_t recordSize) {
     if (const auto offset = placeInRing(header_, recordSize)) return *offset;
     if (recordSize > header_.capacity - header_.overflowWriteOffset) {
-        if (header_.capacity > fileSize_ - kQueueHeaderSize) fail("write-failed");
+        if (header_.capacity > fileSize_ - kQueueHeaderSize) {
+            failWrite(recordSize - kQueueLengthSize, header_.overflowWriteOffset);
+        }
         const uint64_t capacity = header_.capacity + std::max(recordSize, kQueueMinimumGrowth);
         resize(capacity);
         header_.capacity = capacity;
@@ -156,15 +159,22 @@ uint64_t QueueFile::makeRoom(uint64_t recordSize) {
     return header_.overflowWriteOffset;
 }
 
-void QueueFile::fail(const char* what) {
+void QueueFile::failWrite(uint64_t length, uint64_t offset) {
     failed_ = true;
-    throw FQException(FQError::file_corrupt, what);
+    VELMORA_LOG_AT(error, "fq", "velmora::QueueFile::writeData")
+        << "Failed to write data of len=" << length << " at offset=" << offset;
+    throw FQException(FQError::file_corrupt, "write-failed");
+}
+
+void QueueFile::failRead(uint64_t length, uint64_t offset) {
+    failed_ = true;
+    VELMORA_LOG_AT(error, "fq", "velmora::QueueFile::readData")
+        << "Failed to read data of len=" << length << " at offset=" << offset;
+    throw FQException(FQError::file_corrupt, "read-failed");
 }
 
 void QueueFile::writeData(std::string_view bytes, uint64_t offset) {
-    if (writeRecord(bytes, offset)) return;
-    VELMORA_LOG(error, "fq") << "Failed to write data of len=" << bytes.size() << " at offset=" << offset;
-    fail("write-failed");
+    if (!writeRecord(bytes, offset)) failWrite(bytes.size(), offset);
 }
 
 bool QueueFile::writeRecord(std::string_view bytes, uint64_t offset) {
@@ -182,7 +192,7 @@ bool QueueFile::writeRecord(std::string_view bytes, uint64_t offset) {
 
 void QueueFile::readRecords(Header header, uint64_t count, const std::function<void(std::string&&)>& sink) {
     if (count == 0) return;
-    if (failed_) throw FQException(FQError::file_corrupt, "read-failed");
+    if (failed_) failRead(0, header.readOffset);
     ReadAhead ahead(*file_, fileSize_);
     for (uint64_t i = 0; i < count; ++i) {
         std::string buffer;
@@ -201,11 +211,10 @@ void QueueFile::readData(std::string& buffer, QueueRecordLength& length, uint64_
         buffer.resize(length);
         if (ahead.read(position + sizeof length, buffer.data(), length)) return;
     }
-    VELMORA_LOG(error, "fq") << "Failed to read data of len=" << length << " at offset=" << offset;
-    fail("read-failed");
+    failRead(length, offset);
 }
 
-void QueueFile::popRecords(uint64_t count) {
+uint64_t QueueFile::popRecords(uint64_t count) {
     Header header = header_;
     const uint64_t held = std::min(count, header.recordCount());
     for (uint64_t i = 0; i < held; ++i) {
@@ -213,6 +222,7 @@ void QueueFile::popRecords(uint64_t count) {
     }
     header_ = header;
     writeHeader(header_);
+    return held;
 }
 
 // 0 for what can't be read.

@@ -48,8 +48,9 @@ public:
     // Whether it is closed, or a read or write has failed since it was opened.
     [[nodiscard]] bool hasFailed() const noexcept { return failed_; }
 
-    // Removes the oldest records, at most as many as there are, with one commit; only their lengths are read.
-    void popRecords(uint64_t count);
+    // Removes the oldest records, at most as many as there are, with one commit; only their lengths are read. Returns
+    // how many.
+    uint64_t popRecords(uint64_t count);
 
     // Goes back to the last committed state. Raises code 1 or 3.
     void reopen();
@@ -77,7 +78,8 @@ private:
     bool readHeader(Header& header);
     bool writeHeader(const Header& header);
     bool writeMagic();
-    [[noreturn]] void fail(const char* what);
+    [[noreturn]] void failWrite(uint64_t length, uint64_t offset);
+    [[noreturn]] void failRead(uint64_t length, uint64_t offset);
     uint64_t makeRoom(uint64_t recordSize);
     void writeData(std::string_view bytes, uint64_t offset);
     bool writeRecord(std::string_view bytes, uint64_t offset);

@@ -3,6 +3,7 @@
 // An event itself is JSON text in a string at every stage; there is no event class.
 #pragma once
 
+#include <array>
 #include <cstdint>
 #include <string>
 
@@ -13,6 +14,23 @@ inline constexpr char kSdkVersion[] = "1.36.0+20230314";
 // The lines of an instance. The numbers stand in debug records and decide the order of everything that walks the lines.
 enum class PipelineKind : int32_t { meta = 0, auth_invalid = 1, auth = 2, anon_invalid = 3, anon = 4 };
 inline constexpr int kPipelineKinds = 5;
+inline constexpr std::array<PipelineKind, kPipelineKinds> kEveryPipelineKind{
+    PipelineKind::meta, PipelineKind::auth_invalid, PipelineKind::auth, PipelineKind::anon_invalid, PipelineKind::anon};
+
+// A line of the signed-in user.
+[[nodiscard]] constexpr bool isAuthenticated(PipelineKind kind) noexcept {
+    return kind == PipelineKind::auth_invalid || kind == PipelineKind::auth;
+}
+
+// A line of records that could not be deciphered, kept as they were stored.
+[[nodiscard]] constexpr bool isInvalidLine(PipelineKind kind) noexcept {
+    return kind == PipelineKind::auth_invalid || kind == PipelineKind::anon_invalid;
+}
+
+// A line whose events are sent with the identity of the signed-in user.
+[[nodiscard]] constexpr bool carriesIdentity(PipelineKind kind) noexcept {
+    return kind == PipelineKind::meta || kind == PipelineKind::auth;
+}
 
 namespace debug {
 

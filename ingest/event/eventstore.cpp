@@ -106,17 +106,17 @@ void EventStore::pop(uint64_t count) {
         VELMORA_LOG(info, "event.store") << "ignore pop=" << count << " name=" << name_;
         return;
     }
+    uint64_t popped = 0;
     if (readPart_) {
-        const uint64_t held = std::min(count, readPart_->size());
-        readPart_->pop(held);
-        balance_ -= held;
+        popped = readPart_->pop(count);
+        balance_ -= popped;
         try {
             advanceReadPart();
         } catch (const FQException& e) {  // the records are popped all the same; the next peek moves on
             VELMORA_LOG(warn, "event.store") << "can't move on to the next part: " << e.what() << " name=" << name_;
         }
     }
-    VELMORA_LOG(info, "event.store") << "popped=" << count << " balance=" << balance_ << " name=" << name_;
+    VELMORA_LOG(info, "event.store") << "popped=" << popped << " balance=" << balance_ << " name=" << name_;
 }
 
 std::vector<std::string> EventStore::peek(uint64_t count) {
@@ -171,7 +171,8 @@ void EventStore::truncateIfTooManyFiles() {
     manifest_->recreate();
 }
 
-// From the front on, up to the first name that can't be read or can't be one.
+// From the front on, up to the first name that can't be read or can't be one. A manifest without names beside part
+// files has been begun anew in place of a damaged one.
 std::vector<PartName> EventStore::readManifest() {
     std::vector<PartName> listed;
     bool damaged = false;
@@ -185,8 +186,18 @@ std::vector<PartName> EventStore::readManifest() {
         if (!name.isPlain() || name.string() == kManifestName || isAmong(names, name)) break;
         names.push_back(name);
     }
-    if (damaged || names.size() < listed.size()) keepOnly(names);
+    damaged = damaged || names.size() < listed.size() || (names.empty() && holdsPartFiles());
+    if (damaged) keepOnly(names);
     return names;
+}
+
+bool EventStore::holdsPartFiles() {
+    bool found = false;
+    Filesystem::listDirectory(folder_, [&](const std::string& child) {
+        found = child != kManifestName;
+        return !found;
+    });
+    return found;
 }
 
 // A new manifest with these names. What it does not list would never be read, and weigh on the folder's size for ever.
@@ -211,7 +222,7 @@ void EventStore::tryPush(const std::string& event) {
             if (e.code() == FQError::file_limit_exceeded) {
                 renewed = makeRoomFor(event, renewed);
             } else if (e.code() == FQError::file_corrupt && !renewed) {
-                const uint64_t lost = giveUp(*writePart_);
+                const uint64_t lost = giveUpWritePart();
                 VELMORA_LOG(warn, "event.store") << "push failed: truncating fq with num_events=" << lost;
                 renewed = true;
             } else {
@@ -230,8 +241,13 @@ bool EventStore::makeRoomFor(const std::string& event, bool renewed) {
     }
     const bool fitsFreshPart = event.size() + kQueueLengthSize <= fileRotationSize_;
     if (renewed || !fitsFreshPart) throw std::system_error(make_error_code(VelmoraError::event_too_big));
-    giveUp(*writePart_);
+    giveUpWritePart();
     return true;
+}
+
+uint64_t EventStore::giveUpWritePart() {
+    if (writePart_ == readPart_) ignorePop_ = true;  // with it goes what a batch in flight has been made of
+    return giveUp(*writePart_);
 }
 
 // Takes the part's events out of the count, also if there is no new file then.

@@ -48,6 +48,7 @@ private:
     bool openManifest(bool create) VELMORA_REQUIRES(mutex_);
     void truncateIfTooManyFiles() VELMORA_REQUIRES(mutex_);
     std::vector<PartName> readManifest() VELMORA_REQUIRES(mutex_);
+    bool holdsPartFiles() VELMORA_REQUIRES(mutex_);
     void keepOnly(const std::vector<PartName>& names) VELMORA_REQUIRES(mutex_);
 
     void tryPush(const std::string& event) VELMORA_REQUIRES(mutex_);
@@ -59,6 +60,7 @@ private:
     uint64_t advanceReadPart() VELMORA_REQUIRES(mutex_);
     void dropReadPart() VELMORA_REQUIRES(mutex_);
     uint64_t giveUp(PartFileQueue& part) VELMORA_REQUIRES(mutex_);
+    uint64_t giveUpWritePart() VELMORA_REQUIRES(mutex_);
 
     void purgeEventFiles() VELMORA_REQUIRES(mutex_);
     void sweep(Purge& purge) VELMORA_REQUIRES(mutex_);

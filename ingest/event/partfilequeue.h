@@ -17,7 +17,7 @@ public:
     [[nodiscard]] uint64_t size() const noexcept { return storage_.recordCount(); }
 
     void push(const std::string& event) { storage_.pushRecord(event); }
-    void pop(uint64_t count) { storage_.popRecords(count); }
+    uint64_t pop(uint64_t count) { return storage_.popRecords(count); }  // how many there were to pop
     void peek(uint64_t count, std::vector<std::string>& out) { storage_.peekRecords(storage_.header(), count, out); }
 
     // Gives the events up and begins anew with an empty file. If that raises, the part is empty, and the next push

@@ -32,14 +32,11 @@ Reason rejectionReason(const std::error_code& code) {
 
 // The kind whose folder a store's name speaks of; the meta line for names that speak of none.
 PipelineKind kindOfStore(const std::string& storeName) {
-    for (const PipelineKind kind : {PipelineKind::meta, PipelineKind::auth_invalid, PipelineKind::auth,
-                                    PipelineKind::anon_invalid, PipelineKind::anon}) {
+    for (const PipelineKind kind : kEveryPipelineKind) {
         if (storeName.find(storeFolderName(kind)) != std::string::npos) return kind;
     }
     return PipelineKind::meta;
 }
-
-PipelineState lesser(PipelineState a, PipelineState b) { return std::min(a, b); }
 
 }  // namespace
 
@@ -74,7 +71,7 @@ IngestInstanceImpl::IngestInstanceImpl(SessionView& session, std::string configG
       authPipeline_(makeLine(PipelineKind::auth)),
       anonInvalidPipeline_(makeLine(PipelineKind::anon_invalid)),
       anonPipeline_(makeLine(PipelineKind::anon)),
-      orphanInstance_(session_, configProvider_, configGuid_, orphanCallbacks()),
+      orphanInstance_(session_, configProvider_, configGuid_, lineCallbacks()),
       healthCheck_(configProvider_, debugCounters_) {
     VELMORA_LOG(always, "ingestinstance") << "Initializing IngestInstanceImpl";
     try {
@@ -87,14 +84,11 @@ IngestInstanceImpl::IngestInstanceImpl(SessionView& session, std::string configG
 }
 
 std::unique_ptr<Pipeline> IngestInstanceImpl::makeLine(PipelineKind kind) {
-    auto onDrop = [this](const std::string& storeName, const std::string& reason, uint64_t count, uint64_t size) {
-        onDropped(storeName, reason, count, size);
-    };
     return std::make_unique<Pipeline>(session_, configProvider_, *instanceFolder_ / storeFolderName(kind),
-                                      std::move(onDrop), "main", kind);
+                                      lineCallbacks().onDrop, "main", kind);
 }
 
-OrphanCallbacks IngestInstanceImpl::orphanCallbacks() {
+LineCallbacks IngestInstanceImpl::lineCallbacks() {
     using Events = std::vector<std::string>;
     return {
         [this](const std::string& storeName, const std::string& reason, uint64_t count, uint64_t size) {
@@ -104,10 +98,10 @@ OrphanCallbacks IngestInstanceImpl::orphanCallbacks() {
             return preset_.tryApplyBatchAttributes(event, includeIdentity);
         },
         [this](const std::error_code& error, const Events& valid, const Events& invalid) {
-            onErrorFromAuthLine(error, valid, invalid);
+            onErrorFromLine(true, error, valid, invalid);
         },
         [this](const std::error_code& error, const Events& valid, const Events& invalid) {
-            onErrorFromAnonLine(error, valid, invalid);
+            onErrorFromLine(false, error, valid, invalid);
         },
         [this](const std::string& folderName, PipelineKind kind, Item item, Action action, Reason reason,
                uint64_t count) { debugCounters_.add(folderName, kind, item, action, reason, count); },
@@ -119,7 +113,7 @@ void IngestInstanceImpl::connectLines() {
     if (sourceType_ == SourceType::host) session_.setCommonData(commonData_);
     preset_.setSessionGuid(session_.getSessionGuid());
     preset_.setLorneProfile(session_.getLorneProfile());
-    const OrphanCallbacks callbacks = orphanCallbacks();
+    const LineCallbacks callbacks = lineCallbacks();
     for (Pipeline* line : {metaPipeline_.get(), authPipeline_.get(), anonPipeline_.get()}) {
         line->setEventTransform(callbacks.eventTransform);
     }
@@ -196,8 +190,8 @@ void IngestInstanceImpl::countRejected(PipelineKind kind, const std::error_code&
 
 void IngestInstanceImpl::changeState(int32_t state, int32_t authState) {
     const PipelineState network = session_.getNetworkLimit();
-    const PipelineState line = lesser(static_cast<PipelineState>(state), network);
-    const PipelineState auth = lesser(static_cast<PipelineState>(authState), line);
+    const PipelineState line = std::min(static_cast<PipelineState>(state), network);
+    const PipelineState auth = std::min(static_cast<PipelineState>(authState), line);
     authPipeline_->changeState(auth);
     anonPipeline_->changeState(line);
     metaPipeline_->changeState(line);
@@ -213,28 +207,18 @@ void IngestInstanceImpl::doUpdateState() {
     changeState(static_cast<int32_t>(session_.getOnlineLimit()), static_cast<int32_t>(authState));
 }
 
-void IngestInstanceImpl::onErrorFromAuthLine(const std::error_code& error, const std::vector<std::string>& validEvents,
-                                             const std::vector<std::string>& invalidEvents) {
+void IngestInstanceImpl::onErrorFromLine(bool auth, const std::error_code& error,
+                                         const std::vector<std::string>& validEvents,
+                                         const std::vector<std::string>& invalidEvents) {
     engine_.schedule(Task([this, error] { handleError(error); }));
-    VELMORA_LOG(error, "ingestinstance") << "Resubmitting " << validEvents.size() << " valid events and "
-                                         << invalidEvents.size()
-                                         << " invalid events at the back of auth(_invalid) queues: error="
-                                         << error.message();
-    resubmit(*authPipeline_, *authInvalidPipeline_, validEvents, invalidEvents);
-}
-
-void IngestInstanceImpl::onErrorFromAnonLine(const std::error_code& error, const std::vector<std::string>& validEvents,
-                                             const std::vector<std::string>& invalidEvents) {
-    engine_.schedule(Task([this, error] { handleError(error); }));
-    VELMORA_LOG(error, "ingestinstance") << "Resubmitting " << validEvents.size() << " valid events and "
-                                         << invalidEvents.size()
-                                         << " invalid events at the back of anon(_invalid) queues: error="
-                                         << error.message();
-    resubmit(*anonPipeline_, *anonInvalidPipeline_, validEvents, invalidEvents);
-}
-
-void IngestInstanceImpl::resubmit(Pipeline& line, Pipeline& invalidLine, const std::vector<std::string>& validEvents,
-                                  const std::vector<std::string>& invalidEvents) {
+    VELMORA_LOG_AT(
+        error, "ingestinstance",
+        auth ? "velmora::IngestInstanceImpl::onErrorFromAuthLine" : "velmora::IngestInstanceImpl::onErrorFromAnonLine")
+        << "Resubmitting " << validEvents.size() << " valid events and " << invalidEvents.size()
+        << " invalid events at the back of " << (auth ? "auth" : "anon")
+        << "(_invalid) queues: error=" << error.message();
+    Pipeline& line = auth ? *authPipeline_ : *anonPipeline_;
+    Pipeline& invalidLine = auth ? *authInvalidPipeline_ : *anonInvalidPipeline_;
     for (const std::string& event : validEvents) line.submitEvent(event, true);
     if (invalidEvents.empty()) return;
     submitMetaEvent(MetaEvent::makeLifecycle(sourceType_, "warn", "decrypt", invalidEvents.size()).json());

@@ -54,19 +54,15 @@ private:
 
     void connectLines();
     void begin();
-    OrphanCallbacks orphanCallbacks();
+    LineCallbacks lineCallbacks();
     std::unique_ptr<Pipeline> makeLine(PipelineKind kind);
 
     void submitEventInPipeline(Pipeline& pipeline, const std::string& json, bool batch, int32_t validate,
                                const std::string& configOverride);
     void countRejected(PipelineKind kind, const std::error_code& code);
 
-    void onErrorFromAuthLine(const std::error_code& error, const std::vector<std::string>& validEvents,
-                             const std::vector<std::string>& invalidEvents);
-    void onErrorFromAnonLine(const std::error_code& error, const std::vector<std::string>& validEvents,
-                             const std::vector<std::string>& invalidEvents);
-    void resubmit(Pipeline& line, Pipeline& invalidLine, const std::vector<std::string>& validEvents,
-                  const std::vector<std::string>& invalidEvents);
+    void onErrorFromLine(bool auth, const std::error_code& error, const std::vector<std::string>& validEvents,
+                         const std::vector<std::string>& invalidEvents);
     void handleError(const std::error_code& code);
     void doUpdateState();
     void onDropped(const std::string& storeName, const std::string& reason, uint64_t count, uint64_t folderSize);

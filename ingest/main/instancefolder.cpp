@@ -1,12 +1,13 @@
 #include "ingest/main/instancefolder.h"
 
 #include <algorithm>
+#include <charconv>
 #include <stdexcept>
+#include <system_error>
 #include <utility>
 
 #include "core/filesystem/filesystem.h"
 #include "core/types/errors.h"
-#include "core/utils/strings.h"
 
 namespace velmora {
 namespace {
@@ -27,21 +28,18 @@ LockedPath busyPlaceholder() {
     return none;
 }
 
-int strictNumber(const std::string& name) {
-    try {
-        return std::stoi(name);
-    } catch (const std::out_of_range&) {
-        throw std::out_of_range("stoi argument out of range");
-    } catch (const std::invalid_argument&) {
-        throw std::invalid_argument("invalid stoi argument");
-    }
+// Digits and nothing else: copies and backups of a folder are no folders of instances.
+int64_t folderNumber(const std::string& name, bool create) {
+    int32_t number = 0;
+    const char* const end = name.data() + name.size();
+    const auto [rest, error] = std::from_chars(name.data(), end, number);
+    if (error == std::errc() && rest == end && number >= 0) return number;
+    if (create) return 0;
+    if (error == std::errc::result_out_of_range) throw std::out_of_range("stoi argument out of range");
+    throw std::invalid_argument("invalid stoi argument");
 }
 
-int folderNumber(const std::string& name, bool create) {
-    return create ? std::max(velmora::stoi(name), 0) : strictNumber(name);
-}
-
-LockedPath holdNewFolder(const Path& base, int highest) {
+LockedPath holdNewFolder(const Path& base, int64_t highest) {
     LockedPath held = busyPlaceholder();
     for (int vanished = 0; held.isBusy() && vanished < kMaxVanished;) {
         const Path folder = base / std::to_string(++highest);
@@ -56,7 +54,7 @@ LockedPath holdNewFolder(const Path& base, int highest) {
 
 std::unique_ptr<LockedPath> acquireInstanceFolder(const std::string& configGuid, bool create) {
     const Path base = Filesystem::getDataFolder(false) / configGuid / "v1";
-    int highest = -1;
+    int64_t highest = -1;
     LockedPath held = busyPlaceholder();
     Filesystem::listDirectory(base, [&](const std::string& name) {
         highest = std::max(highest, folderNumber(name, create));

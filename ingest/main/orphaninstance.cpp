@@ -13,11 +13,6 @@ namespace {
 
 constexpr std::chrono::milliseconds kScanInterval(1800000);
 
-constexpr std::array<PipelineKind, kPipelineKinds> kKinds{
-    PipelineKind::meta, PipelineKind::auth_invalid, PipelineKind::auth, PipelineKind::anon_invalid, PipelineKind::anon};
-
-bool isAuthLine(PipelineKind kind) { return kind == PipelineKind::auth_invalid || kind == PipelineKind::auth; }
-
 const char* emptyText(PipelineKind kind) {
     switch (kind) {
         case PipelineKind::meta:
@@ -37,7 +32,7 @@ const char* emptyText(PipelineKind kind) {
 }  // namespace
 
 OrphanInstance::OrphanInstance(SessionView& session, const IngestConfigProvider& config, std::string configGuid,
-                               OrphanCallbacks callbacks)
+                               LineCallbacks callbacks)
     : session_(session), config_(config), configGuid_(std::move(configGuid)), callbacks_(std::move(callbacks)) {
     VELMORA_LOG(info, "orphaninstance") << "Initializing OrphanInstance";
 }
@@ -58,7 +53,7 @@ void OrphanInstance::doChangeState(PipelineState authState, PipelineState anonSt
     anonState_ = anonState;
     applyStates();
     const bool on = std::max(authState, anonState) == PipelineState::On;
-    if (stopped_.exchange(!on) == !on) return;
+    if (std::exchange(stopped_, !on) == !on) return;
     if (on) {
         timer_.start();
         startNewInstance();
@@ -69,21 +64,22 @@ void OrphanInstance::doChangeState(PipelineState authState, PipelineState anonSt
 }
 
 void OrphanInstance::applyStates() {
-    // In the order in which an instance does it: meta and anon lines by the anon state, the others by the auth state.
+    // The lines of the signed-in user come last.
     for (const PipelineKind kind : {PipelineKind::meta, PipelineKind::anon_invalid, PipelineKind::anon,
                                     PipelineKind::auth_invalid, PipelineKind::auth}) {
         if (const auto& pipeline = line(kind).pipeline)
-            pipeline->changeState(isAuthLine(kind) ? authState_ : anonState_);
+            pipeline->changeState(isAuthenticated(kind) ? authState_ : anonState_);
     }
 }
 
 void OrphanInstance::startNewInstance() {
+    if (stopped_ || folder_) return;
     if (!config_.read([](const auto& config) { return config.orphanInstanceEnabled; })) {
         VELMORA_LOG(info, "orphaninstance") << "Orphan instance is disabled";
         return;
     }
     VELMORA_LOG(info, "orphaninstance") << "Starting new orphan instance";
-    if (!folder_) folder_ = acquireInstanceFolder(configGuid_, false);
+    folder_ = acquireInstanceFolder(configGuid_, false);
     if (!folder_) {
         timer_.schedule(kScanInterval, Task([this] { schedule(Task([this] { startNewInstance(); })); }));
         return;
@@ -94,10 +90,10 @@ void OrphanInstance::startNewInstance() {
 }
 
 void OrphanInstance::openLines() {
-    // All flags before the first line: one that can't be opened must not look finished to the others.
-    for (const PipelineKind kind : kKinds) line(kind).empty = !(*folder_ / storeFolderName(kind)).exists();
-    for (const PipelineKind kind : kKinds) {
-        if (!line(kind).empty) openLine(kind);
+    // All flags before the first line: one that can't be opened does not look finished, and keeps the folder.
+    for (const PipelineKind kind : kEveryPipelineKind) line(kind).empty = !(*folder_ / storeFolderName(kind)).exists();
+    for (const PipelineKind kind : kEveryPipelineKind) {
+        if (!line(kind).empty) exceptionSafeWrapper([&] { openLine(kind); });
     }
 }
 
@@ -105,10 +101,9 @@ void OrphanInstance::openLine(PipelineKind kind) {
     auto pipeline = std::make_unique<Pipeline>(session_, config_, *folder_ / storeFolderName(kind), callbacks_.onDrop,
                                                "orphan", kind);
     pipeline->setDebugCallback(callbacks_.onDebug);
-    const bool isInvalidLine = kind == PipelineKind::auth_invalid || kind == PipelineKind::anon_invalid;
-    if (!isInvalidLine) pipeline->setEventTransform(callbacks_.eventTransform);
+    if (!isInvalidLine(kind)) pipeline->setEventTransform(callbacks_.eventTransform);
     if (kind != PipelineKind::meta) {
-        pipeline->setBatchErrorCallback(isAuthLine(kind) ? callbacks_.onAuthError : callbacks_.onAnonError);
+        pipeline->setBatchErrorCallback(isAuthenticated(kind) ? callbacks_.onAuthError : callbacks_.onAnonError);
     }
     pipeline->setEmptyCallback([this, kind] {
         VELMORA_LOG_AT(info, "orphaninstance", "velmora::OrphanInstance::startNewInstance") << emptyText(kind);

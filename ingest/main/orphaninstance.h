@@ -3,7 +3,6 @@
 #pragma once
 
 #include <array>
-#include <atomic>
 #include <memory>
 #include <string>
 
@@ -13,20 +12,12 @@
 
 namespace velmora {
 
-// What the lines of an adopted folder are connected to.
-struct OrphanCallbacks {
-    DropCallback onDrop;
-    Pipeline::EventTransform eventTransform;
-    Pipeline::BatchErrorCallback onAuthError;
-    Pipeline::BatchErrorCallback onAnonError;
-    Pipeline::DebugCallback onDebug;
-};
-
-// Threads: changeState from any; everything else happens on its own engine.
+// Threads: changeState from any; everything else happens on its own engine. A scan that is due may find the state
+// changed since: what it decides by is the state at its turn.
 class OrphanInstance : private SerialTaskEngine {
 public:
     OrphanInstance(SessionView& session, const IngestConfigProvider& config, std::string configGuid,
-                   OrphanCallbacks callbacks);
+                   LineCallbacks callbacks);
 
     // Gives up the folder that it holds; what is not sent stays there.
     ~OrphanInstance() override;
@@ -55,10 +46,10 @@ private:
     SessionView& session_;
     const IngestConfigProvider& config_;
     const std::string configGuid_;
-    const OrphanCallbacks callbacks_;
+    const LineCallbacks callbacks_;
     PipelineState authState_ = PipelineState::SaveOnly;
     PipelineState anonState_ = PipelineState::SaveOnly;
-    std::atomic<bool> stopped_ = true;  // exchanged on the engine alone, read by its timer
+    bool stopped_ = true;  // neither of the two states is On
     std::unique_ptr<LockedPath> folder_;
     std::array<Line, kPipelineKinds> lines_;  // by kind; destroyed before the folder's hold
     TaskEngine timer_;

@@ -1,6 +1,7 @@
 #include "ingest/main/pipeline.h"
 
-#include <algorithm>
+#include <exception>
+#include <functional>
 #include <utility>
 
 #include "core/json/jsontext.h"
@@ -13,17 +14,6 @@
 #include "service/ingest/ingestrequest.h"
 
 namespace velmora {
-namespace {
-
-bool isAuthenticated(PipelineKind kind) { return kind == PipelineKind::auth_invalid || kind == PipelineKind::auth; }
-
-bool isInvalidLine(PipelineKind kind) {
-    return kind == PipelineKind::auth_invalid || kind == PipelineKind::anon_invalid;
-}
-
-bool carriesIdentity(PipelineKind kind) { return kind == PipelineKind::meta || kind == PipelineKind::auth; }
-
-}  // namespace
 
 QueueConfig Pipeline::queueConfig(const IngestConfigProvider& config, const std::string& name, PipelineKind kind) {
     return config.read([&](const Config& c) {
@@ -61,18 +51,19 @@ void Pipeline::changeState(PipelineState next) {
     if (state_.exchange(next) == next) return;
     VELMORA_LOG(info, "pipeline") << "Change state: name=" << name_ << " state=" << toString(next);
     if (next == PipelineState::On) {
+        timer_.start();  // first: a batch that fails at once arms its retry there
         maybeStartBatch(true);
-        timer_.start();
         armBatchTimer();
         return;
     }
     timer_.stop();
-    inProcess_ = false;
-    if (next == PipelineState::Off && isAuthenticated(kind_)) discardAll();
+    slot_ = BatchSlot::free;
+    if (isOptedOut()) discardAll();
 }
 
 void Pipeline::discardAll() {
     VELMORA_LOG(warn, "pipeline") << "Discard all events: reason=optout name=" << name_;
+    discardDirectPosts();
     schedule(Task([this] {
         const uint64_t count = store_->size();
         store_->remove();
@@ -97,7 +88,12 @@ bool Pipeline::isEnciphered() const {
     return !isInvalidLine(kind_) && config_.read([](const Config& c) { return c.encryptionEnabled; });
 }
 
-void Pipeline::storeEvent(const std::string& event) { push(isEnciphered() ? crypt_.encrypt(event) : event); }
+void Pipeline::storeEvent(const std::string& event) {
+    if (!isEnciphered()) return push(event);
+    const std::string enciphered = crypt_.encrypt(event);
+    if (enciphered.empty()) throw std::system_error(VelmoraError::unknown, "event can't be enciphered");
+    push(enciphered);
+}
 
 void Pipeline::push(const std::string& stored) {
     VELMORA_LOG(debug, "pipeline") << "Push: name=" << name_;
@@ -107,7 +103,7 @@ void Pipeline::push(const std::string& stored) {
 void Pipeline::maybeStartBatch(bool useBatchSize) {
     const uint64_t threshold = useBatchSize ? config_.read([](const Config& c) { return c.batchSize; }) : 1;
     const uint64_t stored = store_->size();
-    if (!inProcess_ && state_ == PipelineState::On && stored >= threshold && !inProcess_.exchange(true)) {
+    if (state_ == PipelineState::On && stored >= threshold && takeSlot(BatchSlot::free)) {
         enqueueTask(Task([this] { doInitiateRequest(); }));
     }
     if (stored == 0 && emptyCallback_) emptyCallback_();
@@ -131,7 +127,7 @@ void Pipeline::enqueueTask(Task step) {
             step();
         } catch (...) {
             lastError_ = currentExceptionToErrorCode("pipeline", "velmora::Pipeline::enqueueTask");
-            const ScopeExit done([this] { inProcess_ = false; });
+            const ScopeExit done([this] { slot_ = BatchSlot::free; });
             doHandleError();
         }
     }));
@@ -140,7 +136,7 @@ void Pipeline::enqueueTask(Task step) {
 bool Pipeline::bailOut() {
     if (state_ == PipelineState::On) return false;
     doResetState();
-    inProcess_ = false;
+    slot_ = BatchSlot::free;
     VELMORA_LOG(info, "pipeline") << "Bailing out";
     return true;
 }
@@ -148,16 +144,22 @@ bool Pipeline::bailOut() {
 void Pipeline::doInitiateRequest() {
     VELMORA_LOG(debug, "pipeline") << "Start batch-task: name=" << name_;
     doResetState();
-    if (store_->size() == 0) return;  // inProcess_ stays set until the state leaves On: emptied since the decision
-    formBatch();
-    doPostBatch();
+    if (store_->size() == 0) {  // emptied since the decision
+        auto taken = BatchSlot::taken;
+        slot_.compare_exchange_strong(taken, BatchSlot::emptied);
+        return;
+    }
+    if (formBatch()) return doPostBatch();
+    slot_ = BatchSlot::free;
 }
 
-void Pipeline::formBatch() {
+bool Pipeline::formBatch() {
     std::vector<std::string> records = store_->peek(batchSize_);
     batchSize_ = records.size();
+    if (records.empty()) return false;
     std::vector<std::string> plain = doDecrypt(records);
     request_ = makeRequest(doFilterInvalidEvents(std::move(records), std::move(plain)));
+    return true;
 }
 
 std::vector<std::string> Pipeline::doDecrypt(const std::vector<std::string>& records) const {
@@ -172,31 +174,43 @@ std::vector<std::string> Pipeline::doDecrypt(const std::vector<std::string>& rec
 }
 
 // The transform parses each event, and so is the test of what is a JSON object, too: what it takes goes into the batch.
+// If it throws, the batch is given up as a whole: the rest is sorted before the exception goes on.
 std::vector<std::string> Pipeline::doFilterInvalidEvents(std::vector<std::string> records,
                                                          std::vector<std::string> plain) {
     validEvents_.clear();
     invalidEvents_.clear();
     std::vector<std::string> transformed;
-    transformed.reserve(plain.size());
+    for (auto* list : {&validEvents_, &invalidEvents_, &transformed}) list->reserve(plain.size());
+    std::exception_ptr failure;
     for (size_t i = 0; i < plain.size(); ++i) {
-        std::string event = plain[i];
-        if (transform(event)) {
-            transformed.push_back(std::move(event));
-            validEvents_.push_back(std::move(plain[i]));
-        } else {
-            invalidEvents_.push_back(std::move(records[i]));
+        bool valid = false;
+        try {
+            valid = failure ? validJSON(plain[i]) : appendTransformed(plain[i], transformed);
+        } catch (...) {
+            failure = std::current_exception();
+            valid = validJSON(plain[i]);
         }
+        auto& list = valid ? validEvents_ : invalidEvents_;
+        list.push_back(std::move(valid ? plain[i] : records[i]));
     }
     if (!invalidEvents_.empty()) {
         VELMORA_LOG(warn, "pipeline") << "Filter out events: count=" << invalidEvents_.size() << " name=" << name_;
     }
+    if (failure) std::rethrow_exception(failure);
     return transformed;
 }
 
+bool Pipeline::appendTransformed(std::string event, std::vector<std::string>& transformed) const {
+    const bool valid = transform(event);
+    if (valid) transformed.push_back(std::move(event));
+    return valid;
+}
+
 bool Pipeline::transform(std::string& event) const {
+    if (eventTransform_) return eventTransform_(event, carriesIdentity(kind_));
     // A line without a transform holds what can't be deciphered: a readable event there is a fault.
-    if (!eventTransform_ && !validJSON(event)) return false;
-    return eventTransform_(event, carriesIdentity(kind_));
+    if (validJSON(event)) throw std::bad_function_call();
+    return false;
 }
 
 http::Request Pipeline::makeRequest(const std::vector<std::string>& transformed) const {
@@ -218,8 +232,7 @@ future<std::error_code> Pipeline::flush() {
     waitFor(
         [&] {
             retrySeen = retryInProgress_;
-            bool idle = false;
-            return retrySeen || inProcess_.compare_exchange_strong(idle, true);
+            return retrySeen || takeSlot(BatchSlot::free) || takeSlot(BatchSlot::emptied);
         },
         "in-process batch (name=" + name_ + ")", 1, kNoTimeout);
     return schedule(std::error_code(), [this, retrySeen] { return doFlush(retrySeen); });
@@ -227,7 +240,7 @@ future<std::error_code> Pipeline::flush() {
 
 std::error_code Pipeline::doFlush(bool retrySeen) {
     const ScopeExit done([this, retrySeen] {
-        if (!retrySeen) inProcess_ = false;  // else the batch that waits for its retry still owns it
+        if (!retrySeen) slot_ = BatchSlot::free;  // else the batch that waits for its retry still owns it
     });
     std::error_code result;
     try {
@@ -248,12 +261,16 @@ std::error_code Pipeline::doFlush(bool retrySeen) {
 }
 
 void Pipeline::flushBatches() {
-    while (true) {
+    for (bool foundNothing = false;;) {
         VELMORA_LOG_AT(info, "pipeline", "velmora::Pipeline::flush") << "flush iteration: name=" << name_;
         if (store_->size() == 0) return;
         if (state_ != PipelineState::On) throw std::system_error(VelmoraError::precondition_failed, "state is not on");
         doResetState();
-        formBatch();
+        if (!formBatch()) {  // what was counted has been found damaged; more may have come meanwhile
+            if (std::exchange(foundNothing, true)) return;
+            continue;
+        }
+        foundNothing = false;
         const http::Response response = doPost(request_);
         lastError_ = response.error;
         logHTTPResponse(response);

@@ -3,7 +3,7 @@
 // pointless; so the service may see a batch twice, and never misses one.
 //
 // Threads: submitEvent, changeState, size and flush may be called from any thread. All work on a batch runs on the
-// line's own serial engine; `inProcess_` is what keeps two batches from overlapping.
+// line's own serial engine; one slot, which a batch or a flush takes, is what keeps two batches from overlapping.
 #pragma once
 
 #include <atomic>
@@ -61,7 +61,8 @@ public:
     void setEmptyCallback(std::function<void()> callback) { emptyCallback_ = std::move(callback); }
 
     // On begins sending; any other state ends it and forgets the batch in flight, whose events are still stored. Off
-    // makes the lines of the signed-in user discard what they hold. Not to be called from two threads at once.
+    // makes the lines of the signed-in user discard what they hold, events on their way included. Not to be called from
+    // two threads at once.
     void changeState(PipelineState state);
 
     // Stores an event; with `batch` false and sending on, posts it at once instead, and stores it only if that fails.
@@ -82,8 +83,15 @@ private:
 
     // An event that has been accepted for posting without the store; it is not lost while it stands here.
     struct DirectPost {
-        std::string event;
+        std::string event;  // emptied when its user opts out: from then on it is neither sent nor stored
         Transfer transfer;
+    };
+
+    // Who owns the fields of the batch in flight.
+    enum class BatchSlot {
+        free,
+        taken,    // a batch or a flush
+        emptied,  // a batch that found the store empty: none starts until the state leaves On, or a flush takes over
     };
 
     using Config = service::config::ingest::Config;
@@ -94,17 +102,20 @@ private:
     bool isEnciphered() const;
     void storeEvent(const std::string& event);
     void push(const std::string& stored);
+    bool isOptedOut() const { return state_ == PipelineState::Off && isAuthenticated(kind_); }
     void discardAll();
     void maybeStartBatch(bool useBatchSize);
     void armBatchTimer();
     void onBatchTimeout();
     void enqueueTask(Task step);
     bool bailOut();
+    bool takeSlot(BatchSlot from) { return slot_.compare_exchange_strong(from, BatchSlot::taken); }
 
     void doInitiateRequest();
-    void formBatch();
+    bool formBatch();  // false if there is nothing to post
     std::vector<std::string> doDecrypt(const std::vector<std::string>& records) const;
     std::vector<std::string> doFilterInvalidEvents(std::vector<std::string> records, std::vector<std::string> plain);
+    bool appendTransformed(std::string event, std::vector<std::string>& transformed) const;
     bool transform(std::string& event) const;
     std::string doBatch(const std::vector<std::string>& events) const;
     http::Request makeRequest(const std::vector<std::string>& transformed) const;
@@ -129,6 +140,8 @@ private:
     void flushBatches();
 
     void scheduleDirectPost(std::string event);
+    void discardDirectPosts();
+    std::string directEvent(uint64_t id);
     void doDirectPost(uint64_t id);
     void onDirectAnswer(uint64_t id, const http::Response& response);
     void storeAnsweredWithError(std::string event);
@@ -149,7 +162,7 @@ private:
     std::function<void()> emptyCallback_;
     const PipelineKind kind_;
     const bool compressionEnabled_ = true;
-    std::atomic<bool> inProcess_ = false;  // a batch or a flush owns the engine's batch fields; taken by exchange
+    std::atomic<BatchSlot> slot_ = BatchSlot::free;  // taken by exchange on any thread
 
     // The batch in flight; on the engine only.
     uint64_t batchSize_ = 0;
@@ -168,6 +181,15 @@ private:
     std::map<uint64_t, DirectPost> directRequests_ VELMORA_GUARDED_BY(directMutex_);
 
     TaskEngine timer_;
+};
+
+// What the owner of lines connects them to, those of an adopted folder like its own.
+struct LineCallbacks {
+    DropCallback onDrop;
+    Pipeline::EventTransform eventTransform;
+    Pipeline::BatchErrorCallback onAuthError;
+    Pipeline::BatchErrorCallback onAnonError;
+    Pipeline::DebugCallback onDebug;
 };
 
 }  // namespace velmora

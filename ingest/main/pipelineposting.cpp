@@ -20,9 +20,28 @@ http::Response failedResponse(std::error_code error) {
     return response;
 }
 
-std::shared_ptr<http::Responder> makeResponder(const std::function<void(const http::Response&)>& onAnswer) {
-    return std::make_shared<http::BasicResponder>(
-        onAnswer, [onAnswer](std::error_code error, const char*, size_t) { onAnswer(failedResponse(error)); });
+// Answers once, also for a failed exchange with what had arrived: the server may have named a pause before it broke.
+class AnswerResponder final : public http::CollectingResponder {
+public:
+    explicit AnswerResponder(std::function<void(const http::Response&)> onAnswer) : onAnswer_(std::move(onAnswer)) {}
+    void onSuccess() override { onAnswer_(response_); }
+    void onFailure(std::error_code error) override {
+        response_.setError(error);
+        onAnswer_(response_);
+    }
+
+private:
+    const std::function<void(const http::Response&)> onAnswer_;
+};
+
+// What log lines say of any response.
+std::string describe(const http::Response& response, const std::string& name) {
+    const auto requestId = response.headers.find("x-request-id");
+    std::ostringstream text;
+    text << "Http response: name=" << name
+         << " x-request-id=" << (requestId == response.headers.end() ? std::string() : requestId->second)
+         << " status=" << static_cast<http::Status>(response.status);
+    return text.str();
 }
 
 }  // namespace
@@ -65,14 +84,14 @@ void Pipeline::doHandleResponse(uint64_t exchange, const http::Response& respons
     logHTTPResponse(response);
     if (lastError_) {
         report(Item::http, Action::request, Reason::error, 1);
-        if (doRetry(response)) return;  // inProcess_ stays set: no other batch starts while the retry waits
+        if (doRetry(response)) return;  // the slot stays taken: no other batch starts while the retry waits
         doHandleError();
     } else {
         report(Item::http, Action::request, Reason::success, 1);
         doHandleSuccess();
         doResetState();
     }
-    inProcess_ = false;
+    slot_ = BatchSlot::free;
     maybeStartBatch(true);
 }
 
@@ -118,27 +137,18 @@ void Pipeline::doHandleError() {
 }
 
 void Pipeline::logHTTPResponse(const http::Response& response) const {
-    const auto line = [&](std::ostream& out) -> std::ostream& {
-        const auto requestId = response.headers.find("x-request-id");
-        return out << "Http response: name=" << name_
-                   << " x-request-id=" << (requestId == response.headers.end() ? std::string() : requestId->second)
-                   << " status=" << static_cast<http::Status>(response.status);
-    };
-    std::ostringstream text;
     if (response.error) {
-        if (!logs(LogLevel::error)) return;
-        line(text) << " error=" << toString(response.error) << " body=" << response.body;
-        VELMORA_LOG(error, "pipeline") << text.str();
-    } else if (logs(LogLevel::info)) {
-        line(text);
-        VELMORA_LOG(info, "pipeline") << text.str();
+        VELMORA_LOG(error, "pipeline") << describe(response, name_) << " error=" << toString(response.error)
+                                       << " body=" << response.body;
+    } else {
+        VELMORA_LOG(info, "pipeline") << describe(response, name_);
     }
 }
 
 void Pipeline::post(http::Request request, const Answer& onAnswer, Transfer& transfer) {
     try {
         transfer::ExecutorImpl executor(session_.getTransferEngine());
-        transfer = executor.createContext(std::move(request), makeResponder(onAnswer));
+        transfer = executor.createContext(std::move(request), std::make_shared<AnswerResponder>(onAnswer));
         std::error_code error;
         executor.execute(transfer, error);  // a refusal reaches the responder as well
     } catch (const std::system_error& e) {
@@ -153,7 +163,8 @@ http::Response Pipeline::doPost(http::Request request) {
     http::Response answer;
     transfer::ExecutorImpl executor(session_.getTransferEngine());
     const Transfer transfer = executor.createContext(
-        std::move(request), makeResponder([&answer](const http::Response& response) { answer = response; }));
+        std::move(request),
+        std::make_shared<AnswerResponder>([&answer](const http::Response& response) { answer = response; }));
     std::error_code error;
     executor.execute(transfer, error);
     transfer->waitForCompletion();
@@ -170,20 +181,31 @@ void Pipeline::scheduleDirectPost(std::string event) {
     schedule(Task([this, id] { doDirectPost(id); }));
 }
 
+void Pipeline::discardDirectPosts() {
+    const MutexLock lock(directMutex_);
+    for (auto& [id, post] : directRequests_) post.event.clear();
+}
+
+// The text of an event that is to be posted; nothing if its user has opted out since it was accepted.
+std::string Pipeline::directEvent(uint64_t id) {
+    const MutexLock lock(directMutex_);
+    std::string event = isOptedOut() ? std::string() : directRequests_.at(id).event;
+    if (event.empty()) directRequests_.erase(id);
+    return event;
+}
+
 void Pipeline::doDirectPost(uint64_t id) {
-    std::string event;
-    {
-        const MutexLock lock(directMutex_);
-        event = directRequests_.at(id).event;
-    }
-    VELMORA_LOG(info, "pipeline") << "Http request: name=" << name_;
+    std::string event = directEvent(id);
+    if (event.empty()) return report(Item::event, Action::discarded, Reason::opt_out, 1);
     const Answer onAnswer = [this, id](const http::Response& response) {
         schedule(Task([this, id, response] { onDirectAnswer(id, response); }));
     };
     try {
         Transfer transfer;
         if (!transform(event)) throw std::system_error(VelmoraError::invalid_json);
-        post(makeRequest({event}), onAnswer, transfer);
+        http::Request request = makeRequest({event});
+        VELMORA_LOG(info, "pipeline") << "Http request: name=" << name_;
+        post(std::move(request), onAnswer, transfer);
         const MutexLock lock(directMutex_);
         directRequests_.at(id).transfer = std::move(transfer);
     } catch (...) {
@@ -207,6 +229,7 @@ void Pipeline::onDirectAnswer(uint64_t id, const http::Response& response) {
         return;
     }
     report(Item::http, Action::request, Reason::error, 1);
+    if (answered.event.empty()) return report(Item::event, Action::discarded, Reason::opt_out, 1);
     storeAnsweredWithError(std::move(answered.event));
 }
 
@@ -228,7 +251,7 @@ void Pipeline::storeDirectPosts() {
     }
     for (auto& [id, post] : unanswered) {
         post.transfer.reset();
-        exceptionSafeWrapper([&, &event = post.event] { storeEvent(event); });
+        if (!post.event.empty()) exceptionSafeWrapper([&, &event = post.event] { storeEvent(event); });
     }
 }
 

@@ -11,6 +11,7 @@ struct CuttingFiles::Plan {
     bool half = false;
     bool hit = false;
     uint64_t pretendedSize = 0;
+    bool reservationsRefused = false;
     uint64_t writes = 0;
     uint64_t reads = 0;
 
@@ -45,6 +46,8 @@ public:
         const bool half = std::exchange(plan_->half, false);
         return !half || real_->write(offset, data, size / 2);
     }
+
+    bool reserve(uint64_t bytes) noexcept override { return !plan_->reservationsRefused && real_->reserve(bytes); }
 
     bool size(uint64_t& bytes) noexcept override {
         if (!real_->size(bytes)) return false;
@@ -89,6 +92,8 @@ void CuttingFiles::failWritesAfter(uint64_t writes, uint64_t failures) {
 }
 
 void CuttingFiles::pretendSize(uint64_t bytes) { plan_->pretendedSize = bytes; }
+
+void CuttingFiles::refuseReservations(bool refuse) { plan_->reservationsRefused = refuse; }
 
 bool CuttingFiles::wasHit() const { return plan_->hit; }
 uint64_t CuttingFiles::writes() const { return plan_->writes; }

@@ -27,6 +27,9 @@ public:
     // The disk is full: files report this size, whatever was asked of them. 0 ends it.
     void pretendSize(uint64_t bytes);
 
+    // The disk is full, and tells so when room is asked for.
+    void refuseReservations(bool refuse);
+
     [[nodiscard]] bool wasHit() const;  // whether the chosen operation has come
     [[nodiscard]] uint64_t writes() const;
     [[nodiscard]] uint64_t reads() const;

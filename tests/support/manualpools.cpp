@@ -11,8 +11,11 @@ ManualPools::ManualPools() { setPools(&pool_, &timer_); }
 ManualPools::~ManualPools() { setPools(nullptr, nullptr); }
 
 void ManualPools::ManualPool::run(Task task) {
-    const MutexLock lock(owner.mutex_);
-    owner.tasks_.push_back(std::move(task));
+    {
+        const MutexLock lock(owner.mutex_);
+        if (!owner.atOnce_) return owner.tasks_.push_back(std::move(task));
+    }
+    task();
 }
 
 void ManualPools::ManualTimer::runAfter(std::chrono::milliseconds delay, Task task) {
@@ -37,10 +40,22 @@ bool ManualPools::takeTimer(std::chrono::milliseconds until, Task& task) {
     return true;
 }
 
+bool ManualPools::runOne() {
+    Task task;
+    if (!takeTask(task)) return false;
+    task();
+    return true;
+}
+
 size_t ManualPools::runAll() {
     size_t count = 0;
-    for (Task task; takeTask(task); ++count) task();
+    while (runOne()) ++count;
     return count;
+}
+
+void ManualPools::runAtOnce(bool atOnce) {
+    const MutexLock lock(mutex_);
+    atOnce_ = atOnce;
 }
 
 void ManualPools::advance(std::chrono::milliseconds time) {

@@ -21,6 +21,12 @@ public:
     // Runs queued tasks, and what they queue, until none is left. Returns how many ran.
     size_t runAll();
 
+    // Runs the oldest queued task, one of an engine's; false if there is none.
+    bool runOne();
+
+    // Tasks run within the call that queues them, as if the pool were faster than the caller.
+    void runAtOnce(bool atOnce);
+
     // Lets time pass: runs timers in the order of their due times, and after each all tasks.
     void advance(std::chrono::milliseconds time);
 
@@ -43,6 +49,7 @@ private:
     bool takeTimer(std::chrono::milliseconds until, Task& task);
 
     Mutex mutex_;
+    bool atOnce_ VELMORA_GUARDED_BY(mutex_) = false;
     std::deque<Task> tasks_ VELMORA_GUARDED_BY(mutex_);
     std::multimap<std::chrono::milliseconds, Task> timers_ VELMORA_GUARDED_BY(mutex_);
     std::chrono::milliseconds now_ VELMORA_GUARDED_BY(mutex_){0};

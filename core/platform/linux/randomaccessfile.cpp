@@ -32,6 +32,14 @@ public:
         });
     }
 
+    bool reserve(uint64_t bytes) noexcept override {
+        int failed = -1;
+        do {
+            failed = ::fallocate(descriptor_, 0, 0, static_cast<off_t>(bytes));
+        } while (failed != 0 && errno == EINTR);
+        return failed == 0 || errno == EOPNOTSUPP || errno == ENOSYS;
+    }
+
     bool size(uint64_t& bytes) noexcept override {
         struct stat status {};
         if (::fstat(descriptor_, &status) != 0) return false;

@@ -31,6 +31,9 @@ public:
         });
     }
 
+    // The end of a file is not moved without room for what is before it.
+    bool reserve(uint64_t) noexcept override { return true; }
+
     bool size(uint64_t& bytes) noexcept override {
         LARGE_INTEGER value{};
         if (::GetFileSizeEx(handle_, &value) == FALSE) return false;

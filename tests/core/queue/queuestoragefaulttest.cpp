@@ -7,6 +7,7 @@
 #include "core/queue/queuestorage.h"
 #include "core/types/errors.h"
 #include "tests/core/queue/queuefiles.h"
+#include "tests/support/capturedlog.h"
 #include "tests/support/cuttingfile.h"
 #include "tests/support/tempfolder.h"
 
@@ -123,8 +124,12 @@ TEST(QueueStorageFaults, FileThatCanNotBeMadeBigEnoughIsAFailedWrite) {
         }
     };
     expectFailedWrite([&] { QueueStorage<std::string>(folder / "part", kLimited, files.opener()); });
-
     files.pretendSize(0);
+    files.refuseReservations(true);
+    expectFailedWrite([&] { QueueStorage<std::string>(folder / "part", kLimited, files.opener()); });
+    EXPECT_EQ(Path(folder / "part").fileSize(), 0U) << "holds no room that it can't use";
+    files.refuseReservations(false);
+
     QueueStorage<std::string> growing(folder / "manifest", QueueFile::kUnlimited, files.opener());
     growing.pushRecord(std::string(76, 'a'));
     files.pretendSize(224);
@@ -133,6 +138,29 @@ TEST(QueueStorageFaults, FileThatCanNotBeMadeBigEnoughIsAFailedWrite) {
     growing.reopen();
     growing.pushRecord(std::string(76, 'c'));
     EXPECT_EQ(peekAll(growing), (Records{std::string(76, 'a'), std::string(76, 'c')}));
+}
+
+TEST(QueueStorageFaults, EveryFailedTransferOfARecordIsLogged) {
+    const test::CapturedLog log(LogLevel::error);
+    const TempFolder folder;
+    CuttingFiles files;
+    QueueStorage<std::string> queue(folder / "manifest", QueueFile::kUnlimited, files.opener());
+    queue.pushRecord("one");
+    files.failWritesAfter(0, 1);
+    EXPECT_THROW(queue.pushRecord("three"), FQException);
+    EXPECT_THROW(peekAll(queue), FQException) << "the file has failed already";
+    {
+        auto header = emptyQueueHeader<uint64_t>(1000);  // which the file is too short for
+        header.ringEnd = 80;
+        const auto file = platform::openSystemFile(folder / "manifest", false);
+        ASSERT_TRUE(file->write(queueSlotPosition(0), &header, sizeof header));
+        ASSERT_TRUE(file->write(queueSlotPosition(1), &header, sizeof header));
+    }
+    queue.reopen();
+    EXPECT_THROW(queue.pushRecord("three"), FQException);
+    EXPECT_EQ(log.messages("fq"),
+              (Records{"Failed to write data of len=5 at offset=7", "Failed to read data of len=0 at offset=0",
+                       "Failed to write data of len=5 at offset=1000"}));
 }
 
 TEST(QueueStorageCost, PushTakesAtMostFourWritesAndPopOneCommit) {

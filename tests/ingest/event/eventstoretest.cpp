@@ -319,9 +319,29 @@ TEST(EventStoreDamage, ManifestIsCutAtADamagedNameAndGivenUpWhenTooLong) {
         }
         f.open();
         EXPECT_EQ(f.store->size(), names == 100 ? 100U : 0U);
+        EXPECT_EQ(f.filesInFolder(), names == 100 ? 101U : 1U);
         if (names == 100) f.store->remove();
         f.store.reset();
         fs::create_directories(f.folder);
+    }
+}
+
+TEST(EventStoreDamage, ManifestThatIsNoQueueFileTakesItsPartsWithIt) {
+    for (const bool cut : {false, true}) {
+        Fixture f;
+        f.open();
+        f.push(1, 6);
+        f.store.reset();
+        if (cut) {
+            fs::resize_file(f.folder / "manifest", 100);
+        } else {
+            ASSERT_TRUE(platform::openSystemFile(f.folder / "manifest", false)->write(0, "no magic", 8));
+        }
+        f.open();
+        EXPECT_EQ(f.store->size(), 0U);
+        EXPECT_EQ(f.filesInFolder(), 1U);
+        f.push(7, 7);
+        EXPECT_EQ(f.drain(), events({7}));
     }
 }
 
@@ -381,13 +401,58 @@ TEST(EventStoreFaults, FullDiskIsReportedAfterOneRetryAndEndsWithoutATrace) {
     f.push(5, 5);
     EXPECT_EQ(f.drain(), events({1, 2, 5}));  // 3 was given up for 4
 
-    f.files.pretendSize(200);
-    f.push(6, 7);
-    for (int i = 0; i < 150; ++i) EXPECT_THROW(f.push(8, 8), FQException);
-    f.files.pretendSize(0);
-    EXPECT_LE(f.manifest().size(), 3U);  // attempts must not fill the manifest
-    f.push(9, 9);
-    EXPECT_EQ(f.drain(), events({6, 7, 9}));
+    for (const bool reservation : {false, true}) {
+        f.push(6, 7);
+        reservation ? f.files.refuseReservations(true) : f.files.pretendSize(200);
+        for (int i = 0; i < 150; ++i) EXPECT_THROW(f.push(8, 8), FQException);
+        EXPECT_LE(f.manifest().size(), 3U);  // attempts must not fill the manifest
+        f.files.refuseReservations(false);
+        f.files.pretendSize(0);
+        f.push(9, 9);
+        EXPECT_EQ(f.drain(), events({6, 7, 9}));
+    }
+}
+
+TEST(EventStoreFaults, PushThatGivesUpThePartOfABatchOnItsWayMakesThePopHarmless) {
+    Fixture f;
+    f.open();
+    f.push(1, 1);
+    EXPECT_EQ(f.store->peek(1), events({1}));
+    f.files.failWritesAfter(0, 1);
+    f.push(2, 2);
+    f.store->pop(1);
+    EXPECT_EQ(f.drain(), events({2}));
+}
+
+TEST(EventStoreLog, TellsWhatBecomesOfEvents) {
+    const CapturedLog log(LogLevel::info);
+    Fixture f;
+    f.open();
+    f.push(1, 2);
+    f.config.folderSizeLimit = kPartFile - 1;
+    f.open();
+    const std::string first = (f.folder / f.manifest()[0].string()).string();
+    f.store->peek(2);
+    f.push(3, 3);  // leaves the part for a new one, and finds the folder too big
+    f.store->pop(2);
+    const std::string second = (f.folder / f.manifest()[0].string()).string();
+    ASSERT_TRUE(platform::openSystemFile(second, false)->write(kQueueHeaderSize, "\xFF\xFF\xFF\xFF", 4));
+    f.store->peek(5);
+    f.push(4, 4);
+    f.store->peek(5);
+    f.store->pop(5);
+    f.push(5, 5);
+    f.store->remove();
+    f.store.reset();
+    EXPECT_EQ(log.messages("event.store"),
+              (Events{"Created eventstore: num_files=0 name=main", "pushed=1 balance=1 name=main",
+                      "pushed=1 balance=2 name=main", "Loading eventstore: num_files=1 name=main",
+                      "Loaded eventstore: num_events=2 name=main", "remove file loses num_events=2 path=" + first,
+                      "dropped files=1 num_events=2 ttl=1000000ms name=main", "pushed=1 balance=1 name=main",
+                      "ignore pop=2 name=main", "truncate file loses num_events=1 path=" + second,
+                      "peek failed: truncating fq with num_events=1 batchSize=5", "pushed=1 balance=1 name=main",
+                      "popped=1 balance=0 name=main", "pushed=1 balance=1 name=main",
+                      "Delete eventstore: num_events=1 name=main"}));
 }
 
 TEST(EventStoreThreads, PushersAndADrainerLoseNothing) {

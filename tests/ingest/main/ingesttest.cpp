@@ -206,6 +206,29 @@ TEST_F(IngestRoad, RecordsThatCannotBeDecipheredEndInTheInvalidLine) {
     EXPECT_EQ(invalid->size(), 1U);
 }
 
+TEST_F(IngestRoad, AStoreThatDropsEventsReportsThem) {
+    configure(VELMORA_CONSENT_GRANTED);
+    set(VELMORA_CONFIG_EVENT_FILE_ROTATION_SIZE, "20000");
+    set(VELMORA_CONFIG_EVENT_FOLDER_SIZE, "30000");
+    const auto instance = start();
+    size_t submitted = 0;
+    while (!log_.contains("dropped files=")) {
+        ASSERT_EQ(submit(instance, kEvent), VELMORA_OK);
+        ASSERT_LT(++submitted, 1000U);
+    }
+    velmora_online();
+    ASSERT_TRUE(host_.waitUntil([&] { return velmora_ingest_flush(instance, nullptr, nullptr) == VELMORA_OK; }));
+    const rapidjson::Document warning = awaitPosted("size");
+    EXPECT_EQ(toText(warning["event.workflow"]), "Velmora");
+    EXPECT_EQ(toText(warning["event.subcategory"]), "SDK");
+    EXPECT_EQ(toText(warning["event.type"]), "warn");
+    EXPECT_EQ(toText(warning["event.error_type"]), "main");
+    EXPECT_EQ(toText(warning["event.error_code"]), "Overflow");
+    EXPECT_EQ(toText(warning["event.error_desc"]), "disk");
+    EXPECT_EQ(toText(warning["event.value"]), std::to_string(2 * (20000 + 144))) << "as it was before";
+    EXPECT_EQ(std::stoul(toText(warning["event.count"])) + countPosted("x1"), submitted);
+}
+
 TEST_F(IngestRoad, TheNetworksStateLimitsEveryLine) {
     configure(VELMORA_CONSENT_GRANTED);
     set(VELMORA_CONFIG_BATCH_SIZE, "1");

@@ -2,12 +2,17 @@
 
 #include <gtest/gtest.h>
 
+#include <boost/filesystem/operations.hpp>
 #include <functional>
+#include <future>
 #include <thread>
 
 #include "core/json/validjson.h"
+#include "core/platform/randomaccessfile.h"
+#include "core/queue/circularqueueheader.h"
 #include "core/types/errors.h"
 #include "core/utils/waitfor.h"
+#include "tests/support/capturedlog.h"
 #include "tests/support/fakehost.h"
 #include "tests/support/fakesession.h"
 #include "tests/support/manualpools.h"
@@ -106,6 +111,22 @@ protected:
         std::vector<std::string> invalid;
     };
 
+    // Makes the first record of every stored part unreadable.
+    void damageStore() {
+        for (const auto& entry : boost::filesystem::recursive_directory_iterator(folder_.path())) {
+            if (!is_regular_file(entry.path()) || entry.path().filename() == "manifest") continue;
+            const uint32_t length = 0xFFFFFFFF;
+            ASSERT_TRUE(platform::openSystemFile(entry.path(), false)->write(kQueueHeaderSize, &length, sizeof length));
+        }
+    }
+
+    std::error_code flush() {
+        const auto flushed = pipeline_->flush();
+        pools_.runAll();
+        return *flushed.get_try();
+    }
+
+    test::CapturedLog log_;
     test::TempFolder folder_;
     test::ManualPools pools_;
     FakeHost host_;
@@ -180,6 +201,28 @@ TEST_F(PipelineBatches, LieEncipheredOnDiskAndPassOverRecordsThatCannotBeDeciphe
     EXPECT_EQ(givenUp_[0].invalid[0], Crypt("another").encrypt(event(0))) << "in stored form";
     EXPECT_EQ(pipeline_->size(), 0U);
     EXPECT_EQ(counted(Item::event, Action::sent, Reason::success), 2U);
+}
+
+// A batch that fails is popped as a whole, so it has to be handed over as a whole.
+TEST_F(PipelineBatches, ThatCannotBeFormedAreHandedOverComplete) {
+    const std::string undecipherable = Crypt("another").encrypt("x");
+    open(PipelineKind::anon_invalid);
+    pipeline_->setEventTransform(nullptr);
+    uint64_t storedAtCall = 0;
+    pipeline_->setBatchErrorCallback([&](const std::error_code& error, const auto& valid, const auto& invalid) {
+        storedAtCall = pipeline_->size();
+        givenUp_.push_back({error, valid, invalid});
+    });
+    for (const auto& record : {undecipherable, event(1), undecipherable}) pipeline_->submitEvent(record, true);
+    pipeline_->changeState(PipelineState::On);
+    pools_.runAll();
+    ASSERT_EQ(givenUp_.size(), 1U);
+    EXPECT_EQ(givenUp_[0].error, VelmoraError::unknown);
+    EXPECT_EQ(givenUp_[0].valid, std::vector{event(1)});
+    EXPECT_EQ(givenUp_[0].invalid, std::vector(2, undecipherable));
+    EXPECT_EQ(storedAtCall, 3U) << "nothing is popped before";
+    EXPECT_EQ(pipeline_->size(), 0U);
+    EXPECT_EQ(host_.sends(), 0U);
 }
 
 using PipelineStates = PipelineTest;
@@ -311,11 +354,12 @@ TEST_F(PipelineOutcomes, RetriesWaitByTheListAndByRetryAfterAndSendTheSameBytes)
     host_.answer({.status = 503, .headers = {{"Retry-After", "5"}}});
     host_.answer({.status = 503, .headers = {{"Retry-After", "1"}}});
     host_.answer({.status = 503});
+    host_.answer({.status = 503, .headers = {{"Retry-After", "4"}}, .result = VELMORA_HTTP_RETRIABLE});  // broke then
     submit(0, 3);
     size_t sends = 1;
     ASSERT_TRUE(driveToCompletions(sends));
     submit(3, 4);  // does not join
-    for (const auto wait : {1000ms, 5000ms, 2000ms, 2000ms}) {
+    for (const auto wait : {1000ms, 5000ms, 2000ms, 2000ms, 4000ms}) {
         SCOPED_TRACE(wait.count());
         pools_.advance(wait - 1ms);
         EXPECT_EQ(host_.sends(), sends);
@@ -324,7 +368,7 @@ TEST_F(PipelineOutcomes, RetriesWaitByTheListAndByRetryAfterAndSendTheSameBytes)
     }
     ASSERT_TRUE(drive([&] { return pipeline_->size() == 1; }));
     for (const auto& request : host_.requests()) EXPECT_EQ(request.body, host_.requests()[0].body);
-    EXPECT_EQ(counted(Item::http, Action::request, Reason::error), 4U);
+    EXPECT_EQ(counted(Item::http, Action::request, Reason::error), 5U);
 }
 
 TEST_F(PipelineOutcomes, MissingCallbacksAreRetriedAndAnEmptyListOfWaitsStillWaits) {
@@ -344,6 +388,126 @@ TEST_F(PipelineOutcomes, MissingCallbacksAreRetriedAndAnEmptyListOfWaitsStillWai
     pipeline_->changeState(PipelineState::SaveOnly);
     pools_.advance(100000ms);
     EXPECT_EQ(host_.sends(), 0U) << "the retry went with the state";
+}
+
+TEST_F(PipelineOutcomes, ABatchThatFailsWhileTheLineIsStillBeingSwitchedOnIsRetried) {
+    open().changeState(PipelineState::On);
+    pipeline_->changeState(PipelineState::SaveOnly);
+    submit(0, 3);
+    velmora_http_setSendRequestCallback(nullptr);
+    pools_.runAll();
+    const size_t timers = pools_.pendingTimers();
+    pools_.runAtOnce(true);
+    pipeline_->changeState(PipelineState::On);
+    pools_.runAtOnce(false);
+    EXPECT_EQ(pools_.pendingTimers(), timers + 2) << "the batch timer and the retry";
+}
+
+TEST_F(PipelineOutcomes, ABatchFormedAnewAfterARetryWasCancelledTakesLaterEventsAlong) {
+    open().changeState(PipelineState::On);
+    host_.answer({.status = 503});
+    submit(0, 2);
+    pools_.advance(30000ms);
+    ASSERT_TRUE(driveToCompletions(1));
+    pipeline_->changeState(PipelineState::SaveOnly);
+    submit(2, 3);
+    pipeline_->changeState(PipelineState::On);
+    ASSERT_TRUE(driveToCompletions(2));
+    EXPECT_EQ(sent(1), batchOf(0, 3));
+    EXPECT_EQ(pipeline_->size(), 0U);
+}
+
+// Whatever goes wrong before the batch is read costs as many events as a batch would have had.
+TEST_F(PipelineOutcomes, AFailureBeforeTheBatchIsReadPopsTheConfiguredNumber) {
+    struct Unreadable : Queue {
+        void push(const std::string&) override { ++events; }
+        void pop(uint64_t count) override { events -= count; }
+        std::vector<std::string> peek(uint64_t) override { throw std::runtime_error("unreadable"); }
+        uint64_t size() override { return events; }
+        void remove() override {}
+        uint64_t events = 0;
+    };
+    setQueueFactory([](auto&&...) { return std::make_unique<Unreadable>(); });
+    open();
+    setQueueFactory(nullptr);
+    submit(0, 5);
+    pipeline_->changeState(PipelineState::On);
+    pools_.runAll();
+    EXPECT_EQ(pipeline_->size(), 2U);
+    ASSERT_EQ(givenUp_.size(), 1U);
+    EXPECT_TRUE(givenUp_[0].valid.empty());
+}
+
+TEST_F(PipelineOutcomes, DamageThatLeavesNothingToReadIsNotPosted) {
+    open();
+    submit(0, 3);
+    damageStore();
+    pipeline_->changeState(PipelineState::On);
+    pools_.runAll();
+    EXPECT_EQ(pipeline_->size(), 0U);
+    EXPECT_EQ(host_.sends(), 0U);
+    submit(3, 5);
+    damageStore();
+    EXPECT_FALSE(flush());
+    EXPECT_EQ(host_.sends(), 0U);
+    submit(5, 8);  // the line is free for them
+    ASSERT_TRUE(driveToCompletions(1));
+    EXPECT_EQ(sent(0), batchOf(5, 8));
+    reconfigure([](auto& config) { config.batchSize = 0; });
+    submit(8, 9);
+    pools_.runAll();
+    EXPECT_FALSE(flush()) << "ends, though it can read nothing";
+}
+
+TEST_F(PipelineOutcomes, AreToldInTheLog) {
+    open().changeState(PipelineState::On);
+    host_.answer({.status = 400, .headers = {{"X-Request-Id", "r7"}}, .body = "no"});
+    host_.answer(Answer::failure(VELMORA_HTTP_CANCELLED));
+    host_.answer({.status = 200});
+    host_.answer({.status = 500});
+    pipeline_->submitEvent("", true);
+    submit(0, 3);
+    ASSERT_TRUE(driveToCompletions(1));
+    submit(3, 6);
+    ASSERT_TRUE(driveToCompletions(2));
+    pools_.advance(1000ms);
+    ASSERT_TRUE(driveToCompletions(3));
+    submit(6, 7);
+    EXPECT_EQ(flush().value(), 500);
+    pipeline_->changeState(PipelineState::SaveOnly);
+    close();
+    std::vector<std::string> told;
+    for (const test::LogLine& line : log_.lines()) {
+        if (line.channel == "pipeline" && line.level <= LogLevel::info) told.push_back(line.message);
+    }
+    const std::vector<std::string> expected{
+        "Open pipeline: num_events=0 name=main",
+        "Change state: name=main state=On",
+        "Skip empty event: name=main",
+        "Http request: name=main",
+        "Http response: name=main x-request-id=r7 status=400 BadRequest error=http_error:400 body=no",
+        "name=main err=BadRequest",
+        "Http request: name=main",
+        "Http response: name=main x-request-id= status=0 None error=velmora_http_error:4 body=",
+        "add retriable error=velmora_http_error:4",
+        "Will retry request after 1000 milliseconds",
+        "Http request: name=main",
+        "Http response: name=main x-request-id= status=200 Ok",
+        "flush iteration: name=main",
+        "Http response: name=main x-request-id= status=500 InternalServerError error=http_error:500 body=",
+        "flush failed for name=mainwith code=500 error=InternalServerError",
+        "Change state: name=main state=SaveOnly",
+        "Close pipeline: num_events=1 name=main",
+    };
+    EXPECT_EQ(told, expected);
+    EXPECT_TRUE(log_.has(LogLevel::debug, "pipeline", "Submit event: name=main batch=1 payload=" + event(0)));
+    EXPECT_TRUE(log_.has(LogLevel::debug, "pipeline", "Push: name=main"));
+    EXPECT_TRUE(log_.has(LogLevel::debug, "pipeline", "Start batch-task: name=main"));
+    EXPECT_TRUE(log_.has(LogLevel::debug, "pipeline", "Decrypted payload=" + event(0)));
+    EXPECT_TRUE(log_.has(LogLevel::trace, "pipeline", "Reset state: name=main batchsize=3"));
+    EXPECT_TRUE(log_.has(LogLevel::trace, "pipeline", "Network response: name=main"));
+    EXPECT_TRUE(log_.has(LogLevel::trace, "pipeline", "Http request (sync): name=main"));
+    EXPECT_TRUE(log_.has(LogLevel::trace, "pipeline", "Time to retry"));
 }
 
 using PipelineFlush = PipelineTest;
@@ -384,6 +548,56 @@ TEST_F(PipelineFlush, SendsAllBatchesAndReportsWhatStopsIt) {
     EXPECT_EQ(pipeline_->size(), 2U);
 }
 
+TEST_F(PipelineFlush, HandsOverWhatItCannotDecipherWithoutAnError) {
+    reconfigure([](auto& config) {
+        config.encryptionEnabled = false;
+        config.batchSize = 100;
+    });
+    open();
+    submit(0, 1);
+    pipeline_->submitEvent("undecipherable", true);
+    submit(1, 2);
+    pipeline_->changeState(PipelineState::On);
+    reconfigure([](auto& config) { config.batchSize = 2; });
+    EXPECT_FALSE(flush());
+    ASSERT_EQ(givenUp_.size(), 1U);
+    EXPECT_FALSE(givenUp_[0].error);
+    EXPECT_TRUE(givenUp_[0].valid.empty());
+    EXPECT_EQ(givenUp_[0].invalid, std::vector<std::string>{"undecipherable"});
+    EXPECT_EQ(counted(Item::event, Action::sent, Reason::success), 2U);
+}
+
+TEST_F(PipelineFlush, IsRefusedAfterABatchWasGivenUpUntilTheNextOneStarts) {
+    open().changeState(PipelineState::On);
+    host_.answer({.status = 400});
+    submit(0, 3);
+    ASSERT_TRUE(driveToCompletions(1));
+    ASSERT_EQ(givenUp_.size(), 1U);
+    EXPECT_EQ(flush(), VelmoraError::precondition_failed);
+    submit(3, 6);
+    ASSERT_TRUE(driveToCompletions(2));
+    EXPECT_FALSE(flush());
+}
+
+TEST_F(PipelineFlush, DoesNotWaitForABatchThatFoundTheStoreEmptied) {
+    open(PipelineKind::auth).changeState(PipelineState::On);
+    submit(0, 3);
+    pipeline_->changeState(PipelineState::Off);  // empties the store between the decisions and the batches
+    pipeline_->changeState(PipelineState::On);
+    pools_.runAll();
+    submit(3, 7);
+    pools_.runAll();
+    EXPECT_EQ(pipeline_->size(), 4U) << "such a batch keeps others from starting";
+    auto flushed = std::async(std::launch::async, [this] { return pipeline_->flush(); });
+    EXPECT_EQ(flushed.wait_for(test::kPatience), std::future_status::ready);
+    if (flushed.wait_for(0ms) != std::future_status::ready) pipeline_->changeState(PipelineState::SaveOnly);
+    const auto result = flushed.get();
+    pools_.runAll();
+    EXPECT_FALSE(*result.get_try());
+    EXPECT_EQ(pipeline_->size(), 0U);
+    EXPECT_EQ(counted(Item::event, Action::discarded, Reason::opt_out, PipelineKind::auth), 3U);
+}
+
 using PipelineDirectPosts = PipelineTest;
 
 TEST_F(PipelineDirectPosts, PassTheStoreUnlessTheyFail) {
@@ -413,6 +627,27 @@ TEST_F(PipelineDirectPosts, AreStoredWhenTheLineEndsBeforeTheAnswer) {
     close();
     open();
     EXPECT_EQ(pipeline_->size(), 2U);
+}
+
+TEST_F(PipelineDirectPosts, AreNeitherSentNorStoredOnceTheirUserHasOptedOut) {
+    open(PipelineKind::auth).changeState(PipelineState::On);
+    host_.hold();
+    pipeline_->submitEvent(event(1), false);
+    pipeline_->submitEvent(event(2), false);
+    ASSERT_TRUE(driveToSends(2));
+    pipeline_->submitEvent(event(3), false);  // waits for its turn
+    pipeline_->changeState(PipelineState::Off);
+    pools_.runAll();
+    EXPECT_EQ(host_.sends(), 2U);
+    EXPECT_EQ(counted(Item::event, Action::discarded, Reason::opt_out, PipelineKind::auth), 1U);
+    pipeline_->changeState(PipelineState::SaveOnly);
+    host_.answer({.status = 500});
+    ASSERT_TRUE(host_.waitForRequests(2));
+    host_.release(1);
+    ASSERT_TRUE(driveToCompletions(1));
+    close();
+    open(PipelineKind::auth);
+    EXPECT_EQ(pipeline_->size(), 0U);
 }
 
 }  // namespace
