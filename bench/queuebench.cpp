@@ -29,7 +29,8 @@ struct ScratchFile {
 void pushFloor(benchmark::State& state) {
     const ScratchFile scratch;
     auto file = velmora::platform::openSystemFile(scratch.path, true);
-    if (!velmora::Filesystem::resizeFile(Path(scratch.path), kFileSize)) state.SkipWithError("no space");
+    const bool sized = velmora::Filesystem::resizeFile(Path(scratch.path), kFileSize) && file->reserve(kFileSize);
+    if (!sized) state.SkipWithError("no space");
     const std::string record(kRecordSize, 'x');
     const auto length = static_cast<uint32_t>(record.size());
     const char slot[velmora::kQueueSlotSize] = {};

@@ -3,8 +3,6 @@
 // calls, in microseconds.
 #include <benchmark/benchmark.h>
 #include <rapidjson/document.h>
-#include <rapidjson/stringbuffer.h>
-#include <rapidjson/writer.h>
 #include <sqlite3.h>
 #include <velmora/velmora.h>
 #include <zlib.h>
@@ -13,10 +11,12 @@
 #include <boost/filesystem/operations.hpp>
 #include <chrono>
 #include <cstring>
+#include <stdexcept>
 #include <string>
 #include <thread>
 #include <vector>
 
+#include "bench/byhand.h"
 #include "core/crypt/crypt.h"
 #include "core/filesystem/filesystem.h"
 #include "core/platform/randomaccessfile.h"
@@ -125,24 +125,6 @@ private:
     std::vector<double> micros_;
 };
 
-void mergeByHand(rapidjson::Value& data, const rapidjson::Value& extra, rapidjson::Document::AllocatorType& allocator) {
-    for (const auto& [name, value] : extra.GetObject()) {
-        const auto present = data.FindMember(name);
-        if (present != data.MemberEnd()) {
-            present->value.CopyFrom(value, allocator);
-        } else {
-            data.AddMember(rapidjson::Value(name, allocator), rapidjson::Value(value, allocator), allocator);
-        }
-    }
-}
-
-std::string renderByHand(const rapidjson::Value& value) {
-    rapidjson::StringBuffer buffer;
-    rapidjson::Writer<rapidjson::StringBuffer> writer(buffer);
-    value.Accept(writer);
-    return {buffer.GetString(), buffer.GetSize()};
-}
-
 // The stored envelope without the host's own attributes.
 void readyEnvelope(rapidjson::Document& ready) {
     ready.Parse(Library::get().stored().c_str());
@@ -157,6 +139,7 @@ public:
     FloorFile() : path_(fs::temp_directory_path() / fs::unique_path("velmora-bench-%%%%")) {
         file_ = platform::openSystemFile(path_, true);
         fs::resize_file(path_, kPartSize);
+        if (!file_->reserve(kPartSize)) throw std::runtime_error("no space for the floor's file");
     }
     ~FloorFile() {
         file_.reset();
@@ -199,10 +182,10 @@ void BM_SubmitFloor(benchmark::State& state) {
             host.Parse(kHostEvent);
             rapidjson::Document event;
             event.CopyFrom(ready, event.GetAllocator());
-            mergeByHand(event["data"], host, event.GetAllocator());
+            bench::mergeByHand(event["data"], host, event.GetAllocator());
             benchmark::DoNotOptimize(makeGuid());
             benchmark::DoNotOptimize(currentTimeLocalMillis());
-            benchmark::DoNotOptimize(file.push(crypt.encrypt(renderByHand(event))));
+            benchmark::DoNotOptimize(file.push(crypt.encrypt(bench::renderByHand(event))));
         });
     }
     latency.report(state);
@@ -273,8 +256,8 @@ void BM_DrainFloor(benchmark::State& state) {
         for (uint64_t i = 0; i < kBatch; ++i) {
             rapidjson::Document event;
             event.Parse(crypt.decrypt(file.read(i, record.size())).c_str());
-            mergeByHand(event["data"], attributes, event.GetAllocator());
-            body += (i == 0 ? "\n" : ",\n") + renderByHand(event);
+            bench::mergeByHand(event["data"], attributes, event.GetAllocator());
+            body += (i == 0 ? "\n" : ",\n") + bench::renderByHand(event);
         }
         body += "\n]}";
         z_stream stream{};

@@ -2,9 +2,8 @@
 // text, lay it over ready attributes, render the result.
 #include <benchmark/benchmark.h>
 #include <rapidjson/document.h>
-#include <rapidjson/stringbuffer.h>
-#include <rapidjson/writer.h>
 
+#include "bench/byhand.h"
 #include "core/json/mergejson.h"
 #include "core/utils/strings.h"
 #include "core/utils/timestamps.h"
@@ -43,28 +42,7 @@ void fillPreset() {
 std::string readyAttributes() {
     rapidjson::Document envelope;
     envelope.Parse(preset().getEventPayload("{}", 0, "{}").c_str());
-    rapidjson::StringBuffer buffer;
-    rapidjson::Writer<rapidjson::StringBuffer> writer(buffer);
-    envelope["data"].Accept(writer);
-    return buffer.GetString();
-}
-
-void mergeByHand(rapidjson::Value& data, const rapidjson::Value& extra, rapidjson::Document::AllocatorType& allocator) {
-    for (const auto& [name, value] : extra.GetObject()) {
-        const auto present = data.FindMember(name);
-        if (present != data.MemberEnd()) {
-            present->value.CopyFrom(value, allocator);
-        } else {
-            data.AddMember(rapidjson::Value(name, allocator), rapidjson::Value(value, allocator), allocator);
-        }
-    }
-}
-
-std::string renderByHand(const rapidjson::Value& value) {
-    rapidjson::StringBuffer buffer;
-    rapidjson::Writer<rapidjson::StringBuffer> writer(buffer);
-    value.Accept(writer);
-    return {buffer.GetString(), buffer.GetSize()};
+    return bench::renderByHand(envelope["data"]);
 }
 
 void BM_PayloadFloor(benchmark::State& state) {
@@ -76,10 +54,10 @@ void BM_PayloadFloor(benchmark::State& state) {
         host.Parse(kHostEvent);
         rapidjson::Document event;
         event.CopyFrom(ready, event.GetAllocator());
-        mergeByHand(event, host, event.GetAllocator());
+        bench::mergeByHand(event, host, event.GetAllocator());
         benchmark::DoNotOptimize(makeGuid());
         benchmark::DoNotOptimize(currentTimeLocalMillis());
-        benchmark::DoNotOptimize(renderByHand(event));
+        benchmark::DoNotOptimize(bench::renderByHand(event));
     }
 }
 BENCHMARK(BM_PayloadFloor);
@@ -110,8 +88,8 @@ void BM_BatchAttributesFloor(benchmark::State& state) {
     for (auto _ : state) {
         rapidjson::Document event;
         event.Parse(stored.c_str());
-        mergeByHand(event["data"], ready["data"], event.GetAllocator());
-        benchmark::DoNotOptimize(renderByHand(event));
+        bench::mergeByHand(event["data"], ready["data"], event.GetAllocator());
+        benchmark::DoNotOptimize(bench::renderByHand(event));
     }
 }
 BENCHMARK(BM_BatchAttributesFloor);
@@ -136,8 +114,8 @@ void BM_MergeFloor(benchmark::State& state) {
         event.Parse(attributes.c_str());
         rapidjson::Document host;
         host.Parse(kHostEvent);
-        mergeByHand(event, host, event.GetAllocator());
-        benchmark::DoNotOptimize(renderByHand(event));
+        bench::mergeByHand(event, host, event.GetAllocator());
+        benchmark::DoNotOptimize(bench::renderByHand(event));
     }
 }
 BENCHMARK(BM_MergeFloor);
