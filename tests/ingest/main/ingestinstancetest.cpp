@@ -4,6 +4,7 @@
 
 #include <algorithm>
 
+#include "core/crypt/crypt.h"
 #include "core/filesystem/filesystem.h"
 #include "core/types/errors.h"
 #include "ingest/event/eventmodel.h"
@@ -43,6 +44,7 @@ protected:
         return makeQueue(folder, nullptr, {"main", 10485760, 104857600, 31536000000})->size();
     }
 
+    const Crypt first_{""};  // the cipher's library comes up before the pools, to end after their threads
     test::CapturedLog log_{LogLevel::error};
     test::TempFolder root_;
     test::FakeHost host_;
