@@ -22,6 +22,15 @@ static int32_t submitEvents(velmora_ingest_instance ingest) {
     return VELMORA_OK;
 }
 
+/* Sending begins a moment after the start, once the library knows the state of the network: a flush is refused before.
+ * Each takes about fifty milliseconds. */
+static int32_t waitForDelivery(velmora_ingest_instance ingest) {
+    int32_t result = VELMORA_ERROR_PRECONDITION_FAILED;
+    for (int tries = 0; tries < 40 && result == VELMORA_ERROR_PRECONDITION_FAILED; ++tries)
+        result = velmora_ingest_flush(ingest, NULL, NULL);
+    return result;
+}
+
 static int32_t run(void) {
     velmora_ingest_instance ingest = NULL;
     int32_t result = velmora_setIngestConfig(CONFIG_GUID, VELMORA_ENVIRONMENT_PROD, "example-c", "example-key",
@@ -30,8 +39,8 @@ static int32_t run(void) {
     if (result == VELMORA_OK) result = velmora_ingest_start(CONFIG_GUID, NULL, onServiceError, &ingest);
     if (result != VELMORA_OK) return result;
     result = submitEvents(ingest);
-    if (result == VELMORA_OK) result = velmora_ingest_flush(ingest, NULL, NULL); /* wait for the delivery */
-    velmora_ingest_stop(ingest);                                                 /* what is left stays on disk */
+    if (result == VELMORA_OK) result = waitForDelivery(ingest);
+    velmora_ingest_stop(ingest); /* what is left stays on disk */
     return result;
 }
 

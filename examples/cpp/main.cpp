@@ -1,9 +1,12 @@
 // A complete host in C++: signs a user in, sends events of two kinds and waits for their delivery.
 //
 //     example_cpp http://127.0.0.1:8080
+#include <chrono>
 #include <exception>
 #include <iostream>
+#include <stdexcept>
 #include <string>
+#include <thread>
 #include <velmora/velmora.hpp>
 
 namespace {
@@ -19,6 +22,18 @@ host::HttpStack::Options stackOptions(const std::string& endpoint) {
                       {"https://identity.velmora.orvane.example", endpoint},
                       {"https://permission.velmora.orvane.example", endpoint}};
     return options;
+}
+
+// Sending begins a moment after the start, once the library knows the state of the network: a flush is refused before.
+void flush(host::Ingest& ingest) {
+    for (int tries = 0; tries < 40; ++tries) {
+        std::error_code error;
+        ingest.flush(&error);
+        if (!error) return;
+        if (error.value() != VELMORA_ERROR_PRECONDITION_FAILED) throw std::system_error(error);
+        std::this_thread::sleep_for(std::chrono::milliseconds(10));
+    }
+    throw std::runtime_error("sending stays off");
 }
 
 void run(const std::string& endpoint) {
@@ -37,7 +52,7 @@ void run(const std::string& endpoint) {
     host::Submission atOnce;
     atOnce.batch = false;
     ingest.submit(R"({"event.workflow":"Export","event.type":"finish"})", atOnce);
-    ingest.flush();
+    flush(ingest);
 }
 
 }  // namespace
