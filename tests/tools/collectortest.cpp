@@ -3,9 +3,9 @@
 #include <gtest/gtest.h>
 #include <httplib.h>
 #include <rapidjson/document.h>
-#include <zlib.h>
 
 #include "core/json/jsontext.h"
+#include "service/ingest/ingestrequest.h"
 #include "tests/support/tempfolder.h"
 
 namespace velmora::tool {
@@ -14,19 +14,7 @@ namespace {
 constexpr size_t kMaxBatch = 200000;
 const httplib::Headers kKey{{"x-api-key", "k"}};
 
-std::string gzip(const std::string& text) {
-    std::string out(text.size() + 1024, '\0');
-    z_stream stream{};
-    EXPECT_EQ(deflateInit2(&stream, 9, Z_DEFLATED, 31, 8, Z_DEFAULT_STRATEGY), Z_OK);
-    stream.next_in = reinterpret_cast<Bytef*>(const_cast<char*>(text.data()));
-    stream.avail_in = static_cast<uInt>(text.size());
-    stream.next_out = reinterpret_cast<Bytef*>(out.data());
-    stream.avail_out = static_cast<uInt>(out.size());
-    EXPECT_EQ(deflate(&stream, Z_FINISH), Z_STREAM_END);
-    out.resize(stream.total_out);
-    deflateEnd(&stream);
-    return out;
-}
+std::string gzip(const std::string& text) { return service::ingest::compressGzip(text.data(), text.size(), 9); }
 
 std::string event(const std::string& guid, const std::string& workflow = "w", const std::string& project = "p") {
     return R"({"project":")" + project + R"(","data":{"event.guid":")" + guid + R"(","event.workflow":")" + workflow +

@@ -1,10 +1,9 @@
 #include <gtest/gtest.h>
 
-#include <cstdlib>
-#include <fstream>
 #include <sstream>
 
-#include "tests/support/shell.h"
+#include "tests/support/files.h"
+#include "tests/support/system.h"
 #include "tests/support/tempfolder.h"
 #include "tools/velmora/converter.h"
 #include "tools/velmora/mappinglint.h"
@@ -105,13 +104,10 @@ TEST(MappingLint, NamesLineColumnAndReason) {
 TEST(ConvertCommand, ConvertsFilesAndReportsByExitCode) {
     const test::TempFolder folder;
     const auto write = [&](const char* name, const std::string& text) {
-        std::ofstream((folder / name).string(), std::ios::binary) << text;
+        test::writeFile(folder / name, text);
         return (folder / name).string();
     };
-    const auto read = [&](const char* name) {
-        std::ifstream stream((folder / name).string(), std::ios::binary);
-        return std::string(std::istreambuf_iterator<char>(stream), {});
-    };
+    const auto read = [&](const char* name) { return test::readFile(folder / name); };
     // Starts the tool; its standard output and error go to the file "out". True for that exit code.
     const auto exitsWith = [&](int code, const std::string& arguments) {
         const std::string command = std::string("\"") + VELMORA_TOOL + "\" convert " + arguments + " > \"" +

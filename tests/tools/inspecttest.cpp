@@ -3,8 +3,6 @@
 
 #include <atomic>
 #include <boost/filesystem.hpp>
-#include <cstdlib>
-#include <fstream>
 #include <map>
 #include <thread>
 
@@ -12,7 +10,8 @@
 #include "core/filesystem/lockedpath.h"
 #include "core/json/jsontext.h"
 #include "ingest/event/eventstore.h"
-#include "tests/support/shell.h"
+#include "tests/support/files.h"
+#include "tests/support/system.h"
 #include "tests/support/tempfolder.h"
 #include "tools/velmora/inspection.h"
 
@@ -21,17 +20,10 @@ namespace {
 
 namespace fs = boost::filesystem;
 using platform::HoldState;
+using test::readFile;
+using test::writeFile;
 
 constexpr const char* kPart = "00000001-1111-4222-8333-444444444444";
-
-std::string readFile(const fs::path& path) {
-    std::ifstream stream(path.string(), std::ios::binary);
-    return {std::istreambuf_iterator<char>(stream), {}};
-}
-
-void writeFile(const fs::path& path, const std::string& bytes) {
-    std::ofstream(path.string(), std::ios::binary | std::ios::trunc) << bytes;
-}
 
 void overwrite(const fs::path& path, size_t offset, const std::string& bytes) {
     writeFile(path, readFile(path).replace(offset, bytes.size(), bytes));
@@ -48,8 +40,7 @@ std::map<std::string, std::pair<std::time_t, std::string>> contentsOf(const fs::
 
 fs::path copyStore(const fs::path& target) {
     fs::create_directories(target);
-    for (const char* name : {"manifest", kPart})
-        fs::copy_file(fs::path(VELMORA_TEST_DATA) / "store-v1" / name, target / name);
+    for (const char* name : {"manifest", kPart}) fs::copy_file(test::dataFile("store-v1") / name, target / name);
     return target;
 }
 
@@ -166,7 +157,7 @@ TEST(Inspect, TellsWhatAPathIsAndWhoHoldsIt) {
 }
 
 TEST(Inspect, ShowsHeaderAndRecords) {
-    const Inspected wrapped = inspect(Path(fs::path(VELMORA_TEST_DATA) / "part-wrapped-v1"), {.records = 2});
+    const Inspected wrapped = inspect(Path(test::dataFile("part-wrapped-v1")), {.records = 2});
     EXPECT_EQ(wrapped.header, (CircularQueueHeader<uint64_t>{2, 3, 0, 100, 64, 256, 256, 256}));
     EXPECT_EQ(wrapped.events, 3U);
     ASSERT_EQ(wrapped.records.size(), 2U);

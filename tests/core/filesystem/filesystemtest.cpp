@@ -104,15 +104,5 @@ TEST_F(FilesystemTest, PutsDataAndLogsBelowTheRoot) {
     EXPECT_EQ(Filesystem::getLogFolder(false), root / "Orvane" / "com.orvane.velmora");
 }
 
-TEST_F(FilesystemTest, OpensStreamsOnForeignNames) {
-    const Path file = folder_ / kForeignName;
-    std::ifstream missing;
-    EXPECT_FALSE(Filesystem::open(missing, file, std::ios::binary));
-    write(file, "text");
-    EXPECT_EQ(read(file), "text");
-    std::fstream both;
-    EXPECT_TRUE(Filesystem::open(both, file, std::ios::in | std::ios::out | std::ios::binary));
-}
-
 }  // namespace
 }  // namespace velmora

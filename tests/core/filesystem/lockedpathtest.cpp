@@ -8,6 +8,7 @@
 #include "core/filesystem/filesystem.h"
 #include "core/platform/folderlock.h"
 #include "tests/support/capturedlog.h"
+#include "tests/support/files.h"
 #include "tests/support/tempfolder.h"
 
 namespace velmora {
@@ -102,9 +103,7 @@ TEST_F(LockedPathTest, IsNeverHeldTwiceWhileFoldersComeAndGo) {
 
 TEST_F(LockedPathTest, HoldsFilesAsWell) {
     const Path file = folder_ / "file";
-    std::ofstream stream;
-    ASSERT_TRUE(Filesystem::open(stream, file, std::ios::binary));
-    stream.close();
+    test::writeFile(file.native());
     const LockedPath held{Path(file)};
     EXPECT_TRUE(held.isLocked());
     EXPECT_TRUE(LockedPath{Path(file)}.isBusy());

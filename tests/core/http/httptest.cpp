@@ -44,12 +44,6 @@ TEST(Response, InsertsChunksAndDropsThoseBehindAHole) {
     EXPECT_EQ(response.body, std::string("<hello!\0", 8));
 }
 
-TEST(JoinUrl, PutsOneSlashBetween) {
-    EXPECT_EQ(joinUrl("https://host", "a/b"), "https://host/a/b");
-    EXPECT_EQ(joinUrl("https://host/", "/a/b"), "https://host/a/b");
-    EXPECT_EQ(joinUrl("", ""), "/");
-}
-
 struct Answer {
     std::string text;
 };

@@ -159,26 +159,6 @@ TEST(JsonParser, ReportsFailuresWithOffsetAndReason) {
     }
 }
 
-class ListOwner : public JsonDefaultParser {
-public:
-    explicit ListOwner(std::vector<std::string>& list) : list_(list) {}
-    std::shared_ptr<JsonParser> onArray(const std::string&) override {
-        return std::make_shared<ArrayParser<std::string, void>>(list_);
-    }
-
-private:
-    std::vector<std::string>& list_;
-};
-
-TEST(JsonParser, RefusesAnObjectInAListOfStrings) {
-    std::vector<std::string> list;
-    EXPECT_FALSE(JsonParser::parse(R"({"l":["a",1,"b"]})", std::make_shared<ListOwner>(list)));
-    EXPECT_EQ(list, (std::vector<std::string>{"a", "b"}));
-    for (const char* const text : {R"({"l":["c",{"x":1}]})", R"({"l":[{}]})"}) {
-        EXPECT_EQ(JsonParser::parse(text, std::make_shared<ListOwner>(list)), JsonError::exception_thrown);
-    }
-}
-
 TEST(JsonParser, ReadsStringMapsAndArraysAndSkipsTheRest) {
     EXPECT_EQ(jsonToStringMap(R"({"a":"x","b":1,"c":{"d":"y"}})"),
               (std::unordered_map<std::string, std::string>{{"a", "x"}}));

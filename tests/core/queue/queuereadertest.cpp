@@ -3,7 +3,7 @@
 #include <gtest/gtest.h>
 
 #include "core/types/errors.h"
-#include "tests/core/queue/queuefiles.h"
+#include "tests/support/files.h"
 #include "tests/support/tempfolder.h"
 
 namespace velmora {
@@ -12,21 +12,20 @@ namespace {
 using test::TempFolder;
 
 TEST(QueueReader, ShowsRingAndOverflowWithPositions) {
-    using Region = QueueReader::Region;
+    constexpr auto kRing = QueueReader::Region::ring;
+    constexpr auto kBehind = QueueReader::Region::overflow;
     const struct {
         const char* file;
         std::vector<QueueReader::Record> records;
         std::string last;
     } rows[] = {
-        {"part-wrapped-v1",
-         {{0, 244, 96, Region::ring}, {1, 344, 46, Region::ring}, {2, 144, 60, Region::ring}},
-         std::string(60, 'd')},
+        {"part-wrapped-v1", {{0, 244, 96, kRing}, {1, 344, 46, kRing}, {2, 144, 60, kRing}}, std::string(60, 'd')},
         {"manifest-overflow-v1",
-         {{0, 144, 36, Region::ring},
-          {1, 184, 36, Region::ring},
-          {2, 224, 36, Region::overflow},
-          {3, 264, 36, Region::overflow},
-          {4, 304, 36, Region::overflow}},
+         {{0, 144, 36, kRing},
+          {1, 184, 36, kRing},
+          {2, 224, 36, kBehind},
+          {3, 264, 36, kBehind},
+          {4, 304, 36, kBehind}},
          "00000005-1111-4222-8333-444444444444"},
     };
     for (const auto& row : rows) {

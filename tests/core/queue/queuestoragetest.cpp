@@ -8,7 +8,7 @@
 
 #include "core/crypt/crypt.h"
 #include "core/types/errors.h"
-#include "tests/core/queue/queuefiles.h"
+#include "tests/support/files.h"
 #include "tests/support/tempfolder.h"
 
 namespace velmora {
@@ -127,45 +127,6 @@ TEST(QueueStorage, NewFilesHaveTheirFinalSizeAndReplaceWhatIsNoQueue) {
         EXPECT_EQ(bytes[kQueueSelectorPosition], row.kept ? 0 : 1);
         EXPECT_EQ(queue.recordCount(), 0U);
         EXPECT_FALSE(queue.hasFailed());
-    }
-}
-
-TEST(QueueStorage, LimitedFileRefusesWhatDoesNotFitAndStaysUsable) {
-    const TempFolder folder;
-    QueueStorage<std::string> queue(folder / "queue", kQueueHeaderSize + 100, platform::openSystemFile);
-    const auto expectRefusal = [&](size_t size) {
-        try {
-            queue.pushRecord(std::string(size, 'x'));
-            ADD_FAILURE() << "took " << size;
-        } catch (const FQException& e) {
-            EXPECT_EQ(e.code(), FQError::file_limit_exceeded);
-        }
-    };
-    expectRefusal(97);
-    queue.pushRecord(std::string(96, 'a'));
-    expectRefusal(0);
-    queue.popRecords(1);
-    queue.pushRecord("");
-    EXPECT_EQ(peek(queue, 1), Records{""});
-}
-
-// A damaged length must neither be allocated nor be believed.
-TEST(QueueStorage, LengthBeyondTheFileIsAFailedRead) {
-    for (const uint32_t length : {0xFFFFFFFFU, 0x7FFFFFFFU, 253U}) {
-        const TempFolder folder;
-        QueueStorage<std::string> queue(folder / "queue", kQueueHeaderSize + 256, platform::openSystemFile);
-        queue.pushRecord("one");
-        std::string bytes = test::readFile(folder / "queue");
-        std::memcpy(bytes.data() + kQueueHeaderSize, &length, sizeof length);
-        test::writeFile(folder / "queue", bytes);
-        queue.reopen();
-        Records out;
-        EXPECT_THROW(queue.peekRecords(queue.header(), 1, out), FQException);
-        EXPECT_TRUE(queue.hasFailed());
-        EXPECT_THROW(queue.pushRecord("two"), FQException);
-        queue.recreate();
-        queue.pushRecord("three");
-        EXPECT_EQ(peek(queue, 1), Records{"three"});
     }
 }
 

@@ -157,15 +157,6 @@ TEST(HttpHook, DroppingAHandleEndsTheRequestWhateverTheHostSaysToTheCancel) {
     }
 }
 
-TEST(HttpHook, RequestsThatOutliveTheEngineAreCancelled) {
-    FakeHost host;
-    host.answer({.where = Answer::Where::nowhere});
-    Sent sent{makeTransferEngine()};
-    ASSERT_TRUE(sent.execute());
-    sent.engine.reset();
-    EXPECT_EQ(sent.outcome(), kCancelled);
-}
-
 TEST(HttpHook, MissingCallbacksAndSessionsAreReportedByCode) {
     const auto codeOf = [](auto call) -> std::string {
         try {

@@ -92,30 +92,11 @@ public:
     bool oneIn(size_t n) { return below(n) == 0; }
 
     std::string name() {
-        static const std::vector<std::string> names = {"event.guid",
-                                                       "event.dts_end",
-                                                       "event.language",
-                                                       "event.offline",
-                                                       "event.category",
-                                                       "event.type",
-                                                       "event.workflow",
-                                                       "event.subcategory",
-                                                       "event.subtype",
-                                                       "entity.device",
-                                                       "entity.source",
-                                                       "entity.env",
-                                                       "source.device",
-                                                       "event.session_guid",
-                                                       "device",
-                                                       "language",
-                                                       "offline",
-                                                       "a",
-                                                       "b",
-                                                       "",
-                                                       "time",
-                                                       "data",
-                                                       "project",
-                                                       "nested"};
+        static const auto names = tokenize(
+            "event.guid,event.dts_end,event.language,event.offline,event.category,event.type,event.workflow,"
+            "event.subcategory,event.subtype,entity.device,entity.source,entity.env,source.device,event.session_guid,"
+            "device,language,offline,a,b,,time,data,project,nested",
+            ',', '\\');
         return names[below(names.size())];
     }
 
@@ -125,22 +106,10 @@ public:
     }
 
     std::string value(int depth = 0) {
-        static const std::vector<std::string> values = {"null",
-                                                        "true",
-                                                        "false",
-                                                        "0",
-                                                        "-1",
-                                                        "1.50",
-                                                        "1e3",
-                                                        "18446744073709551615",
-                                                        "-0.0",
-                                                        "2.5e-7",
-                                                        "\"\\u00e4\\n\\\"\\/\\\\\"",
-                                                        "\"\\u0000\"",
-                                                        "\"\xc3\xa4\"",
-                                                        "[]",
-                                                        "{}",
-                                                        "12345678901234567890123"};
+        static const auto values = tokenize(
+            R"(null|true|false|0|-1|1.50|1e3|18446744073709551615|-0.0|2.5e-7|"\u00e4\n\"\/\\"|"\u0000"|"ä"|[]|{}|)"
+            "12345678901234567890123",
+            '|', '~');
         if (depth < 3 && oneIn(4)) return object(depth + 1);
         if (depth < 3 && oneIn(8)) return "[" + value(depth + 1) + space() + "," + value(depth + 1) + "]";
         return oneIn(2) ? '"' + plainText() + '"' : values[below(values.size())];

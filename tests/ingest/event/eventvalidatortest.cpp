@@ -3,6 +3,7 @@
 #include <gtest/gtest.h>
 
 #include "core/types/errors.h"
+#include "tests/support/codeof.h"
 
 namespace velmora {
 namespace {
@@ -14,12 +15,7 @@ class EventValidatorTest : public testing::Test {
 protected:
     // The number that the host would get.
     int validate(std::string& event, uint32_t level = 1) const {
-        try {
-            validator_.validate(event, level);
-            return 0;
-        } catch (const std::system_error& e) {
-            return e.code().value();
-        }
+        return test::codeOf([&] { validator_.validate(event, level); }).value();
     }
     int validate(std::string&& event, uint32_t level = 1) const { return validate(event, level); }
 

@@ -9,6 +9,7 @@
 #include "ingest/event/eventmodel.h"
 #include "ingest/event/queue.h"
 #include "tests/support/capturedlog.h"
+#include "tests/support/codeof.h"
 #include "tests/support/fakehost.h"
 #include "tests/support/fakesession.h"
 #include "tests/support/tempfolder.h"
@@ -30,12 +31,7 @@ protected:
     }
 
     int flush() {
-        try {
-            instance_->flush(nullptr, nullptr);
-            return 0;
-        } catch (const std::system_error& e) {
-            return e.code().value();
-        }
+        return test::codeOf([this] { instance_->flush(nullptr, nullptr); }).value();
     }
 
     uint64_t stored(PipelineKind kind) {

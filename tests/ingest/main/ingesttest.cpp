@@ -279,16 +279,6 @@ TEST_F(IngestRoad, CallbacksDuringAStopFindTheInstanceGone) {
     stop(again);
 }
 
-TEST_F(IngestRoad, ABatchSizeOfZeroKeepsTheOldOneAndSendsOn) {
-    configure(VELMORA_CONSENT_GRANTED);
-    set(VELMORA_CONFIG_BATCH_SIZE, "0");
-    velmora_online();
-    const auto instance = start();
-    ASSERT_EQ(submit(instance, kEvent), VELMORA_OK);
-    EXPECT_TRUE(host_.waitUntil([&] { return velmora_ingest_flush(instance, nullptr, nullptr) == VELMORA_OK; }));
-    EXPECT_EQ(countPosted("x1"), 1U);
-}
-
 TEST_F(IngestRoad, AFolderThatCannotBeMadeIsALockError) {
     std::ofstream(((root_ / "com.orvane.velmora")).string()) << "a file in the way";
     velmora_ingest_instance instance = nullptr;

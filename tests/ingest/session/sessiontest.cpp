@@ -10,8 +10,8 @@
 #include "core/types/logger.h"
 #include "ingest/session/globalconfig.h"
 #include "ingest/session/session.h"
-#include "tests/support/environment.h"
 #include "tests/support/libraryfixture.h"
+#include "tests/support/system.h"
 
 namespace velmora::test {
 namespace {

@@ -2,8 +2,7 @@
 
 #include <gtest/gtest.h>
 
-#include <fstream>
-
+#include "tests/support/files.h"
 #include "tests/support/tempfolder.h"
 
 namespace velmora::csv {
@@ -72,7 +71,7 @@ TEST(CsvParser, SplitsLinesAndCountsThem) {
 TEST(CsvParser, TellsWhichFaultAndWhere) {
     const test::TempFolder folder;
     const Path empty((folder / "empty.csv"));
-    std::ofstream(empty.string(), std::ios::binary) << "\r\n\n";
+    test::writeFile(empty.native(), "\r\n\n");
     const auto faultOf = [](auto&& parse) -> std::string {
         try {
             parse();
