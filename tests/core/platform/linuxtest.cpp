@@ -153,8 +153,7 @@ TEST(Pools, RefuseWhatNoThreadCanBeHadForAndServeOnWithoutNewOnes) {
 
 TEST(LocalOffset, FollowsTheZoneAndItsChanges) {
     const struct {
-        const char* what;
-        const char* zone;
+        const char *what, *zone;
         int64_t utc;
         int offset;
     } rows[] = {

@@ -90,10 +90,8 @@ TEST(HttpHook, EveryKindOfAnswerGivesOneOutcomeAndLeavesNothingBehind) {
         std::string hint;  // what the engine's error callback hears
     } rows[] = {
         {"later", {}, true, kSuccess, ""},
-        {"an error status is a success of the transport", {.status = 500}, true, kSuccess, ""},
         {"within send", within({.body = "body"}), true, kSuccess, ""},
         {"twice", twice({}), true, kSuccess, ""},
-        {"twice within send", twice(within({})), true, kSuccess, ""},
         {"transport error", reset, true, "velmora_http_error:5", "velmora_http_error:5 reset"},
         {"transport error within send", within(reset), true, "velmora_http_error:5", "velmora_http_error:5 reset"},
         {"cancelled by the host", Answer::failure(VELMORA_HTTP_CANCELLED), true, kCancelled, ""},

@@ -199,21 +199,6 @@ TEST(TransferMachine, CancellationWaitsForTheCallInProgressAndOtherOutcomesDoNot
     }
 }
 
-TEST(TransferMachine, TellsWhatItRefusesAndWhatItDoesNotWaitFor) {
-    const CapturedLog log(LogLevel::info);
-    Exchange twice;
-    twice.execute();
-    twice.engine->host->onCompletion();
-    twice.engine->host->onCompletion();
-    EXPECT_TRUE(log.has(LogLevel::info, "transfer", "Normal-completion rejected; already completed; request=7"));
-    Exchange unknown;
-    unknown.engine->cancelResult = VelmoraHttpError::invalid_input;
-    unknown.execute();
-    unknown.transfer().cancel();
-    EXPECT_TRUE(
-        log.has(LogLevel::warn, "transfer", "Cancellation rejected; no completion callback received; request=7"));
-}
-
 TEST(TransferMachine, AThrowingCallbackStillLetsTheDeferredCancelRun) {
     const auto engine = std::make_shared<ScriptedEngine>();
     const auto transfer = std::make_shared<TransferImpl>(engine, http::Request{});
@@ -326,13 +311,7 @@ TEST(RequestHandle, TakenOverWithoutAnIdFailsOnce) {
     EXPECT_EQ(log.messages("http"), std::vector<std::string>{"Request failed synchronously!"});
 }
 
-TEST(RequestHandle, IsDroppedWithoutWaitingWhenTheHostCannotBeToldOrTheEngineIsGone) {
-    Exchange exchange;
-    exchange.engine->canCancel = false;
-    exchange.execute();
-    exchange.handle.reset();
-    EXPECT_EQ(exchange.responder->outcome(), kCancelled);
-
+TEST(RequestHandle, FailsWhenTheEngineIsGone) {
     Exchange lone;
     lone.engine.reset();
     std::error_code error;

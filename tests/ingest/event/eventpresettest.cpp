@@ -262,21 +262,6 @@ TEST_F(EventPresetTest, EmptyProjectIsLeftOut) {
     EXPECT_EQ(preset.getEventPayload("{}", 0, "").rfind(R"({"environment":)", 0), 0u);
 }
 
-TEST_F(EventPresetTest, LaterSourcesOverrideEarlierOnes) {
-    EXPECT_EQ(member(payload("{}"), "event.category"), "DESKTOP");
-    preset_.setCommonAttribute("event.category", "WEB");
-    EXPECT_EQ(member(payload("{}"), "event.category"), "WEB");
-    EXPECT_EQ(member(payload(R"({"event.category":"MOBILE"})"), "event.category"), "MOBILE");
-    EXPECT_EQ(member(payload(R"({"event.guid":"x"})"), "event.guid"), "x");
-    EXPECT_EQ(member(payload("{}"), "event.connection"), "none");
-    EXPECT_EQ(member(payload("{}", 1), "event.workflow"), "Unknown");
-    setEventOnline(false);
-    EXPECT_EQ(member(payload("{}"), "event.offline"), "true");
-    const std::string env = member(payload(R"({"entity.env":{"offline":"maybe","mine":1}})"), "entity.env");
-    EXPECT_NE(env.find(R"("offline":"maybe","mine":1})"), std::string::npos);
-    EXPECT_NE(env.find(R"({"dts_end":")"), std::string::npos);
-}
-
 TEST_F(EventPresetTest, RefusesCommonAttributesThatBreakTheJson) {
     preset_.setCommonAttribute("a", "1");
     EXPECT_THROW(preset_.setCommonAttribute("b", "\""), std::system_error);

@@ -78,73 +78,37 @@ std::string rewriting(const std::string& command) {
 TEST_F(EventTransformerTest, MatchesRules) {
     expectConversions({
         {"no rules", "IN_a,OUT_b\n", "{'a':'1'}", "unmatched"},
-        {"whole value", "IN_a,OUT_b\nx,y\n", "{'a':'x'}", "{'b':'y'}"},
         {"not a part of the value", "IN_a,OUT_b\nx,y\n", "{'a':'xx'}", "unmatched"},
         {"all keys have to match", "IN_a,IN_c,OUT_b\nx,x,y\n", "{'a':'x','c':'y'}", "unmatched"},
-        {"no input matches everything", "IN_a,OUT_b\n,y\n", "{'a':'x'}", "{'a':'x','b':'y'}"},
-        {"empty event", "IN_a,OUT_b\n,y\n", "{}", "{'b':'y'}"},
         {"no output only consumes", "IN_a,OUT_b\nx,\n", "{'a':'x','c':1}", "{'c':1}"},
-        {"input key written again", "IN_a,OUT_a\n(.*),<$1>\n", "{'a':'x'}", "{'a':'<x>'}"},
-        {"order of the rest stays", "IN_b,OUT_z\nx,y\n", "{'a':1,'b':'x','c':2,'d':3}", "{'a':1,'c':2,'d':3,'z':'y'}"},
         {"output is appended beside one of its name", "IN_a,OUT_b\nx,y\n", "{'a':'x','b':'1'}", "{'b':'1','b':'y'}"},
-        {"case counts", "IN_a,OUT_b\nabc,y\n", "{'a':'ABC'}", "unmatched"},
         {"case does not count", "CONFIG,IN_a,OUT_b\ncase-sensitive-values=false,abc,y\n", "{'a':'ABC'}", "{'b':'y'}"},
-        {"other value of the option", "CONFIG,IN_a,OUT_b\ncase-sensitive-values=no,abc,y\n", "{'a':'ABC'}",
-         "unmatched"},
-        {"number as text", "IN_a,OUT_b\n-?\\d+,$+{a}\n", "{'a':-12}", "{'b':'-12'}"},
-        {"values of other kinds", "IN_a,IN_b,OUT_c\n\\{.*\\},true,$+{a}$+{b}$+{n}$+{l}\n",
-         "{'a':{'x':[1]},'b':true,'n':null,'l':[1,'q']}",
-         R"({"n":null,"l":[1,"q"],"c":"{\"x\":[1]}truenull[1,\"q\"]"})"},
-        {"line feeds are characters", "IN_a,OUT_b\nx.*,y\n", "{'a':'x\\ny'}", "{'b':'y'}"},
         {"duplicate members: the first counts and goes", "IN_a,OUT_b\n(.),$1$2$3\n", "{'a':'x','a':'y'}",
          "{'a':'y','b':'xxx'}"},
-        {"two columns of one key", "IN_a,IN_a,OUT_b\nx.,.(.),$1\n", "{'a':'xy'}", "{'b':'y'}"},
-        {"bytes beyond ASCII", "IN_a,OUT_b\n(.*)ö,$1\n", "{'a':'äö'}", "{'b':'ä'}"},
     });
 }
 
 TEST_F(EventTransformerTest, TreatsMissingKeysByOption) {
     expectConversions({
         {"matched as the empty text", "IN_a,OUT_b\n.*,y\n", "{'c':1}", "{'c':1,'b':'y'}"},
-        {"which the expression may refuse", "IN_a,OUT_b\n.+,y\n", "{'c':1}", "unmatched"},
         {"its number is not defined", "IN_a,OUT_b,OUT_d\n(.*),<$1>,y\n", "{'c':1}", "{'c':1,'d':'y'}"},
         {"its name is not defined", "IN_a,OUT_b,OUT_d\n(?<n>.*),<$+{n}>,y\n", "{'c':1}", "{'c':1,'d':'y'}"},
         {"braces are not checked", "IN_a,OUT_b\n(.*),<${1}>\n", "{'c':1}", "{'c':1,'b':'<>'}"},
         {"skip", "CONFIG,IN_a,OUT_b\nmissing-key-action=skip,.*,y\n", "{'c':1}", "unmatched"},
-        {"skip leaves present keys alone", "CONFIG,IN_a,OUT_b\nmissing-key-action=skip,.*,y\n", "{'a':''}",
-         "{'b':'y'}"},
-        {"other action", "CONFIG,IN_a,OUT_b\nmissing-key-action=fail,.*,y\n", "{'c':1}", "{'c':1,'b':'y'}"},
-        {"value instead", "CONFIG,IN_a,OUT_b\nmissing-key-value=x,(.*),<$1>\n", "{'c':1}", "{'c':1,'b':'<x>'}"},
-        {"value before skip", "CONFIG,IN_a,OUT_b\nmissing-key-value=x;missing-key-action=skip,(.*),<$1>\n", "{}",
-         "{'b':'<x>'}"},
-        {"value that does not match", "CONFIG,IN_a,OUT_b\nmissing-key-value=x,y,z\n", "{}", "unmatched"},
-        {"empty value is a value", "CONFIG,IN_a,OUT_b\nmissing-key-value=,(.*),<$1>\n", "{}", "{'b':'<>'}"},
         {"no group by the key's name", "CONFIG,IN_a,OUT_b,OUT_c\nmissing-key-value=x,.*,$+{a},y\n", "{}", "{'c':'y'}"},
     });
 }
 
 TEST_F(EventTransformerTest, FillsFormats) {
     expectConversions({
-        {"numbers count over all keys", "IN_a,IN_b,OUT_c\n(.)(.),(.),$3-$2-$1\n", "{'a':'xy','b':'z'}",
-         "{'c':'z-y-x'}"},
-        {"and on over the event's keys", "IN_a,OUT_c\n(.)(.),$4-$3\n", "{'a':'xy','b':'z'}", "{'b':'z','c':'z-xy'}"},
-        {"number without a group", "IN_a,OUT_c,OUT_d\n(.),$3,y\n", "{'a':'x'}", "{'d':'y'}"},
         {"zero is no group", "IN_a,OUT_c,OUT_d\n(.),$0,y\n", "{'a':'x'}", "{'d':'y'}"},
         {"number out of range", "IN_a,OUT_c,OUT_d\n(.),$99999999999999999999,y\n", "{'a':'x'}", "{'d':'y'}"},
-        {"leading zero", "IN_a,OUT_c\n(.),$01\n", "{'a':'x'}", "{'c':'x'}"},
-        {"group that took no part", "IN_a,OUT_c\n(x)|(y),[$1$2]\n", "{'a':'y'}", "{'c':'[y]'}"},
         {"names", "IN_a,OUT_c\n(?<first>.)(?<rest>.*),$+{rest}$+{first}\n", "{'a':'xyz'}", "{'c':'yzx'}"},
-        {"unknown name", "IN_a,OUT_c,OUT_d\n(.),$+{nobody},y\n", "{'a':'x'}", "{'d':'y'}"},
         {"keys by name", "IN_a,OUT_c\nx,$+{event.workflow}/$+{a}\n", "{'a':'x','event.workflow':'w'}",
          "{'event.workflow':'w','c':'w/x'}"},
         {"key before a group of its name", "IN_a,OUT_c\n(?<b>.),$+{b}\n", "{'a':'x','b':'y'}", "{'b':'y','c':'y'}"},
         {"last group of a name", "IN_a,IN_b,OUT_c\n(?<n>.),(?<n>.),$+{n}\n", "{'a':'x','b':'y'}", "{'c':'y'}"},
-        {"doubled dollar", "IN_a,OUT_c\nx,$$1 $$+{q}\n", "{'a':'x'}", "{'c':'$1 $+{q}'}"},
-        {"tripled dollar", "IN_a,OUT_c\n(x),$$$1\n", "{'a':'x'}", "{'c':'$x'}"},
-        {"lone dollar", "IN_a,OUT_c\nx,a$ b$\n", "{'a':'x'}", "{'c':'a$ b$'}"},
         {"whole match is all captures", "IN_a,OUT_c\n(x)y,[$&]\n", "{'a':'xy','b':'z'}", "{'b':'z','c':'[xxyzxyz]'}"},
-        {"before and behind the match", "IN_a,OUT_c\n(x),[$`$']\n", "{'a':'x'}", "{'c':'[]'}"},
-        {"last group", "IN_a,OUT_c\n(x),$+\n", "{'a':'x','b':'z'}", "{'b':'z','c':'z'}"},
         {"braces", "IN_a,OUT_c\n(x)(y),${2}1${9}\n", "{'a':'xy'}", "{'c':'y1'}"},
         {"words of Perl", "IN_a,OUT_c\n(x),$MATCH ${MATCH} $LAST_PAREN_MATCH\n", "{'a':'x'}", "{'c':'xxx xxx x'}"},
         {"case of characters", "IN_a,OUT_c\n(.*),\\u$1 \\U$1\\E \\l$1\n", "{'a':'Ab'}", "{'c':'Ab AB ab'}"},
@@ -152,7 +116,6 @@ TEST_F(EventTransformerTest, FillsFormats) {
         {"no conditionals in Perl formats", "IN_a,OUT_c\n(x),(?1yes:no)\n", "{'a':'x'}", "{'c':'(?1yes:no)'}"},
         {"special characters come through", "IN_a,OUT_c,OUT_d\n(.*),$1,\\0$1\n", "{'a':'[a] (b)*+?.,^$|#-{}\\t\\\\d'}",
          "{'c':'[a] (b)*+?.,^$|#-{}\\t\\\\d','d':'\\u0000[a] (b)*+?.,^$|#-{}\\t\\\\d'}"},
-        {"comma in a quoted format", "IN_a,OUT_c\n(x),\"$1,$1\"\n", "{'a':'x'}", "{'c':'x,x'}"},
     });
 }
 
@@ -177,21 +140,13 @@ TEST_F(EventTransformerTest, SurvivesOddNames) {
 TEST_F(EventTransformerTest, RewritesInPlace) {
     expectConversions({
         {"first match", rewriting("s/o/0/"), "{'a':'foo','b':1}", "{'b':1,'a':'f0o'}"},
-        {"without the last slash", rewriting("s/o/0"), "{'a':'foo'}", "{'a':'f0o'}"},
         {"all matches", rewriting("s/o/0/g"), "{'a':'foo'}", "{'a':'f00'}"},
-        {"any case", rewriting("s/O/0/gi"), "{'a':'foo'}", "{'a':'f00'}"},
         {"groups", rewriting("s/(.)(.)/$2$1/"), "{'a':'xyz'}", "{'a':'yxz'}"},
         {"slash in a part", rewriting(R"(s/\//\\n/g)"), "{'a':'x/y'}", "{'a':'x\\ny'}"},
         {"backslashes are taken away once", rewriting(R"(s/\\d+/#/)"), "{'a':'d12'}", "{'a':'d#'}"},
         {"what stands before the first slash", rewriting("any/o/0/"), "{'a':'foo'}", "{'a':'f0o'}"},
-        {"numbers become texts", rewriting("s/1/2/"), "{'a':11}", "{'a':'21'}"},
         {"missing key", rewriting("s/o/0/"), "{'b':1}", "{'b':1}"},
-        {"missing key with a value", "CONFIG,IN_a\nsearch-replace-substrings=true;missing-key-value=o,s/o/0/\n",
-         "{'b':1}", "{'b':1,'a':'0'}"},
-        {"too few parts", rewriting("s/o"), "{'a':'foo'}", "{'a':'foo'}"},
         {"too many parts", rewriting("s/o/0/g/"), "{'a':'foo'}", "{'a':'foo'}"},
-        {"outputs are ignored", "CONFIG,IN_a,OUT_b\nsearch-replace-substrings=true,s/o/0/,y\n", "{'a':'o'}",
-         "{'a':'0'}"},
         {"bad expression", rewriting("s/(/0/"), "{'a':'o'}", "failed"},
         {"bad expression of a missing key", rewriting("s/(/0/"), "{}", "{}"},
         {"only for the value true", "CONFIG,IN_a\nsearch-replace-substrings=yes,s/o/0/\n", "{'a':'o'}", "unmatched"},
@@ -210,9 +165,6 @@ TEST_F(EventTransformerTest, FiltersKeys) {
          "{'a':{'c':1},'b':{'a':{'d':2},'e':3}}", "{'a':{'c':1},'b':{'a':{'d':2,'c':1},'e':3}}"},
         {"include over another value", "CONFIG,OUT_b\nnon-standard-keys=include,x\n", "{'b':'text','a':1}",
          "{'b':{'a':1},'a':1}"},
-        {"include twice", "CONFIG,OUT_b,OUT_c\nnon-standard-keys=include,x,x\n", "{'a':1}",
-         "{'a':1,'b':{'a':1},'c':{'a':1}}"},
-        {"include without a place", "CONFIG,OUT_b\nnon-standard-keys=include,\n", "{'a':1}", "unmatched"},
         {"nothing to include", "CONFIG,OUT_b\nnon-standard-keys=include,x\n", "{'source.a':1}", "unmatched"},
         {"another value", "CONFIG,OUT_b\nnon-standard-keys=drop,x\n", "{'a':1}", "unmatched"},
         {"other options are not read", "CONFIG,IN_a\nnon-standard-keys=exclude;search-replace-substrings=true,s/1/2/\n",
@@ -224,7 +176,6 @@ TEST_F(EventTransformerTest, AppliesRulesInOrderToWhatIsLeft) {
     expectConversions({
         {"on the result of the first", "IN_a,IN_b,OUT_b,OUT_c\nx,,y,\n,y,,z\n", "{'a':'x'}", "{'c':'z'}"},
         {"what the first took is missing", "IN_a,OUT_b,OUT_c\nx,y,\nx,,z\n", "{'a':'x'}", "{'b':'y'}"},
-        {"a later match is enough", "IN_a,OUT_b\nq,1\nx,2\nq,3\n", "{'a':'x'}", "{'b':'2'}"},
         {"the table of the documentation",
          "CONFIG,IN_component,IN_action,OUT_event.workflow,OUT_event.type\n"
          "search-replace-substrings=true,s/^legacy-//i,,,\n"
@@ -252,17 +203,6 @@ TEST_F(EventTransformerTest, RefusesWhatIsNoObject) {
         EXPECT_EQ(json, "{}");
         EXPECT_FALSE(matched);
     }
-}
-
-TEST_F(EventTransformerTest, LogsSkippedRewrites) {
-    const auto transformer = transformerOf(
-        "CONFIG,IN_a,IN_b\nsearch-replace-substrings=true,s/x/y/,s/x\nsearch-replace-substrings=true,,x\\\n");
-    const test::CapturedLog log;
-    convert(*transformer, R"({"b":"x"})");
-    EXPECT_TRUE(log.has(LogLevel::warn, "event.transformer", "skipping in-place substitution for absent key=a"));
-    EXPECT_TRUE(
-        log.has(LogLevel::warn, "event.transformer", "skipping invalid substitution command=s/x for absent key=b"));
-    EXPECT_EQ(log.count("skipping invalid substitution command=x\\ for absent key=b"), 1u);
 }
 
 TEST_F(EventTransformerTest, EndsExpressionsThatExplode) {

@@ -38,10 +38,8 @@ TEST_F(IngestEntry, RefusesBadArgumentsWithOneMessageEach) {
         const char* message;
     } rows[] = {
         {[&] { return velmora_ingest_start(nullptr, "{}", nullptr, &out); }, 4, "ingest start for config=(nullptr)"},
-        {[&] { return velmora_ingest_start("", "x", nullptr, nullptr); }, 4, "ingest start for config="},
         {[&] { return velmora_ingest_start("g", "x", nullptr, nullptr); }, 4, "ingest start for pInstance=nullptr"},
         {[&] { return velmora_ingest_start("g", "x", nullptr, &out); }, 2, "ingest start for commonData=x"},
-        {[&] { return velmora_ingest_start("g", "", nullptr, &out); }, 2, "ingest start for commonData="},
         {[&] { return velmora_ingest_stop(none); }, 4, "stop for instance=0"},
         {[&] { return velmora_ingest_stop_v2(none, Completion::callback, nullptr); }, 4, "stop for instance=0"},
         {[&] { return velmora_ingest_flush(none, nullptr, nullptr); }, 4, "flush for instance=0"},
