@@ -36,10 +36,9 @@ protected:
         return options;
     }
 
-    void restart(const std::string& apiKey = "") {
+    void restart() { restart(options()); }
+    void restart(const CollectorOptions& chosen) {
         collector_.reset();
-        CollectorOptions chosen = options();
-        chosen.apiKey = apiKey;
         collector_ = std::make_unique<Collector>(chosen);
         collector_->start();
     }
@@ -143,7 +142,9 @@ TEST_F(CollectorTest, RefusesWhatIsNoBatchAndStaysUsable) {
 }
 
 TEST_F(CollectorTest, DemandsItsKey) {
-    restart("secret");
+    CollectorOptions guarded = options();
+    guarded.apiKey = "secret";
+    restart(guarded);
     EXPECT_EQ(post(batch(event("a"))), 403);
     EXPECT_EQ(post(batch(event("a")), {{"x-api-key", "secret"}}), 200);
     EXPECT_EQ(stat("events"), 1);
@@ -187,11 +188,9 @@ TEST_F(CollectorTest, AnswersForIdentityAndTracking) {
     EXPECT_EQ(client().Get("/fetch_user_tracking_flag", {{"Access-Token", "t"}})->body, R"({"tracking_flag":"PII"})");
     EXPECT_EQ(client().Get("/fetch_user_tracking_flag")->status, 401);
 
-    collector_.reset();
     CollectorOptions failing = options();
     failing.identityStatus = 401;
-    collector_ = std::make_unique<Collector>(failing);
-    collector_->start();
+    restart(failing);
     EXPECT_EQ(client().Get("/oswin/profile", {{"Authorization", "Bearer t"}})->status, 401);
     failing.profile = "no JSON";
     EXPECT_THROW(Collector{failing}, std::invalid_argument);

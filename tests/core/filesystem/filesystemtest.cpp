@@ -27,12 +27,6 @@ protected:
         stream << text;
     }
 
-    std::string read(const Path& path) {
-        std::ifstream stream;
-        EXPECT_TRUE(Filesystem::open(stream, path, std::ios::binary));
-        return {std::istreambuf_iterator<char>(stream), {}};
-    }
-
     test::CapturedLog log_;
     const test::TempFolder temp_;
     const Path folder_{temp_.path()};
@@ -77,9 +71,9 @@ TEST_F(FilesystemTest, ResizesRegularFilesOnly) {
     EXPECT_TRUE(log_.has(LogLevel::warn, "fs", warning));
     write(file, "12345");
     EXPECT_TRUE(Filesystem::resizeFile(file, 7));
-    EXPECT_EQ(read(file), std::string("12345\0\0", 7));
+    EXPECT_EQ(test::readFile(file.native()), std::string("12345\0\0", 7));
     EXPECT_TRUE(Filesystem::resizeFile(file, 2));
-    EXPECT_EQ(read(file), "12");
+    EXPECT_EQ(test::readFile(file.native()), "12");
     EXPECT_FALSE(Filesystem::resizeFile(file, uint64_t{1} << 62)) << "more than any volume holds";
 }
 

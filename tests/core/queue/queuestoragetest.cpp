@@ -240,8 +240,6 @@ TEST(QueueStorage, ReadsRecordsAcrossReadAheadWindows) {
     EXPECT_EQ(peek(queue, pushed.size()), pushed);
 }
 
-using test::TempFolder;
-
 TEST(QueueReader, ShowsRingAndOverflowWithPositions) {
     constexpr auto kRing = QueueReader::Region::ring;
     constexpr auto kBehind = QueueReader::Region::overflow;

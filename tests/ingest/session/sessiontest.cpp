@@ -419,8 +419,6 @@ TEST_F(SessionEntry, ConversionsReplaceTheirTableInOneStepOrNotAtAll) {
     EXPECT_EQ(output, nullptr);
 }
 
-using namespace std::chrono_literals;
-
 // The manager alone, on the test's own thread and time: every answer comes from within send.
 class Identity : public testing::Test {
 protected:
