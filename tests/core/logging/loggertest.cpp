@@ -45,11 +45,7 @@ TEST(FormattedLogger, WritesLinesThatHostsMayParse) {
 // A log folder of its own, and what the logger told of removed files.
 class DefaultLoggerTest : public testing::Test {
 protected:
-    struct Removed {
-        uint64_t count;
-        uint64_t folderSize;
-        bool operator==(const Removed&) const = default;
-    };
+    using Removed = std::pair<uint64_t, uint64_t>;  // how many files, and the size of the folder
 
     DefaultLoggerTest() {
         Filesystem::setRootPath(Path(temp_.path()));
@@ -163,7 +159,7 @@ TEST_F(DefaultLoggerTest, RemovesWhatIsTooOldHoweverSmallTheFolder) {
     EXPECT_EQ(names(), (std::vector<std::string>{"folder", "young"}));
     const std::lock_guard<std::mutex> lock(mutex_);
     EXPECT_EQ(removed_.count("Overflow"), 0U);
-    EXPECT_GE(removed_["Expire"].count, 1U);
+    EXPECT_GE(removed_["Expire"].first, 1U);
 }
 
 TEST_F(DefaultLoggerTest, KeepsWhatIsExactlyAtALimit) {

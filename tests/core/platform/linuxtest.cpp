@@ -161,7 +161,6 @@ TEST(LocalOffset, FollowsTheZoneAndItsChanges) {
         {"the second before summer time", "CET-1CEST,M3.5.0,M10.5.0/3", 1679792399, 3600},
         {"summer time begins", "CET-1CEST,M3.5.0,M10.5.0/3", 1679792400, 7200},
         {"west of Greenwich, half hours", "NST3:30", 1678788930, -12600},
-        {"quarter hours", "NPT-5:45", 1678788930, 20700},
     };
     for (const auto& row : rows) {
         SCOPED_TRACE(row.what);
@@ -279,7 +278,6 @@ TEST(RandomAccessFile, ReservesBlocksForWhatIsOnlyALength) {
 
 TEST(KernelMask, HoldsTheHighestWordFirst) {
     EXPECT_TRUE(maskHasBit("2", 1));
-    EXPECT_FALSE(maskHasBit("2", 0));
     EXPECT_TRUE(maskHasBit("400 0 0 0 0 0", 330));
     EXPECT_FALSE(maskHasBit("400 0 0 0 0 0", 10));
     EXPECT_FALSE(maskHasBit("", 3));

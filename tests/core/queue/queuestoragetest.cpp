@@ -110,7 +110,6 @@ TEST(QueueStorage, NewFilesHaveTheirFinalSizeAndReplaceWhatIsNoQueue) {
         bool kept;
     } rows[] = {
         {"missing part", nullptr, 0, 1144, 1144, false},
-        {"missing manifest", nullptr, 0, 144, 144, false},
         {"empty", "", 0, 1144, 1144, false},
         {"one byte short", zeroSlots.data(), 143, 144, 144, false},
         {"wrong magic", badMagic.data(), badMagic.size(), 1144, 1144, false},

@@ -5,13 +5,18 @@
 #include <algorithm>
 #include <chrono>
 #include <ctime>
+#include <mutex>
 #include <regex>
 #include <set>
+#include <stdexcept>
 #include <thread>
 
 #include "core/platform/localtime.h"
+#include "core/platform/pool.h"
+#include "core/utils/taskengine.h"
 #include "core/utils/timestamps.h"
 #include "tests/support/capturedlog.h"
+#include "tests/support/manualpools.h"
 
 namespace velmora {
 namespace {
@@ -111,6 +116,200 @@ TEST(Timestamps, LocalTimeIsAheadOfUtcByTheOffsetShown) {
     EXPECT_EQ(local[23] == '-' ? -shown : shown, offset.count());
     EXPECT_GE(local.substr(0, 19) + "Z", formatTimeUtc((before + offset.count()) * kTicks));
     EXPECT_EQ(currentTimeLocalMillis().substr(23), local.substr(23)) << "the kept offset is the asked one";
+}
+
+using namespace std::chrono_literals;
+using test::ManualPools;
+
+TEST(TaskEngineGenerations, RestartMakesPendingTimersAndTasksVoid) {
+    ManualPools pools;
+    SerialTaskEngine engine;
+    std::string ran;
+    engine.schedule(1000ms, Task([&] { ran += "old timer "; }));
+    engine.schedule(Task([&] { ran += "old task "; }));
+    engine.stop();
+    engine.schedule(Task([&] { ran += "refused "; }));
+    engine.start();
+    engine.schedule(2000ms, Task([&] { ran += "new timer "; }));
+    engine.schedule(Task([&] { ran += "new task "; }));
+    pools.advance(1500ms);
+    EXPECT_EQ(ran, "new task ");
+    pools.advance(500ms);
+    EXPECT_EQ(ran, "new task new timer ");
+    engine.start();  // running already: no new generation
+    engine.schedule(Task([&] { ran += "last"; }));
+    engine.start();
+    pools.runAll();
+    EXPECT_EQ(ran, "new task new timer last");
+}
+
+TEST(WaitFor, TellsWhatItWaitsForAndGivesUpInTime) {
+    const test::CapturedLog log;
+    int asked = 0;
+    EXPECT_FALSE(waitFor([&] { return ++asked > 9; }, "never", 1, 3));
+    EXPECT_EQ(asked, 4);
+    EXPECT_TRUE(waitFor([&] { return true; }, "at once", 1, 3));
+    EXPECT_EQ(log.count("waiting for never to be complete"), 1U);
+}
+
+TEST(TaskEngineEnd, TasksOfADestroyedEngineVanish) {
+    ManualPools pools;
+    bool ran = false;
+    future<std::error_code> result;
+    {
+        SerialTaskEngine engine;
+        engine.schedule(Task([&] { ran = true; }));
+        engine.schedule(10ms, Task([&] { ran = true; }));
+        result = engine.schedule(std::error_code(), [&] {
+            ran = true;
+            return std::error_code();
+        });
+    }
+    pools.advance(100ms);
+    EXPECT_FALSE(ran);
+    ASSERT_TRUE(result.isReady());
+    EXPECT_THROW((void)result.get_try(), future_error) << "an unrun package breaks its promise";
+}
+
+TEST(TaskEngineFutures, CarryResultExceptionOrTheDefaultOfAStoppedEngine) {
+    SerialTaskEngine engine;
+    const auto value = engine.schedule(std::error_code(), [] { return std::make_error_code(std::errc::io_error); });
+    EXPECT_EQ(waitForFuture(value, std::error_code(), "value", 1, 10000), std::errc::io_error);
+    const auto thrown =
+        engine.schedule(std::error_code(), []() -> std::error_code { throw std::runtime_error("broken"); });
+    EXPECT_THROW(waitForFuture(thrown, std::error_code(), "thrown", 1, 10000), std::runtime_error);
+    engine.stop();
+    const auto refused = engine.schedule(std::make_error_code(std::errc::timed_out), [] { return std::error_code(); });
+    ASSERT_TRUE(refused.isReady());
+    EXPECT_EQ(*refused.get_try(), std::errc::timed_out);
+    const future<std::error_code> never(std::make_shared<FutureState<std::error_code>>());
+    EXPECT_EQ(waitForFuture(never, std::make_error_code(std::errc::timed_out), "never", 1, 3), std::errc::timed_out);
+}
+
+TEST(SerialQueueOrder, TasksNeverOverlapAndKeepTheirOrderPerThread) {
+    for (const auto mode : {SerialQueue::Mode::oneTaskPerTurn, SerialQueue::Mode::allTasksPerTurn}) {
+        const auto queue =
+            std::make_shared<SerialQueue>([](Task task) { platform::defaultPool().run(std::move(task)); }, mode);
+        constexpr int kThreads = 4;
+        constexpr int kTasks = 500;
+        std::vector<int> seen[kThreads];
+        std::atomic<int> inside = 0;
+        std::atomic<int> done = 0;
+        std::atomic<bool> overlapped = false;
+        std::vector<std::thread> threads;
+        for (int t = 0; t < kThreads; ++t) {
+            threads.emplace_back([&, t] {
+                for (int i = 0; i < kTasks; ++i) {
+                    queue->enqueue(Task([&, t, i] {
+                        if (++inside != 1) overlapped = true;
+                        seen[t].push_back(i);
+                        --inside;
+                        ++done;
+                    }));
+                }
+            });
+        }
+        for (auto& thread : threads) thread.join();
+        ASSERT_TRUE(waitFor([&] { return done == kThreads * kTasks; }, "tasks", 1, 60000));
+        EXPECT_FALSE(overlapped);
+        for (const auto& order : seen) EXPECT_TRUE(std::is_sorted(order.begin(), order.end()));
+    }
+}
+
+TEST(SerialQueueRefusal, LosesNoTakenTaskAndGoesOnAfterIt) {
+    std::deque<Task> turns;
+    int refusals = 0;
+    const auto executor = [&](Task turn) {
+        if (refusals > 0 && refusals-- > 0) throw std::bad_alloc();
+        turns.push_back(std::move(turn));
+    };
+    const auto runTurns = [&] {
+        for (; !turns.empty(); turns.pop_front()) turns.front()();
+    };
+    const auto queue = std::make_shared<SerialQueue>(executor, SerialQueue::Mode::oneTaskPerTurn);
+    std::string ran;
+    refusals = 1;
+    const auto held = std::make_shared<int>();
+    EXPECT_THROW(queue->enqueue([&ran, held] { ran += "refused "; }), std::bad_alloc);
+    EXPECT_EQ(held.use_count(), 1) << "the queue has kept nothing";
+    for (const char* const name : {"a ", "b ", "c "}) queue->enqueue([&ran, name] { ran += name; });
+    refusals = 1;
+    EXPECT_NO_THROW(runTurns());
+    EXPECT_EQ(ran, "a b c ");
+    queue->enqueue([&] { ran += "d"; });
+    runTurns();
+    EXPECT_EQ(ran, "a b c d");
+}
+
+TEST(TaskEngineStop, NoBodyRunsAfterStopHasReturnedAndAThrowEndsOnlyItsTask) {
+    for (int round = 0; round < 200; ++round) {
+        SerialTaskEngine engine;
+        TaskEngine timer;
+        std::atomic<bool> stopped = false;
+        std::atomic<bool> late = false;
+        const auto body = [&] {
+            if (stopped) late = true;
+            std::this_thread::yield();
+            if (stopped) late = true;
+            throw std::runtime_error("ends this task only");
+        };
+        std::thread feeder([&] {
+            for (int i = 0; i < 20; ++i) {
+                engine.schedule(Task(body));
+                timer.schedule(0ms, Task(body));
+            }
+        });
+        engine.stop();
+        timer.stop();
+        stopped = true;
+        feeder.join();
+        EXPECT_FALSE(late);
+    }
+}
+
+TEST(Pool, DoesNotDeadlockWhenEveryThreadWaitsForWorkOfTheSamePool) {
+    constexpr int kDepth = 60;
+    std::atomic<int> reached = 0;
+    std::function<void(int)> nest = [&](int depth) {
+        ++reached;
+        if (depth == 0) return;
+        std::atomic<bool> inner = false;
+        platform::defaultPool().run([&] {
+            nest(depth - 1);
+            inner = true;
+        });
+        waitFor([&] { return inner.load(); }, "inner", 1, 60000);
+    };
+    std::atomic<bool> done = false;
+    platform::defaultPool().run([&] {
+        nest(kDepth);
+        done = true;
+    });
+    ASSERT_TRUE(waitFor([&] { return done.load(); }, "outer", 1, 60000));
+    EXPECT_EQ(reached, kDepth + 1);
+}
+
+TEST(Timer, FiresInOrderOfDueTimeAndNotBefore) {
+    std::mutex mutex;
+    std::vector<int> order;
+    const auto begin = std::chrono::steady_clock::now();
+    std::chrono::steady_clock::duration first{};
+    for (const int ms : {120, 40, 80}) {
+        platform::defaultTimer().runAfter(std::chrono::milliseconds(ms), [&, ms] {
+            const std::lock_guard<std::mutex> lock(mutex);
+            if (order.empty()) first = std::chrono::steady_clock::now() - begin;
+            order.push_back(ms);
+        });
+    }
+    platform::defaultTimer().runAfter(std::chrono::milliseconds::max(), [] { std::abort(); });
+    ASSERT_TRUE(waitFor(
+        [&] {
+            const std::lock_guard<std::mutex> lock(mutex);
+            return order.size() == 3;
+        },
+        "timers", 1, 60000));
+    EXPECT_EQ(order, (std::vector<int>{40, 80, 120}));
+    EXPECT_GE(first, 39ms);
 }
 
 }  // namespace

@@ -302,12 +302,8 @@ TEST_F(EventPresetTest, IdentityIsThatOfTheBatch) {
 }
 
 TEST_F(EventPresetTest, TakesOnlyWhatTheBatchCanReadAgain) {
-    const auto nested = [](int levels) {
-        std::string text = "{\"a\":";
-        for (int i = 1; i < levels; ++i) text += '[';
-        text += '1';
-        for (int i = 1; i < levels; ++i) text += ']';
-        return text + '}';
+    const auto nested = [](size_t levels) {
+        return "{\"a\":" + std::string(levels - 1, '[') + "1" + std::string(levels - 1, ']') + "}";
     };
     std::string deepest = payload(nested(kMaxNesting - 1), 1);
     EXPECT_TRUE(preset_.tryApplyBatchAttributes(deepest, true));

@@ -276,7 +276,6 @@ TEST_F(EventTransformerTest, ReportsTheFilesOfABatch) {
     EXPECT_TRUE(log.has(LogLevel::error, "event.transformer", "file not found; inCsvPath: " + nowhere.string()));
     writeFile(in, "a\nx\n");
     EXPECT_EQ(codeOf(in, nowhere), 4);
-    EXPECT_TRUE(log.has(LogLevel::info, "event.transformer", "Parse input csv: " + in.string()));
     EXPECT_TRUE(log.has(LogLevel::error, "event.transformer", "file not opened; outCsvPath: " + nowhere.string()));
     writeFile(in, "a\nx,y\n");
     EXPECT_EQ(codeOf(in, file("out.csv")), 12);

@@ -298,7 +298,6 @@ TEST_F(PipelineOutcomes, DecideByStatusWhetherABatchIsPoppedRetriedOrGivenUp) {
         {"ok", {.status = 200}, Fate::popped},
         {"no content", {.status = 204}, Fate::popped},
         {"bad request", {.status = 400}, Fate::givenUp},
-        {"not found", {.status = 404}, Fate::givenUp},
         {"request timeout", {.status = 408}, Fate::retried},
         {"too many requests", {.status = 429}, Fate::retried},
         {"internal server error", {.status = 500}, Fate::retried},

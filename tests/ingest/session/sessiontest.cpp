@@ -259,8 +259,6 @@ TEST_F(SessionEntry, TheEnvironmentsLogLevelOverridesEveryOther) {
     setEnvironmentVariable(kVariable, "warn");
     ASSERT_EQ(velmora_setLogLevel(VELMORA_LOG_TRACE), VELMORA_OK);
     EXPECT_EQ(getGlobalConfig().logLevel, LogLevel::warn);
-    setEnvironmentVariable(kVariable, "error");
-    EXPECT_EQ(getGlobalConfig().logLevel, LogLevel::error);
     setEnvironmentVariable(kVariable, "");
     ASSERT_EQ(velmora_setLogLevel(VELMORA_LOG_DEBUG), VELMORA_OK);
     EXPECT_EQ(getGlobalConfig().logLevel, LogLevel::debug);
