@@ -143,11 +143,11 @@ TEST(HttpHook, DroppingAHandleEndsTheRequestWhateverTheHostSaysToTheCancel) {
         if (row.isCompletedByHost) {
             EXPECT_TRUE(host.waitForCompletions(1));
         }
+        EXPECT_TRUE(row.behaviour != OnCancel::unknown || sent.responder.use_count() == 1);
         engine.reset();
         sent.engine.reset();
         EXPECT_EQ(host.deletedSessions(), 1u);
         EXPECT_EQ(sent.responder->outcome(), row.outcome);
-        EXPECT_EQ(sent.responder.use_count(), 1);
     }
 }
 
