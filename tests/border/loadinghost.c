@@ -1,46 +1,8 @@
 /* A host in pure C that loads the library by hand, delivers events through an HTTP stack of its own, stops, unloads and
  * loads again. Its argument is the library's path. Exit code 0 means that all went as it should. */
-#include <stdio.h>
-#include <string.h>
-#include <velmora/velmora.h>
+#include "tests/border/deliveringhost.h"
 
-#include "tests/support/loader.h"
-
-#define FUNCTIONS(X)                         \
-    X(velmora_http_setNewSessionCallback)    \
-    X(velmora_http_setDeleteSessionCallback) \
-    X(velmora_http_setSendRequestCallback)   \
-    X(velmora_http_setCancelRequestCallback) \
-    X(velmora_http_onRequestHeaders)         \
-    X(velmora_http_onRequestBodyLength)      \
-    X(velmora_http_onRequestBody)            \
-    X(velmora_http_onResponseStatus)         \
-    X(velmora_http_onResponseBody)           \
-    X(velmora_http_onCompletion)             \
-    X(velmora_init)                          \
-    X(velmora_exit)                          \
-    X(velmora_online)                        \
-    X(velmora_setLogCallback)                \
-    X(velmora_setIngestConfig)               \
-    X(velmora_ingest_start)                  \
-    X(velmora_ingest_stop)                   \
-    X(velmora_ingest_submitAnonEvent)        \
-    X(velmora_ingest_flush)
-
-/* Pointers of the types that the headers declare: a call that does not fit its declaration does not compile. */
-#define DECLARE_POINTER(name) __typeof__(name)* name;
-static struct { FUNCTIONS(DECLARE_POINTER) } lib;
-
-static int hostSession;
 static volatile int compressedBodies;
-
-#define CHECK(condition)                                            \
-    do {                                                            \
-        if (!(condition)) {                                         \
-            fprintf(stderr, "line %d: %s\n", __LINE__, #condition); \
-            return 1;                                               \
-        }                                                           \
-    } while (0)
 
 static void dropLine(int32_t level, const char* channel, const char* line) {
     (void)level;
@@ -48,8 +10,6 @@ static void dropLine(int32_t level, const char* channel, const char* line) {
     (void)line;
 }
 
-static void* newSession(void) { return &hostSession; }
-static void deleteSession(void* session) { (void)session; }
 static int32_t cancelRequest(void* session, uint32_t requestId) {
     (void)session;
     (void)requestId;
@@ -93,35 +53,13 @@ static int32_t sendRequest(void* session, int32_t verb, const char* url, int32_t
     return 0;
 }
 
-static int loadFunctions(library_handle library) {
-    void* found;
-#define LOAD_POINTER(name)                \
-    found = findFunction(library, #name); \
-    CHECK(found != NULL);                 \
-    memcpy(&lib.name, &found, sizeof found);
-    FUNCTIONS(LOAD_POINTER)
-    return 0;
-}
-
 static int deliver(void) {
-    static const char guid[] = "5b1d6c52-6f0e-4b5e-9d0f-7f4f6f6a0c01";
     velmora_ingest_instance ingest = NULL;
     int32_t flushed = VELMORA_ERROR_PRECONDITION_FAILED;
     int i;
 
     CHECK(lib.velmora_setLogCallback(dropLine) == VELMORA_OK);
-    lib.velmora_http_setNewSessionCallback(newSession);
-    lib.velmora_http_setDeleteSessionCallback(deleteSession);
-    lib.velmora_http_setSendRequestCallback(sendRequest);
-    lib.velmora_http_setCancelRequestCallback(cancelRequest);
-    CHECK(lib.velmora_init() == VELMORA_OK);
-    CHECK(lib.velmora_setIngestConfig(guid, VELMORA_ENVIRONMENT_STAGE, "project", "key", VELMORA_SOURCE_HOST,
-                                      VELMORA_CATEGORY_DESKTOP, VELMORA_CONSENT_DEFAULT) == VELMORA_OK);
-    CHECK(lib.velmora_online() == VELMORA_OK);
-    CHECK(lib.velmora_ingest_start(guid, NULL, NULL, &ingest) == VELMORA_OK);
-    for (i = 0; i < 3; ++i)
-        CHECK(lib.velmora_ingest_submitAnonEvent(ingest, "{\"event.workflow\":\"Border\",\"event.type\":\"success\"}",
-                                                 1) == VELMORA_OK);
+    if (startDelivering(sendRequest, cancelRequest, 3, &ingest) != 0) return 1;
     /* Sending is off until the network's state is known. */
     for (i = 0; i < 1000 && flushed == VELMORA_ERROR_PRECONDITION_FAILED; ++i) {
         flushed = lib.velmora_ingest_flush(ingest, NULL, NULL);

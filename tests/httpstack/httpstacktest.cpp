@@ -70,8 +70,7 @@ TEST(HttpStack, EveryServerGivesItsResponseOrARetriableError) {
     const InstalledStack stack(8000);  // for all at once, on a busy machine
     const struct {
         const char* path;
-        uint32_t result;
-        uint32_t status;
+        uint32_t result, status;
         const char* body;
     } rows[] = {
         {"/ok", VELMORA_HTTP_OK, 200, "hello world"},

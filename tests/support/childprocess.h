@@ -37,6 +37,9 @@ public:
 
 private:
     struct Handles;
+
+    size_t read(char* buffer, size_t size);  // 0 when the output has ended
+
     std::unique_ptr<Handles> handles_;
     std::string pending_;
 };

@@ -15,6 +15,13 @@ struct CuttingFiles::Plan {
     uint64_t writes = 0;
     uint64_t reads = 0;
 
+    void arm(Fault chosen, uint64_t before, uint64_t times) {
+        fault = chosen;
+        remaining = before;
+        failures = times;
+        hit = false;
+    }
+
     // Whether this operation is one of those that do not work.
     bool strikes() {
         if (remaining > 0) {
@@ -72,23 +79,16 @@ platform::RandomAccessFileOpener CuttingFiles::opener() const {
 }
 
 void CuttingFiles::cutAfter(uint64_t writes, bool half) {
-    plan_->fault = Plan::Fault::cut;
-    plan_->remaining = writes;
-    plan_->failures = std::numeric_limits<uint64_t>::max();
+    plan_->arm(Plan::Fault::cut, writes, std::numeric_limits<uint64_t>::max());
     plan_->half = half;
-    plan_->hit = false;
 }
 
 void CuttingFiles::failAfter(uint64_t operations, uint64_t failures) {
-    plan_->fault = Plan::Fault::failure;
-    plan_->remaining = operations;
-    plan_->failures = failures;
-    plan_->hit = false;
+    plan_->arm(Plan::Fault::failure, operations, failures);
 }
 
 void CuttingFiles::failWritesAfter(uint64_t writes, uint64_t failures) {
-    failAfter(writes, failures);
-    plan_->fault = Plan::Fault::writeFailure;
+    plan_->arm(Plan::Fault::writeFailure, writes, failures);
 }
 
 void CuttingFiles::pretendSize(uint64_t bytes) { plan_->pretendedSize = bytes; }

@@ -23,7 +23,7 @@ std::string gunzip(const std::string& bytes) {
         text.append(buffer.data(), buffer.size() - stream.avail_out);
     }
     inflateEnd(&stream);
-    if (rc != Z_STREAM_END) throw std::runtime_error("not a whole gzip stream");
+    if (rc != Z_STREAM_END || stream.avail_in != 0) throw std::runtime_error("not a whole gzip stream");
     return text;
 }
 
@@ -134,15 +134,9 @@ void FakeHost::answerAll(Answer always) {
     answerBy([always = std::move(always)](const HostRequest&) { return always; });
 }
 
-void FakeHost::answerBy(std::function<Answer(const HostRequest&)> function) {
-    const std::lock_guard lock(mutex_);
-    byRequest_ = std::move(function);
-}
+void FakeHost::answerBy(std::function<Answer(const HostRequest&)> function) { set(byRequest_, std::move(function)); }
 
-void FakeHost::hold() {
-    const std::lock_guard lock(mutex_);
-    holding_ = true;
-}
+void FakeHost::hold() { set(holding_, true); }
 
 void FakeHost::release() {
     {
@@ -165,15 +159,9 @@ void FakeHost::release(size_t count) {
     changed();
 }
 
-void FakeHost::onCancel(OnCancel behaviour) {
-    const std::lock_guard lock(mutex_);
-    onCancel_ = behaviour;
-}
+void FakeHost::onCancel(OnCancel behaviour) { set(onCancel_, behaviour); }
 
-void FakeHost::failNewSessions(bool fail) {
-    const std::lock_guard lock(mutex_);
-    failNewSessions_ = fail;
-}
+void FakeHost::failNewSessions(bool fail) { set(failNewSessions_, fail); }
 
 std::vector<HostRequest> FakeHost::requests() const {
     const std::lock_guard lock(mutex_);
@@ -183,25 +171,9 @@ std::vector<HostRequest> FakeHost::requests() const {
     return all;
 }
 
-size_t FakeHost::sends() const {
-    const std::lock_guard lock(mutex_);
-    return sends_;
-}
-
-size_t FakeHost::cancels() const {
-    const std::lock_guard lock(mutex_);
-    return cancels_;
-}
-
-size_t FakeHost::newSessions() const {
-    const std::lock_guard lock(mutex_);
-    return sessions_.size();
-}
-
-size_t FakeHost::deletedSessions() const {
-    const std::lock_guard lock(mutex_);
-    return deletedSessions_;
-}
+size_t FakeHost::sends() const { return read(sends_); }
+size_t FakeHost::cancels() const { return read(cancels_); }
+size_t FakeHost::deletedSessions() const { return read(deletedSessions_); }
 
 bool FakeHost::waitForRequests(size_t count, std::chrono::milliseconds patience) const {
     std::unique_lock lock(mutex_);
@@ -266,7 +238,6 @@ std::shared_ptr<FakeHost::Exchange> FakeHost::accept(void* session, int32_t verb
     exchange->request.verb = verb;
     exchange->request.url = url;
     exchange->request.version = version;
-    exchange->request.sender = std::this_thread::get_id();
     const std::lock_guard lock(mutex_);
     exchange->request.id = static_cast<uint32_t>(++sends_);
     return exchange;

@@ -42,7 +42,6 @@ struct HostRequest {
     std::string url;
     std::map<std::string, std::string> headers;
     std::string body;        // bytes, as pulled
-    std::thread::id sender;  // the thread that called send
     int cancels = 0;         // how often the library asked for its end
     bool completed = false;  // the last completion has been reported, and has returned
 
@@ -110,7 +109,6 @@ public:
     [[nodiscard]] std::vector<HostRequest> requests() const;
     [[nodiscard]] size_t sends() const;  // calls, refused ones included
     [[nodiscard]] size_t cancels() const;
-    [[nodiscard]] size_t newSessions() const;  // successful ones
     [[nodiscard]] size_t deletedSessions() const;
 
     // False if it has not come about after the patience.
@@ -139,6 +137,16 @@ private:
     void complete(Exchange& exchange, const Answer& answer);
     void work();
     void changed() const { change_.notify_all(); }
+    template <typename Value>
+    Value read(const Value& member) const {
+        const std::lock_guard lock(mutex_);
+        return member;
+    }
+    template <typename Value>
+    void set(Value& member, Value value) {
+        const std::lock_guard lock(mutex_);
+        member = std::move(value);
+    }
 
     mutable std::mutex mutex_;
     mutable std::condition_variable change_;

@@ -11,6 +11,7 @@
 #include <sstream>
 
 #include "core/json/jsontext.h"
+#include "tests/support/files.h"
 #include "tests/support/tempfolder.h"
 #include "tools/velmora/collector.h"
 
@@ -71,9 +72,8 @@ protected:
     }
 
     std::string write(const std::string& name, const std::string& text) const {
-        const std::string path = folder_.string() + "/" + name;
-        std::ofstream(path, std::ios::binary) << text;
-        return path;
+        test::writeFile(folder_ / name, text);
+        return (folder_ / name).string();
     }
 
     std::string writeEvents(int count) const {

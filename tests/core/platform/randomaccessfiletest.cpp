@@ -53,16 +53,5 @@ TEST(RandomAccessFile, IsNullWhereNothingCanBeOpened) {
     EXPECT_FALSE(openRandomAccessFile(folder.path(), true)) << "a folder";
 }
 
-TEST(RandomAccessFile, CanBeReplacedForTheWholeProcess) {
-    const test::TempFolder folder;
-    setRandomAccessFileOpener([](const auto& path, bool create) {
-        return path.filename() == "refused" ? nullptr : openSystemFile(path, create);
-    });
-    EXPECT_FALSE(openRandomAccessFile(folder / "refused", true));
-    EXPECT_TRUE(openRandomAccessFile(folder / "file", true));
-    setRandomAccessFileOpener({});
-    EXPECT_TRUE(openRandomAccessFile(folder / "refused", true));
-}
-
 }  // namespace
 }  // namespace velmora::platform

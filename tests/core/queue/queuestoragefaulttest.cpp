@@ -6,9 +6,9 @@
 #include "core/queue/queuereader.h"
 #include "core/queue/queuestorage.h"
 #include "core/types/errors.h"
-#include "tests/core/queue/queuefiles.h"
 #include "tests/support/capturedlog.h"
 #include "tests/support/cuttingfile.h"
+#include "tests/support/files.h"
 #include "tests/support/tempfolder.h"
 
 namespace velmora {

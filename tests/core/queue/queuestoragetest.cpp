@@ -7,8 +7,9 @@
 #include <random>
 
 #include "core/crypt/crypt.h"
+#include "core/queue/queuereader.h"
 #include "core/types/errors.h"
-#include "tests/core/queue/queuefiles.h"
+#include "tests/support/files.h"
 #include "tests/support/tempfolder.h"
 
 namespace velmora {
@@ -103,15 +104,12 @@ TEST(QueueStorage, NewFilesHaveTheirFinalSizeAndReplaceWhatIsNoQueue) {
     std::string badMagic = test::readFile(test::dataFile("part-wrapped-v1"));
     badMagic[7] ^= 1;
     const struct {
-        const char* what;
-        const char* contents;
+        const char *what, *contents;
         size_t size;
-        uint64_t maximum;
-        uint64_t expectedSize;
+        uint64_t maximum, expectedSize;
         bool kept;
     } rows[] = {
         {"missing part", nullptr, 0, 1144, 1144, false},
-        {"missing manifest", nullptr, 0, 144, 144, false},
         {"empty", "", 0, 1144, 1144, false},
         {"one byte short", zeroSlots.data(), 143, 144, 144, false},
         {"wrong magic", badMagic.data(), badMagic.size(), 1144, 1144, false},
@@ -127,45 +125,6 @@ TEST(QueueStorage, NewFilesHaveTheirFinalSizeAndReplaceWhatIsNoQueue) {
         EXPECT_EQ(bytes[kQueueSelectorPosition], row.kept ? 0 : 1);
         EXPECT_EQ(queue.recordCount(), 0U);
         EXPECT_FALSE(queue.hasFailed());
-    }
-}
-
-TEST(QueueStorage, LimitedFileRefusesWhatDoesNotFitAndStaysUsable) {
-    const TempFolder folder;
-    QueueStorage<std::string> queue(folder / "queue", kQueueHeaderSize + 100, platform::openSystemFile);
-    const auto expectRefusal = [&](size_t size) {
-        try {
-            queue.pushRecord(std::string(size, 'x'));
-            ADD_FAILURE() << "took " << size;
-        } catch (const FQException& e) {
-            EXPECT_EQ(e.code(), FQError::file_limit_exceeded);
-        }
-    };
-    expectRefusal(97);
-    queue.pushRecord(std::string(96, 'a'));
-    expectRefusal(0);
-    queue.popRecords(1);
-    queue.pushRecord("");
-    EXPECT_EQ(peek(queue, 1), Records{""});
-}
-
-// A damaged length must neither be allocated nor be believed.
-TEST(QueueStorage, LengthBeyondTheFileIsAFailedRead) {
-    for (const uint32_t length : {0xFFFFFFFFU, 0x7FFFFFFFU, 253U}) {
-        const TempFolder folder;
-        QueueStorage<std::string> queue(folder / "queue", kQueueHeaderSize + 256, platform::openSystemFile);
-        queue.pushRecord("one");
-        std::string bytes = test::readFile(folder / "queue");
-        std::memcpy(bytes.data() + kQueueHeaderSize, &length, sizeof length);
-        test::writeFile(folder / "queue", bytes);
-        queue.reopen();
-        Records out;
-        EXPECT_THROW(queue.peekRecords(queue.header(), 1, out), FQException);
-        EXPECT_TRUE(queue.hasFailed());
-        EXPECT_THROW(queue.pushRecord("two"), FQException);
-        queue.recreate();
-        queue.pushRecord("three");
-        EXPECT_EQ(peek(queue, 1), Records{"three"});
     }
 }
 
@@ -278,6 +237,76 @@ TEST(QueueStorage, ReadsRecordsAcrossReadAheadWindows) {
         queue.pushRecord(pushed.back());
     }
     EXPECT_EQ(peek(queue, pushed.size()), pushed);
+}
+
+TEST(QueueReader, ShowsRingAndOverflowWithPositions) {
+    constexpr auto kRing = QueueReader::Region::ring;
+    constexpr auto kBehind = QueueReader::Region::overflow;
+    const struct {
+        const char* file;
+        std::vector<QueueReader::Record> records;
+        std::string last;
+    } rows[] = {
+        {"part-wrapped-v1", {{0, 244, 96, kRing}, {1, 344, 46, kRing}, {2, 144, 60, kRing}}, std::string(60, 'd')},
+        {"manifest-overflow-v1",
+         {{0, 144, 36, kRing},
+          {1, 184, 36, kRing},
+          {2, 224, 36, kBehind},
+          {3, 264, 36, kBehind},
+          {4, 304, 36, kBehind}},
+         "00000005-1111-4222-8333-444444444444"},
+    };
+    for (const auto& row : rows) {
+        SCOPED_TRACE(row.file);
+        QueueReader reader(test::dataFile(row.file));
+        EXPECT_TRUE(reader.isValid());
+        EXPECT_EQ(reader.recordCount(), row.records.size());
+        for (const auto& expected : row.records) {
+            const auto record = reader.next();
+            ASSERT_TRUE(record);
+            EXPECT_EQ(record->index, expected.index);
+            EXPECT_EQ(record->position, expected.position);
+            EXPECT_EQ(record->length, expected.length);
+            EXPECT_EQ(record->region, expected.region);
+        }
+        EXPECT_FALSE(reader.next());
+        EXPECT_EQ(reader.damage(), "");
+        std::string bytes;
+        EXPECT_TRUE(reader.read(row.records.back(), bytes));
+        EXPECT_EQ(bytes, row.last);
+    }
+}
+
+TEST(QueueReader, StopsAtTheFirstDamagedPlaceAndNamesIt) {
+    const std::string sound = test::readFile(test::dataFile("part-wrapped-v1"));
+    const struct {
+        const char* what;
+        size_t size, at;
+        bool valid;
+        int records;
+        const char* damage;
+    } rows[] = {
+        {"too short", 143, 0, false, 0, "the file is too short: size=143"},
+        {"magic", 400, 0, false, 0, "the magic is wrong: magic="},
+        {"ring beyond capacity", 400, 16 + 5 * 8 + 7, true, 0, "the header is damaged: ringEnd"},
+        {"cut off in a record", 350, 144 + 255, true, 0, "the header is damaged: capacity"},
+        {"length of the second", 400, 344 + 1, true, 1, "record 1 reaches beyond its region: position=344"},
+        {"length of the wrapped one", 400, 144, true, 2, "record 2 reaches beyond its region: position=144"},
+    };
+    for (const auto& row : rows) {
+        SCOPED_TRACE(row.what);
+        const TempFolder folder;
+        std::string bytes = sound;
+        bytes[row.at] = static_cast<char>(bytes[row.at] ^ 0x7F);
+        test::writeFile(folder / "queue", bytes.substr(0, row.size));
+        QueueReader reader(folder / "queue");
+        int records = 0;
+        while (reader.next()) ++records;
+        EXPECT_EQ(reader.isValid(), row.valid);
+        EXPECT_EQ(records, row.records);
+        EXPECT_EQ(reader.damage().substr(0, std::string(row.damage).size()), row.damage);
+    }
+    EXPECT_THROW(QueueReader(test::dataFile("missing")), FQException);
 }
 
 }  // namespace

@@ -32,29 +32,22 @@ TEST(SysInfo, AlwaysTellsWhatIsAlwaysThere) {
 }
 
 TEST(SysInfo, LeavesOutWhatTheMachineDoesNotTell) {
+    const struct {
+        bool (*get)(std::string&);
+        const char* form;
+    } rows[] = {
+        {getProcessorName, ".+"},
+        {getDeviceGuid, R"([^{}\s]+)"},
+        {getLocale, "[A-Za-z]+(-[A-Za-z0-9]+)*"},
+        {getPrimaryMACAddress, R"(([0-9A-F]{2}-)+[0-9A-F]{2}\x00)"},
+        {getDeviceName, R"([^_\s]*_[^\s]*_[^\s]*)"},
+    };
     std::string text;
+    for (const auto& row : rows) EXPECT_TRUE(!row.get(text) || matches(text, row.form)) << text;
+    EXPECT_TRUE(getDeviceName(text));
+    EXPECT_TRUE(getUserAgent(text) || text == "unknown");
     uint64_t hertz = 0;
-    if (getProcessorSpeed(hertz)) {
-        EXPECT_GE(hertz, 1'000'000U);
-    }
-    if (getProcessorName(text)) {
-        EXPECT_FALSE(text.empty());
-    }
-    if (getDeviceGuid(text)) {
-        EXPECT_TRUE(matches(text, "[^{}\\s]+")) << text;
-    }
-    if (getLocale(text)) {
-        EXPECT_TRUE(matches(text, "[A-Za-z]+(-[A-Za-z0-9]+)*")) << text;
-    }
-    EXPECT_TRUE(getDeviceName(text) && matches(text, R"([^_\s]*_[^\s]*_[^\s]*)")) << text;
-    if (!getUserAgent(text)) {
-        EXPECT_EQ(text, "unknown");
-    }
-    if (getPrimaryMACAddress(text)) {
-        EXPECT_EQ(text.back(), '\0');
-        text.pop_back();
-        EXPECT_TRUE(matches(text, "([0-9A-F]{2}-)+[0-9A-F]{2}")) << text;
-    }
+    EXPECT_TRUE(!getProcessorSpeed(hertz) || hertz >= 1'000'000U);
 }
 
 TEST(SysInfo, NeverTellsTheConfidentialMachineId) {

@@ -58,18 +58,13 @@ TEST(HttpHook, CarriesARequestOutAndItsAnswerBack) {
     EXPECT_EQ(sent.responder->response().body, "helloworld");
     EXPECT_EQ(sent.responder->response().headers.at("x-REQUEST-id"), "18");
 
-    Sent get{engine};
-    get.execute({.url = "u", .verb = http::Verb::GET, .headers = {}, .body = {}});
-    EXPECT_EQ(get.outcome(), kSuccess);
-
     const std::vector<HostRequest> seen = host.requests();
-    ASSERT_EQ(seen.size(), 2u);
+    ASSERT_EQ(seen.size(), 1u);
     EXPECT_EQ(seen[0].url, request.url);
     EXPECT_EQ(seen[0].body, request.body);
     EXPECT_EQ(seen[0].headers, (std::map<std::string, std::string>{{"content-type", "text"}, {"b", "2"}}));
     EXPECT_EQ(seen[0].version, 2);
     EXPECT_EQ(seen[0].verb, VELMORA_HTTP_POST);
-    EXPECT_EQ(seen[1].verb, VELMORA_HTTP_GET);
 }
 
 TEST(HttpHook, EveryKindOfAnswerGivesOneOutcomeAndLeavesNothingBehind) {
@@ -90,10 +85,8 @@ TEST(HttpHook, EveryKindOfAnswerGivesOneOutcomeAndLeavesNothingBehind) {
         std::string hint;  // what the engine's error callback hears
     } rows[] = {
         {"later", {}, true, kSuccess, ""},
-        {"an error status is a success of the transport", {.status = 500}, true, kSuccess, ""},
         {"within send", within({.body = "body"}), true, kSuccess, ""},
         {"twice", twice({}), true, kSuccess, ""},
-        {"twice within send", twice(within({})), true, kSuccess, ""},
         {"transport error", reset, true, "velmora_http_error:5", "velmora_http_error:5 reset"},
         {"transport error within send", within(reset), true, "velmora_http_error:5", "velmora_http_error:5 reset"},
         {"cancelled by the host", Answer::failure(VELMORA_HTTP_CANCELLED), true, kCancelled, ""},
@@ -150,20 +143,12 @@ TEST(HttpHook, DroppingAHandleEndsTheRequestWhateverTheHostSaysToTheCancel) {
         if (row.isCompletedByHost) {
             EXPECT_TRUE(host.waitForCompletions(1));
         }
+        EXPECT_TRUE(row.behaviour != OnCancel::unknown || sent.responder.use_count() == 1);
         engine.reset();
         sent.engine.reset();
         EXPECT_EQ(host.deletedSessions(), 1u);
         EXPECT_EQ(sent.responder->outcome(), row.outcome);
     }
-}
-
-TEST(HttpHook, RequestsThatOutliveTheEngineAreCancelled) {
-    FakeHost host;
-    host.answer({.where = Answer::Where::nowhere});
-    Sent sent{makeTransferEngine()};
-    ASSERT_TRUE(sent.execute());
-    sent.engine.reset();
-    EXPECT_EQ(sent.outcome(), kCancelled);
 }
 
 TEST(HttpHook, MissingCallbacksAndSessionsAreReportedByCode) {
@@ -360,15 +345,6 @@ TEST_F(Notifications, AnErrorCallbackRunsNoMoreOnceItHasBeenExchanged) {
     engine_->setErrorCallback(nullptr);
     EXPECT_TRUE(isLeaving);
     notifier.join();
-}
-
-TEST_F(Notifications, ACompletionAfterAnUnknownIdIsHarmless) {
-    Sent sent{engine_};
-    sent.execute();
-    sent.handle.reset();
-    EXPECT_EQ(sent.responder.use_count(), 1);
-    EXPECT_EQ(complete(host_.contexts.at(0)), 0);
-    EXPECT_EQ(sent.responder->outcome(), kCancelled);
 }
 
 // Several host threads answer while handles are waited for or dropped.

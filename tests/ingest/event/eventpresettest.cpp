@@ -13,8 +13,10 @@
 #include "core/types/errors.h"
 #include "core/utils/strings.h"
 #include "core/utils/timestamps.h"
+#include "ingest/event/eventvalidator.h"
 #include "ingest/event/eventwriter.h"
 #include "ingest/event/systemattributes.h"
+#include "tests/support/codeof.h"
 
 namespace velmora {
 namespace {
@@ -92,30 +94,11 @@ public:
     bool oneIn(size_t n) { return below(n) == 0; }
 
     std::string name() {
-        static const std::vector<std::string> names = {"event.guid",
-                                                       "event.dts_end",
-                                                       "event.language",
-                                                       "event.offline",
-                                                       "event.category",
-                                                       "event.type",
-                                                       "event.workflow",
-                                                       "event.subcategory",
-                                                       "event.subtype",
-                                                       "entity.device",
-                                                       "entity.source",
-                                                       "entity.env",
-                                                       "source.device",
-                                                       "event.session_guid",
-                                                       "device",
-                                                       "language",
-                                                       "offline",
-                                                       "a",
-                                                       "b",
-                                                       "",
-                                                       "time",
-                                                       "data",
-                                                       "project",
-                                                       "nested"};
+        static const auto names = tokenize(
+            "event.guid,event.dts_end,event.language,event.offline,event.category,event.type,event.workflow,"
+            "event.subcategory,event.subtype,entity.device,entity.source,entity.env,source.device,event.session_guid,"
+            "device,language,offline,a,b,,time,data,project,nested",
+            ',', '\\');
         return names[below(names.size())];
     }
 
@@ -125,22 +108,10 @@ public:
     }
 
     std::string value(int depth = 0) {
-        static const std::vector<std::string> values = {"null",
-                                                        "true",
-                                                        "false",
-                                                        "0",
-                                                        "-1",
-                                                        "1.50",
-                                                        "1e3",
-                                                        "18446744073709551615",
-                                                        "-0.0",
-                                                        "2.5e-7",
-                                                        "\"\\u00e4\\n\\\"\\/\\\\\"",
-                                                        "\"\\u0000\"",
-                                                        "\"\xc3\xa4\"",
-                                                        "[]",
-                                                        "{}",
-                                                        "12345678901234567890123"};
+        static const auto values = tokenize(
+            R"(null|true|false|0|-1|1.50|1e3|18446744073709551615|-0.0|2.5e-7|"\u00e4\n\"\/\\"|"\u0000"|"ä"|[]|{}|)"
+            "12345678901234567890123",
+            '|', '~');
         if (depth < 3 && oneIn(4)) return object(depth + 1);
         if (depth < 3 && oneIn(8)) return "[" + value(depth + 1) + space() + "," + value(depth + 1) + "]";
         return oneIn(2) ? '"' + plainText() + '"' : values[below(values.size())];
@@ -293,21 +264,6 @@ TEST_F(EventPresetTest, EmptyProjectIsLeftOut) {
     EXPECT_EQ(preset.getEventPayload("{}", 0, "").rfind(R"({"environment":)", 0), 0u);
 }
 
-TEST_F(EventPresetTest, LaterSourcesOverrideEarlierOnes) {
-    EXPECT_EQ(member(payload("{}"), "event.category"), "DESKTOP");
-    preset_.setCommonAttribute("event.category", "WEB");
-    EXPECT_EQ(member(payload("{}"), "event.category"), "WEB");
-    EXPECT_EQ(member(payload(R"({"event.category":"MOBILE"})"), "event.category"), "MOBILE");
-    EXPECT_EQ(member(payload(R"({"event.guid":"x"})"), "event.guid"), "x");
-    EXPECT_EQ(member(payload("{}"), "event.connection"), "none");
-    EXPECT_EQ(member(payload("{}", 1), "event.workflow"), "Unknown");
-    setEventOnline(false);
-    EXPECT_EQ(member(payload("{}"), "event.offline"), "true");
-    const std::string env = member(payload(R"({"entity.env":{"offline":"maybe","mine":1}})"), "entity.env");
-    EXPECT_NE(env.find(R"("offline":"maybe","mine":1})"), std::string::npos);
-    EXPECT_NE(env.find(R"({"dts_end":")"), std::string::npos);
-}
-
 TEST_F(EventPresetTest, RefusesCommonAttributesThatBreakTheJson) {
     preset_.setCommonAttribute("a", "1");
     EXPECT_THROW(preset_.setCommonAttribute("b", "\""), std::system_error);
@@ -346,12 +302,8 @@ TEST_F(EventPresetTest, IdentityIsThatOfTheBatch) {
 }
 
 TEST_F(EventPresetTest, TakesOnlyWhatTheBatchCanReadAgain) {
-    const auto nested = [](int levels) {
-        std::string text = "{\"a\":";
-        for (int i = 1; i < levels; ++i) text += '[';
-        text += '1';
-        for (int i = 1; i < levels; ++i) text += ']';
-        return text + '}';
+    const auto nested = [](size_t levels) {
+        return "{\"a\":" + std::string(levels - 1, '[') + "1" + std::string(levels - 1, ']') + "}";
     };
     std::string deepest = payload(nested(kMaxNesting - 1), 1);
     EXPECT_TRUE(preset_.tryApplyBatchAttributes(deepest, true));
@@ -374,6 +326,139 @@ TEST_F(EventPresetTest, SettersMayRunBesideSubmissions) {
     }
     done = true;
     setter.join();
+}
+
+using service::config::ingest::ValidationRule;
+
+class EventValidatorTest : public testing::Test {
+protected:
+    // The number that the host would get.
+    int validate(std::string& event, uint32_t level = 1) const {
+        return test::codeOf([&] { validator_.validate(event, level); }).value();
+    }
+    int validate(std::string&& event, uint32_t level = 1) const { return validate(event, level); }
+
+    void use(const Config& config) { provider_.updateConfig(config); }
+
+    IngestConfigProvider provider_{"guid", [](const std::string&) { return Config(); }, nullptr};
+    EventValidator validator_{provider_};
+};
+
+constexpr int kInvalidJson = 2;
+constexpr int kInvalidFormat = 3;
+
+TEST_F(EventValidatorTest, JudgesByTheBuiltInRules) {
+    const struct {
+        const char* event;
+        int result;
+    } rows[] = {
+        {"{}", 0},
+        {R"({"event.workflow":"","event.category":"WEB","event.subcategory":"Two Words","event.type":"a"})", 0},
+        {R"({"event.category":"desktop"})", kInvalidFormat},
+        {R"({"event.subcategory":"Two words"})", kInvalidFormat},
+        {R"({"event.subcategory":""})", kInvalidFormat},
+        {R"({"event.subcategory":"AAAAAAAAAAAAAAAAAAAAAAAAAAAAAAAAAAAAAAAAAAAAAAAAAAAAA b"})", kInvalidFormat},
+        {R"({"event.type":"with-hyphen"})", kInvalidFormat},
+        {R"({"event.subtype":"with-hyphen"})", 0},
+        {R"({"event.type":5})", kInvalidFormat},
+        {R"({"event.type":"ok","event.type":"NOT"})", 0},
+        {R"({"event.workflow":{"a":[1,null]}})", 0},
+        {"{\"event.workflow\":\"two\\nlines\\u0000\"}", 0},
+        {"{\"event.type\":\"ok\\u0000\"}", kInvalidFormat},
+        {"[]", kInvalidJson},
+        {"{", kInvalidJson},
+    };
+    for (int pass = 0; pass < 2; ++pass) {  // the second time with what the first has left behind
+        for (const auto& row : rows) {
+            SCOPED_TRACE(row.event);
+            EXPECT_EQ(validate(row.event), row.result);
+        }
+    }
+}
+
+TEST_F(EventValidatorTest, AddsTheDefaultsOfRequiredAttributes) {
+    std::string event = R"( { "event.type" : "open", "n":1.50 } )";
+    EXPECT_EQ(validate(event), 0);
+    EXPECT_EQ(event, R"({"event.type":"open","n":1.5,"event.category":"UNKNOWN","event.subcategory":"Unknown",)"
+                     R"("event.subtype":"unknown","event.workflow":"Unknown"})");
+}
+
+TEST_F(EventValidatorTest, KeepsTheDefaultsAddedBeforeAFailure) {
+    std::string event = R"({ "event.type":"NOT" })";
+    EXPECT_EQ(validate(event), kInvalidFormat);
+    EXPECT_EQ(event.substr(0, 22), R"({"event.type":"NOT","e)");
+}
+
+TEST_F(EventValidatorTest, LevelDecidesWhetherRulesAreVisited) {
+    Config off;
+    off.validationFlag = false;
+    const struct {
+        const char* what;
+        bool flag;
+        uint32_t level;
+        bool visited;
+    } rows[] = {
+        {"none", true, kValidateNone, false},
+        {"always", false, 1, true},
+        {"as configured, on", true, kValidateAsConfigured, true},
+        {"as configured, off", false, kValidateAsConfigured, false},
+        {"next to the last", false, kValidateAsConfigured - 1, true},
+    };
+    for (const auto& row : rows) {
+        SCOPED_TRACE(row.what);
+        use(row.flag ? Config() : off);
+        const std::string bad = R"({ "event.type":"NOT" })";
+        std::string event = bad;
+        EXPECT_EQ(validate(event, row.level), row.visited ? kInvalidFormat : 0);
+        EXPECT_EQ(event == bad, !row.visited);
+        EXPECT_EQ(validate("[]", row.level), kInvalidJson);
+    }
+}
+
+TEST_F(EventValidatorTest, UpdateTakesEffectWithTheNextEvent) {
+    const auto configWith = [](const char* pattern, bool required, const char* defaultValue) {
+        Config config;
+        config.validationRules = {{"a", ValidationRule{required, boost::regex(pattern), defaultValue}}};
+        return config;
+    };
+    use(configWith("x+", false, ""));
+    EXPECT_EQ(validate(R"({"a":"xx"})"), 0);
+    EXPECT_EQ(validate(R"({"a":"xxy"})"), kInvalidFormat);
+    EXPECT_EQ(validate("{}"), 0);
+    use(configWith("y+", true, ""));
+    EXPECT_EQ(validate(R"({"a":"xx"})"), kInvalidFormat);
+    EXPECT_EQ(validate("{}"), kInvalidFormat);
+    use(configWith("y+", true, "not matched"));
+    EXPECT_EQ(validate("{}"), 0);
+    Config none;
+    none.validationRules.clear();
+    use(none);
+    std::string event = R"({ "a" : 1 })";
+    EXPECT_EQ(validate(event), 0);
+    EXPECT_EQ(event, R"({"a":1})");
+}
+
+TEST_F(EventValidatorTest, RemembersOnlyWhatThePatternAccepts) {
+    Config config;
+    config.validationRules = {{"a", ValidationRule{false, boost::regex("^[a-c]*$"), ""}}};
+    use(config);
+    for (int i = 0; i < 3000; ++i) {
+        std::string text;
+        for (int n = i % 40; n > 0; n /= 3) text += static_cast<char>('a' + (i + n) % 5);
+        if (i % 97 == 0) text.append(80, 'a');
+        SCOPED_TRACE(text);
+        const bool matches = boost::regex_match(text, boost::regex("^[a-c]*$"));
+        EXPECT_EQ(validate("{\"a\":\"" + text + "\"}"), matches ? 0 : kInvalidFormat);
+    }
+}
+
+TEST_F(EventValidatorTest, TestsTheOverrideFirst) {
+    std::string event = "{}";
+    std::string configOverride;
+    validator_.validate(event, kValidateNone, configOverride);
+    EXPECT_EQ(configOverride, "{}");
+    configOverride = "[]";
+    EXPECT_THROW(validator_.validate(event, kValidateNone, configOverride), std::system_error);
 }
 
 }  // namespace

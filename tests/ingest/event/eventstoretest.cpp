@@ -11,7 +11,9 @@
 #include "core/queue/queuereader.h"
 #include "core/types/errors.h"
 #include "tests/support/capturedlog.h"
+#include "tests/support/codeof.h"
 #include "tests/support/cuttingfile.h"
+#include "tests/support/files.h"
 #include "tests/support/tempfolder.h"
 
 namespace velmora {
@@ -108,21 +110,6 @@ TEST(EventStoreLifeCycle, FilesComeWithTheFirstEventAndGoWithTheLast) {
     EXPECT_FALSE(fs::exists(f.folder));
 }
 
-TEST(EventStoreLifeCycle, BatchesStayWithinAPartAndOrderSurvivesReload) {
-    Fixture f;
-    f.open();
-    f.push(1, 5);
-    EXPECT_EQ(f.manifest().size(), 3U);
-    EXPECT_EQ(f.store->peek(50), events({1, 2}));
-    f.store->pop(1);
-    EXPECT_EQ(f.store->peek(50), events({2}));
-    f.open();
-    EXPECT_EQ(f.store->size(), 4U);
-    f.push(6, 6);
-    EXPECT_EQ(f.drain(), events({2, 3, 4, 5, 6}));
-    EXPECT_EQ(f.manifest().size(), 1U);
-}
-
 TEST(EventStoreLifeCycle, RemoveMakesTheBatchInFlightHarmless) {
     Fixture f;
     f.open();
@@ -175,12 +162,7 @@ TEST(EventStoreLimits, EventThatFitsNoPartIsTooBigAndOneThatJustFitsIsNot) {
     f.open();
     f.push(1, 1);
     for (int i = 0; i < 2; ++i) {
-        try {
-            f.store->push(std::string(kRotation - 3, 'x'));
-            ADD_FAILURE() << "took it";
-        } catch (const std::system_error& e) {
-            EXPECT_EQ(e.code(), VelmoraError::event_too_big);
-        }
+        EXPECT_EQ(test::codeOf([&] { f.store->push(std::string(kRotation - 3, 'x')); }), VelmoraError::event_too_big);
         EXPECT_EQ(f.manifest().size(), 2U);  // left for a new part once
     }
     f.store->push(std::string(kRotation - 4, 'y'));
@@ -194,6 +176,7 @@ TEST(EventStoreLimits, EventThatFitsNoPartIsTooBigAndOneThatJustFitsIsNot) {
 }
 
 TEST(EventStorePurge, RotationDropsEmptyExpiredAndSurplusParts) {
+    constexpr uint64_t kFull = 3 * kPartFile;
     const struct {
         const char* what;
         uint64_t limit;
@@ -202,25 +185,15 @@ TEST(EventStorePurge, RotationDropsEmptyExpiredAndSurplusParts) {
         std::vector<Drop> drops;
         Events left;
     } rows[] = {
-        {"nothing to drop", 3 * kPartFile, {0, 0, 0}, false, {}, events({1, 2, 3, 4, 5, 6, 7})},
-        {"just not expired", 3 * kPartFile, {900, 0, 0}, false, {}, events({1, 2, 3, 4, 5, 6, 7})},
-        {"expired", 3 * kPartFile, {1000, 1001, 0}, false, {{"Expire", 4, 3 * kPartFile}}, events({5, 6, 7})},
-        {"old behind young", 3 * kPartFile, {0, 2000, 2000}, false, {}, events({1, 2, 3, 4, 5, 6, 7})},
-        {"too much", 2 * kPartFile, {0, 0, 0}, false, {{"Overflow", 2, 3 * kPartFile}}, events({3, 4, 5, 6, 7})},
-        {"one byte too much",
-         3 * kPartFile - 1,
-         {0, 0, 0},
-         false,
-         {{"Overflow", 2, 3 * kPartFile}},
-         events({3, 4, 5, 6, 7})},
-        {"both",
-         kPartFile,
-         {2000, 0, 0},
-         false,
-         {{"Expire", 2, 3 * kPartFile}, {"Overflow", 2, 3 * kPartFile}},
-         events({5, 6, 7})},
-        {"everything", kPartFile - 1, {0, 0, 0}, false, {{"Overflow", 6, 3 * kPartFile}}, events({7})},
-        {"empty front", 3 * kPartFile, {0, 0, 0}, true, {{"Empty", 1, 3 * kPartFile}}, events({3, 4, 5, 6, 7})},
+        {"nothing to drop", kFull, {0, 0, 0}, false, {}, events({1, 2, 3, 4, 5, 6, 7})},
+        {"just not expired", kFull, {900, 0, 0}, false, {}, events({1, 2, 3, 4, 5, 6, 7})},
+        {"expired", kFull, {1000, 1001, 0}, false, {{"Expire", 4, kFull}}, events({5, 6, 7})},
+        {"old behind young", kFull, {0, 2000, 2000}, false, {}, events({1, 2, 3, 4, 5, 6, 7})},
+        {"too much", 2 * kPartFile, {0, 0, 0}, false, {{"Overflow", 2, kFull}}, events({3, 4, 5, 6, 7})},
+        {"a byte too much", kFull - 1, {0, 0, 0}, false, {{"Overflow", 2, kFull}}, events({3, 4, 5, 6, 7})},
+        {"both", kPartFile, {2000, 0, 0}, false, {{"Expire", 2, kFull}, {"Overflow", 2, kFull}}, events({5, 6, 7})},
+        {"everything", kPartFile - 1, {0, 0, 0}, false, {{"Overflow", 6, kFull}}, events({7})},
+        {"empty front", kFull, {0, 0, 0}, true, {{"Empty", 1, kFull}}, events({3, 4, 5, 6, 7})},
     };
     for (const auto& row : rows) {
         SCOPED_TRACE(row.what);
@@ -485,27 +458,12 @@ TEST(EventStoreThreads, PushersAndADrainerLoseNothing) {
 TEST(EventStoreFormat, StoreOfTheFirstVersionIsTakenOver) {
     Fixture f;
     fs::create_directories(f.folder);
-    for (const fs::directory_entry& file : fs::directory_iterator(fs::path(VELMORA_TEST_DATA) / "store-v1")) {
+    for (const fs::directory_entry& file : fs::directory_iterator(test::dataFile("store-v1"))) {
         fs::copy_file(file.path(), f.folder / file.path().filename().string());
     }
     f.open();
     f.store->push("new");
     EXPECT_EQ(f.drain(), (Events{"{\"a\":1}", "", "new"}));
-}
-
-TEST(QueueFactory, RegisteredFactoryStandsInForTheEventStore) {
-    struct NoQueue : Queue {
-        void push(const std::string&) override {}
-        void pop(uint64_t) override {}
-        Events peek(uint64_t) override { return {}; }
-        uint64_t size() override { return 4711; }
-        void remove() override {}
-    };
-    const Fixture f;
-    setQueueFactory([](const Path&, const DropCallback&, const QueueConfig&) { return std::make_unique<NoQueue>(); });
-    EXPECT_EQ(makeQueue(f.folder, nullptr, f.config)->size(), 4711U);
-    setQueueFactory(nullptr);
-    EXPECT_EQ(makeQueue(f.folder, nullptr, f.config)->size(), 0U);
 }
 
 }  // namespace

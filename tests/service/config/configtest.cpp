@@ -1,33 +1,22 @@
 #include <gtest/gtest.h>
 
+#include <memory>
 #include <random>
+#include <stdexcept>
+#include <type_traits>
 
+#include "core/types/logger.h"
 #include "service/config/ingestconfig.h"
+#include "service/config/ingestconfigprovider.h"
 #include "service/config/sessionconfig.h"
+#include "service/config/sessionconfigprovider.h"
 #include "tests/support/capturedlog.h"
+#include "tests/support/manualpools.h"
 
 namespace velmora::service::config {
 namespace {
 
 using test::CapturedLog;
-
-TEST(IngestConfig, StartsWithTheBuiltInDefaults) {
-    const ingest::Config config;
-    EXPECT_EQ(config.project, "unknown-project-key");
-    EXPECT_EQ(config.environment, Environment::stage);
-    EXPECT_EQ(config.sourceCategory, SourceCategory::unknown);
-    EXPECT_TRUE(config.validationFlag && config.encryptionEnabled && config.orphanInstanceEnabled);
-    EXPECT_FALSE(config.flushOnStopEnabled);
-    EXPECT_EQ(config.encryptionPassphrase, "cobalt");
-    EXPECT_EQ(config.standardKeyPrefixes.size(), 7u);
-    EXPECT_EQ(config.batchSize, 50u);
-    EXPECT_EQ(config.invalidEventFileRetentionPeriod, 31536000000u);
-    EXPECT_EQ(config.heartbeatInterval, 43200000u);
-    EXPECT_EQ(config.validationRules.size(), 5u);
-    EXPECT_TRUE(boost::regex_match("Export As", config.validationRules.at("event.subcategory").pattern));
-    EXPECT_FALSE(boost::regex_match("export", config.validationRules.at("event.subcategory").pattern));
-    EXPECT_TRUE(boost::regex_match("any thing", config.validationRules.at("event.workflow").pattern));
-}
 
 TEST(IngestConfig, OverwritesWhatADocumentNames) {
     ingest::Config config;
@@ -39,6 +28,8 @@ TEST(IngestConfig, OverwritesWhatADocumentNames) {
             "heartbeat": {"urn": "h"}, "config": {"urn": "c", "ttl": 3}, "unknown": [{"flag": false}]}})");
     EXPECT_EQ(config.project, "p");
     EXPECT_EQ(config.apiKey, "unknown-api-key");
+    EXPECT_EQ(config.sourceCategory, SourceCategory::unknown);
+    EXPECT_EQ(config.invalidEventFileRetentionPeriod, 31536000000u);
     EXPECT_EQ(config.environment, Environment::prod);
     EXPECT_EQ(config.consent, Consent::byDefault);
     EXPECT_EQ(config.batchSize, 50u);
@@ -51,7 +42,6 @@ TEST(IngestConfig, OverwritesWhatADocumentNames) {
     EXPECT_EQ(config.heartbeatUrn, "h");
     EXPECT_EQ(config.configUrn, "c");
     EXPECT_EQ(config.configTtl, 3u);
-    EXPECT_TRUE(config.validationFlag);
     EXPECT_EQ(ingest::Config().project, "unknown-project-key");  // the defaults are not shared
 }
 
@@ -153,7 +143,6 @@ TEST(SessionConfig, WaitsLongerWithEachAttemptAndNeverIndexesAnEmptyList) {
     EXPECT_EQ(session::retryWait({10, 20}, -5ms, UINT32_MAX), 20ms);
     EXPECT_EQ(session::retryWait({UINT64_MAX}, 0ms, 0), std::chrono::milliseconds::max());
     EXPECT_EQ(session::retryWait({}, 0ms, 3), 30000ms);
-    EXPECT_EQ(session::retryWait({}, -1ms, 3), 30000ms);
     EXPECT_EQ(session::retryWait({}, 5ms, 3), 5ms);
 }
 
@@ -172,6 +161,134 @@ TEST(Configs, SurviveDamagedDocuments) {
         ingest::Config().overwriteWith(text.substr(random() % 2 ? 0 : random() % text.size()));
         session::Config().overwriteWith(text.substr(0, random() % 4 ? text.size() : random() % text.size()));
     }
+}
+
+using namespace std::chrono_literals;
+
+// A provider over a source that the test changes.
+template <typename Provider>
+class ConfigProviders : public testing::Test {
+protected:
+    ConfigProviders() {
+        source_.configTtl = 1000;
+        provider_ = make();
+    }
+
+    std::unique_ptr<Provider> make() {
+        const auto fetch = [this] {
+            ++fetches_;
+            if (fetchFails_) throw std::runtime_error("no source");
+            return source_;
+        };
+        const auto onUpdate = [this] {
+            seen_ = provider_->read([](const auto& config) { return config.configUrn; });
+            if (updateFails_) throw std::runtime_error("no update");
+        };
+        if constexpr (std::is_same_v<Provider, IngestConfigProvider>) {
+            return std::make_unique<Provider>(
+                "guid", [fetch](const std::string&) { return fetch(); }, onUpdate);
+        } else {
+            return std::make_unique<Provider>(fetch, onUpdate);
+        }
+    }
+
+    test::ManualPools pools_;
+    typename Provider::Config source_;
+    int fetches_ = 0;
+    std::string seen_ = "nothing yet";
+    bool fetchFails_ = false;
+    bool updateFails_ = false;
+    std::unique_ptr<Provider> provider_;
+};
+
+using Providers = testing::Types<IngestConfigProvider, SessionConfigProvider>;
+TYPED_TEST_SUITE(ConfigProviders, Providers);
+
+TYPED_TEST(ConfigProviders, FetchAtOnceAndThenOncePerPeriodAfterTheStart) {
+    EXPECT_EQ(this->fetches_, 1);
+    EXPECT_EQ(this->pools_.pendingTimers(), 0U);
+    this->provider_->start();
+    this->provider_->start();
+    this->pools_.advance(1000ms);
+    EXPECT_EQ(this->fetches_, 2);
+    this->pools_.advance(2000ms);
+    EXPECT_EQ(this->fetches_, 4);
+    this->provider_->stop();
+    this->pools_.advance(5000ms);
+    EXPECT_EQ(this->fetches_, 4);
+}
+
+TYPED_TEST(ConfigProviders, TellOfTheNewRecordAndTakeItsPeriodFromTheNextOneOn) {
+    this->provider_->start();
+    this->source_.configTtl = 100;
+    this->source_.configUrn = "new";
+    this->pools_.advance(999ms);
+    EXPECT_EQ(this->seen_, "nothing yet");
+    this->pools_.advance(1ms);
+    EXPECT_EQ(this->seen_, "new");
+    this->pools_.advance(200ms);
+    EXPECT_EQ(this->fetches_, 4);
+}
+
+TYPED_TEST(ConfigProviders, GoOnAfterARefreshThatFails) {
+    const CapturedLog log(LogLevel::error);
+    this->provider_->start();
+    this->updateFails_ = true;
+    this->pools_.advance(1000ms);
+    this->fetchFails_ = true;
+    this->pools_.advance(1000ms);
+    EXPECT_TRUE(log.contains("no update") && log.contains("no source"));
+    this->updateFails_ = this->fetchFails_ = false;
+    this->source_.configUrn = "new";
+    this->pools_.advance(1000ms);
+    EXPECT_EQ(this->seen_, "new");
+}
+
+using SessionProvider = ConfigProviders<SessionConfigProvider>;
+
+TEST_F(SessionProvider, ARestartRefreshesAtOnceAndBeginsAPeriodEvenIfItFails) {
+    provider_->start();
+    pools_.advance(900ms);
+    source_.configUrn = "new";
+    provider_->restart();
+    EXPECT_EQ(seen_, "new");
+    pools_.advance(999ms);
+    EXPECT_EQ(fetches_, 2);
+    fetchFails_ = true;
+    EXPECT_THROW(provider_->restart(), std::runtime_error);
+    fetchFails_ = false;
+    pools_.advance(1000ms);
+    EXPECT_EQ(fetches_, 4);
+}
+
+struct LimitedLogger : Logger {
+    explicit LimitedLogger(LogConfig& limits) : limits_(limits) {}
+    LogLevel getLogLevel() override { return level_; }
+    void setLogLevel(LogLevel level) override { level_ = level; }
+    void logf(LogLevel, const char*, const char*, const char*, int, const char*, ...) override {}
+    void log(LogLevel, const char*, const char*, const char*, int, std::ostringstream&) override {}
+    void setConfig(const LogConfig& config) override { limits_ = config; }
+
+private:
+    LogConfig& limits_;
+    LogLevel level_ = LogLevel::off;
+};
+
+TEST_F(SessionProvider, ARefreshSetsTheLoggersLevelAndLimits) {
+    LogConfig limits;
+    setLogger(std::make_unique<LimitedLogger>(limits));
+    source_.logLevel = LogLevel::error;
+    source_.logPrefix = "prefix";
+    source_.logFileRotationSize = 1;
+    source_.logFileRetentionPeriod = 2;
+    source_.logFolderSize = 3;
+    provider_->refresh();
+    EXPECT_EQ(logger()->getLogLevel(), LogLevel::error);
+    EXPECT_EQ(limits.baseName, "prefix");
+    EXPECT_EQ(limits.logFileRotationSize, 1U);
+    EXPECT_EQ(limits.logFileRetentionPeriod, 2U);
+    EXPECT_EQ(limits.logFolderSize, 3U);
+    setLogger(nullptr);
 }
 
 }  // namespace

@@ -1,5 +1,6 @@
 #include <gtest/gtest.h>
 
+#include "core/types/errors.h"
 #include "service/oswin/profile.h"
 #include "service/selby/trackingflag.h"
 
@@ -28,22 +29,11 @@ TEST(Clients, ReadWhatTheServicesSend) {
     EXPECT_FALSE(
         JsonParser::parse(R"({"tracking_flag":"PII","x":1})", std::make_shared<selby::TrackingFlagParser>(flag)));
     EXPECT_EQ(flag.trackingFlag, "PII");
-    for (const auto& [text, expected] :
-         {std::pair("pIi", true), {"PII", true}, {"PI", false}, {"PII ", false}, {"", false}}) {
-        EXPECT_EQ(selby::isPII(text), expected) << text;
-    }
-}
 
-TEST(Clients, BuildTheirRequests) {
-    const http::Request profile = oswin::makeProfileRequest("https://host/", "token");
-    EXPECT_EQ(profile.url, "https://host/oswin/profile");
-    EXPECT_EQ(profile.verb, http::Verb::GET);
-    EXPECT_EQ(profile.headers, (http::Headers{{"Authorization", "Bearer token"}}));
-    const http::Request flag = selby::makeTrackingFlagRequest("http://host", "token");
-    EXPECT_EQ(flag.url, "http://host/fetch_user_tracking_flag");
-    EXPECT_EQ(flag.headers, (http::Headers{{"Access-Token", "token"}}));
-    EXPECT_NE(oswin::defaultBaseUrl(Environment::prod), oswin::defaultBaseUrl(Environment::stage));
-    EXPECT_EQ(selby::defaultBaseUrl(Environment::prod), selby::defaultBaseUrl(static_cast<Environment>(7)));
+    // An object in a list of texts is a fault.
+    EXPECT_EQ(
+        JsonParser::parse(R"({"preferred_languages":["de",{"x":1}]})", std::make_shared<oswin::ProfileParser>(profile)),
+        JsonError::exception_thrown);
 }
 
 }  // namespace

@@ -77,18 +77,9 @@ ChildProcess::ChildProcess(const std::string& program, const std::vector<std::st
 
 ChildProcess::~ChildProcess() { kill(); }
 
-bool ChildProcess::readLine(std::string& line) {
-    std::array<char, 4096> buffer{};
-    size_t end = pending_.find('\n');
-    while (end == std::string::npos) {
-        const ssize_t count = ::read(handles_->output.number(), buffer.data(), buffer.size());
-        if (count <= 0) return false;
-        pending_.append(buffer.data(), static_cast<size_t>(count));
-        end = pending_.find('\n');
-    }
-    line = pending_.substr(0, end);
-    pending_.erase(0, end + 1);
-    return true;
+size_t ChildProcess::read(char* buffer, size_t size) {
+    const ssize_t count = ::read(handles_->output.number(), buffer, size);
+    return count > 0 ? static_cast<size_t>(count) : 0;
 }
 
 void ChildProcess::closeInput() { handles_->input.close(); }

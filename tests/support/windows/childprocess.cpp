@@ -2,7 +2,6 @@
 
 #include <windows.h>
 
-#include <array>
 #include <boost/filesystem/path.hpp>
 #include <system_error>
 #include <utility>
@@ -81,21 +80,9 @@ ChildProcess::ChildProcess(const std::string& program, const std::vector<std::st
 
 ChildProcess::~ChildProcess() { kill(); }
 
-bool ChildProcess::readLine(std::string& line) {
-    std::array<char, 4096> buffer{};
-    size_t end = pending_.find('\n');
-    while (end == std::string::npos) {
-        DWORD count = 0;
-        if (!ReadFile(handles_->output.get(), buffer.data(), static_cast<DWORD>(buffer.size()), &count, nullptr) ||
-            count == 0)
-            return false;
-        pending_.append(buffer.data(), count);
-        end = pending_.find('\n');
-    }
-    line = pending_.substr(0, end);
-    pending_.erase(0, end + 1);
-    if (!line.empty() && line.back() == '\r') line.pop_back();
-    return true;
+size_t ChildProcess::read(char* buffer, size_t size) {
+    DWORD count = 0;
+    return ReadFile(handles_->output.get(), buffer, static_cast<DWORD>(size), &count, nullptr) ? count : 0;
 }
 
 void ChildProcess::closeInput() { handles_->input.close(); }

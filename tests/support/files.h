@@ -2,6 +2,7 @@
 #pragma once
 
 #include <boost/filesystem/fstream.hpp>
+#include <boost/filesystem/operations.hpp>
 #include <iterator>
 #include <string>
 
@@ -12,7 +13,9 @@ inline std::string readFile(const boost::filesystem::path& path) {
     return {std::istreambuf_iterator<char>(file), std::istreambuf_iterator<char>()};
 }
 
-inline void writeFile(const boost::filesystem::path& path, const std::string& bytes) {
+// Makes its folders, too.
+inline void writeFile(const boost::filesystem::path& path, const std::string& bytes = "") {
+    boost::filesystem::create_directories(path.parent_path());
     boost::filesystem::ofstream(path, std::ios::binary) << bytes;
 }
 

@@ -1,10 +1,12 @@
-#include "tests/support/shell.h"
+#include "tests/support/system.h"
 
 #include <sys/wait.h>
 
 #include <cstdlib>
 
 namespace velmora::test {
+
+void setEnvironmentVariable(const char* name, const char* value) { ::setenv(name, value, 1); }
 
 int runInShell(const std::string& line) {
     const int status = std::system(line.c_str());
