@@ -8,6 +8,7 @@
 #include <mutex>
 #include <regex>
 #include <set>
+#include <sstream>
 #include <stdexcept>
 #include <thread>
 
@@ -141,6 +142,27 @@ TEST(TaskEngineGenerations, RestartMakesPendingTimersAndTasksVoid) {
     engine.start();
     pools.runAll();
     EXPECT_EQ(ran, "new task new timer last");
+}
+
+TEST(TaskEngineGenerations, AreToldInTheLog) {
+    const test::CapturedLog log;
+    ManualPools pools;
+    SerialTaskEngine engine;
+    pools.runAll();
+    engine.schedule(Task([] {}));
+    engine.schedule(1000ms, Task([] {}));
+    engine.stop();
+    engine.stop();
+    engine.schedule(Task([] {}));
+    engine.start();
+    std::ostringstream address;
+    address << static_cast<TaskEngine*>(&engine);
+    const std::string name = "this=" + address.str();
+    EXPECT_EQ(log.messages("taskengine"),
+              (std::vector<std::string>{"creating " + name, "schedule task " + name, "perform task " + name,
+                                        "schedule task " + name, "schedule task " + name,
+                                        "stopped " + name + " index=0ignored 2 pending tasks",
+                                        "engine stopped; skip schedule " + name, "started " + name + " index=1"}));
 }
 
 TEST(WaitFor, TellsWhatItWaitsForAndGivesUpInTime) {
