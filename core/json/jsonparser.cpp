@@ -77,7 +77,7 @@ void logFailure(size_t offset, const char* reason) {
 
 std::error_code JsonParser::parse(const std::string& text, std::shared_ptr<JsonParser> root) {
     const PaddedText padded(text);
-    TextStream stream(padded.data());
+    TextStream stream(padded);
     PushHandler handler(std::move(root));
     try {
         const rapidjson::ParseResult result = readStream(stream, handler);

@@ -11,11 +11,7 @@ namespace {
 
 constexpr size_t kUsualTextSize = 4096;
 
-template <typename Writer>
-std::string write(const rapidjson::Value& value, rapidjson::StringBuffer& buffer, Writer& writer) {
-    value.Accept(writer);
-    return {buffer.GetString(), buffer.GetSize()};
-}
+std::string textOf(const rapidjson::StringBuffer& buffer) { return {buffer.GetString(), buffer.GetSize()}; }
 
 }  // namespace
 
@@ -44,15 +40,22 @@ std::string toText(const rapidjson::Value& value) {
 
 std::string serialize(const rapidjson::Value& value) {
     rapidjson::StringBuffer buffer(nullptr, kUsualTextSize);
-    TextWriter writer(buffer);
-    return write(value, buffer, writer);
+    rapidjson::Writer<rapidjson::StringBuffer> writer(buffer);
+    value.Accept(writer);
+    if (holdsLateControls(buffer.GetString(), buffer.GetSize())) {
+        buffer.Clear();
+        TextWriter escaping(buffer);
+        value.Accept(escaping);
+    }
+    return textOf(buffer);
 }
 
 std::string serializePretty(const rapidjson::Value& value) {
     rapidjson::StringBuffer buffer(nullptr, kUsualTextSize);
     PrettyTextWriter writer(buffer);
     writer.SetIndent(' ', 4);
-    return write(value, buffer, writer);
+    value.Accept(writer);
+    return textOf(buffer);
 }
 
 std::string prettyPrint(const std::string& json) {

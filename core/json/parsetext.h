@@ -16,7 +16,7 @@ namespace velmora {
 // A copy of a text with zeros behind it: the reader's vector instructions look at whole blocks of 16 bytes.
 class PaddedText {
 public:
-    explicit PaddedText(std::string_view text) {
+    explicit PaddedText(std::string_view text) : size_(text.size()) {
         const size_t size = text.size() + kPadding;
         char* const copy = size <= small_.size() ? small_.data() : (large_ = std::make_unique<char[]>(size)).get();
         std::memcpy(copy, text.data(), text.size());
@@ -27,6 +27,7 @@ public:
     PaddedText& operator=(const PaddedText&) = delete;
 
     [[nodiscard]] const char* data() const { return text_; }
+    [[nodiscard]] size_t size() const { return size_; }
 
 private:
     static constexpr size_t kPadding = 32;
@@ -34,6 +35,7 @@ private:
     alignas(16) std::array<char, 4096> small_;
     std::unique_ptr<char[]> large_;
     const char* text_;
+    const size_t size_;
 };
 
 // Passes everything on to another handler, but ends the parse at a container below `limit` others.
@@ -71,21 +73,29 @@ constexpr std::string_view kByteOrderMark = "\xEF\xBB\xBF";
 // Without recursion. Not with full precision: RapidJSON 1.1 then normalises zeros such as 0e-30 by undefined behaviour.
 constexpr unsigned kParseFlags = rapidjson::kParseIterativeFlag;
 
-// Zero-terminated characters. Of a type of its own, for which the reader has no vector code.
-struct TextStream : rapidjson::StringStream {
-    explicit TextStream(const char* text) : rapidjson::StringStream(text) {}
+// A text from some place on. Of a type of its own, for which the reader has no vector code: that lets some control
+// characters pass at some places.
+class TextStream : public rapidjson::StringStream {
+public:
+    explicit TextStream(const PaddedText& text, size_t begin = 0)
+        : rapidjson::StringStream(text.data() + begin),
+          needsCare_(holdsLateControls(text.data() + begin, text.size() - begin)) {}
+
+    template <typename Handler>
+    rapidjson::ParseResult read(Handler& handler) {
+        rapidjson::Reader reader;
+        return needsCare_ ? reader.Parse<kParseFlags>(*this, handler)
+                          : reader.Parse<kParseFlags>(static_cast<rapidjson::StringStream&>(*this), handler);
+    }
+
+private:
+    const bool needsCare_;
 };
 
-// Runs the reader over a text from where the stream stands. The iterative reader calls a document empty also if it
-// begins with what begins no value. The vector code lets some control characters pass that it would refuse at other
-// places.
+// The iterative reader calls a document empty also if it begins with what begins no value.
 template <typename Handler>
 rapidjson::ParseResult readStream(TextStream& stream, Handler& handler) {
-    rapidjson::Reader reader;
-    const rapidjson::ParseResult result =
-        holdsLateControls(stream.src_, std::strlen(stream.src_))
-            ? reader.Parse<kParseFlags>(stream, handler)
-            : reader.Parse<kParseFlags>(static_cast<rapidjson::StringStream&>(stream), handler);
+    const rapidjson::ParseResult result = stream.read(handler);
     const bool isMisnamed = result.Code() == rapidjson::kParseErrorDocumentEmpty && stream.Peek() != '\0';
     return isMisnamed ? rapidjson::ParseResult(rapidjson::kParseErrorValueInvalid, result.Offset()) : result;
 }
@@ -95,7 +105,7 @@ template <typename Handler>
 rapidjson::ParseResult readText(const std::string& text, Handler& handler) {
     const PaddedText padded(text);
     const size_t skipped = text.compare(0, kByteOrderMark.size(), kByteOrderMark) == 0 ? kByteOrderMark.size() : 0;
-    TextStream stream(padded.data() + skipped);
+    TextStream stream(padded, skipped);
     const rapidjson::ParseResult result = readStream(stream, handler);
     return result.IsError() ? rapidjson::ParseResult(result.Code(), result.Offset() + skipped) : result;
 }

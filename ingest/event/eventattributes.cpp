@@ -88,7 +88,17 @@ void EventAttributes::add(std::string_view name, std::string_view value) {
 }
 
 void EventAttributes::write(rapidjson::StringBuffer& out) const {
-    TextWriter writer(out);
+    const size_t begin = out.GetSize();
+    writeWith<rapidjson::Writer<rapidjson::StringBuffer>>(out);
+    const size_t written = out.GetSize() - begin;
+    if (!holdsLateControls(out.GetString() + begin, written)) return;
+    out.Pop(written);
+    writeWith<TextWriter>(out);
+}
+
+template <typename Writer>
+void EventAttributes::writeWith(rapidjson::StringBuffer& out) const {
+    Writer writer(out);
     out.Put('{');
     for (size_t index = 0; index < slots_.size(); ++index) {
         const Slot& slot = slots_[index];

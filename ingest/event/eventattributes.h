@@ -67,6 +67,8 @@ private:
     [[nodiscard]] size_t indexOf(std::string_view name) const;
     [[nodiscard]] const rapidjson::Value* keep(rapidjson::Value value);
     void push(std::string_view name, const rapidjson::Value* value, std::string_view text);
+    template <typename Writer>
+    void writeWith(rapidjson::StringBuffer& out) const;
 
     Allocator& allocator_;
     std::vector<Slot> slots_;
