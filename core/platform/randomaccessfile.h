@@ -33,13 +33,7 @@ public:
 using RandomAccessFileOpener =
     std::function<std::unique_ptr<RandomAccessFile>(const boost::filesystem::path& path, bool create)>;
 
-[[nodiscard]] std::unique_ptr<RandomAccessFile> openRandomAccessFile(const boost::filesystem::path& path, bool create);
-
-// Puts another function behind openRandomAccessFile, for example one whose files fail on purpose; an empty one brings
-// the system's files back. Only while no other thread opens files.
-void setRandomAccessFileOpener(RandomAccessFileOpener opener);
-
-// The system's own file, whatever opener is installed.
+// The system's own file. Whoever opens files takes an opener, so that others can stand in, such as ones that fail.
 [[nodiscard]] std::unique_ptr<RandomAccessFile> openSystemFile(const boost::filesystem::path& path, bool create);
 
 // The same for reading only: never creates, and every write fails.

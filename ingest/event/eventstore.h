@@ -31,7 +31,7 @@ public:
     // Takes over what an earlier process has left in the folder, and creates nothing. Raises FQException if the
     // manifest or a part file can't be opened.
     EventStore(Path folder, DropCallback onDrop, QueueConfig config,
-               platform::RandomAccessFileOpener opener = platform::openRandomAccessFile);
+               platform::RandomAccessFileOpener opener = platform::openSystemFile);
     ~EventStore() override;
 
     void push(const std::string& event) override VELMORA_EXCLUDES(mutex_);

@@ -25,13 +25,13 @@ TEST(RandomAccessFile, KeepsWhatWasWrittenAtItsOffset) {
     const test::TempFolder folder;
     const auto path = folder.path() / pathFromUtf8(kForeignName);
     {
-        const auto file = openRandomAccessFile(path, true);
+        const auto file = openSystemFile(path, true);
         ASSERT_TRUE(file);
         ASSERT_TRUE(file->write(0, "head", 4));
         ASSERT_TRUE(file->write(6, "tail", 4));
         ASSERT_TRUE(file->write(1, "E", 1));
     }
-    const auto file = openRandomAccessFile(path, false);
+    const auto file = openSystemFile(path, false);
     ASSERT_TRUE(file);
     EXPECT_EQ(contents(*file), std::string("hEad\0\0tail", 10));
     char part[4];
@@ -42,15 +42,15 @@ TEST(RandomAccessFile, KeepsWhatWasWrittenAtItsOffset) {
 
     EXPECT_EQ(contents(*openReadOnlyFile(path)).size(), 10U);
     EXPECT_FALSE(openReadOnlyFile(path)->write(0, "x", 1));
-    EXPECT_EQ(contents(*openRandomAccessFile(path, true)), "") << "creating empties";
+    EXPECT_EQ(contents(*openSystemFile(path, true)), "") << "creating empties";
 }
 
 TEST(RandomAccessFile, IsNullWhereNothingCanBeOpened) {
     const test::TempFolder folder;
-    EXPECT_FALSE(openRandomAccessFile(folder / "missing", false));
+    EXPECT_FALSE(openSystemFile(folder / "missing", false));
     EXPECT_FALSE(openReadOnlyFile(folder / "missing"));
-    EXPECT_FALSE(openRandomAccessFile(folder / "missing" / "file", true));
-    EXPECT_FALSE(openRandomAccessFile(folder.path(), true)) << "a folder";
+    EXPECT_FALSE(openSystemFile(folder / "missing" / "file", true));
+    EXPECT_FALSE(openSystemFile(folder.path(), true)) << "a folder";
 }
 
 }  // namespace
