@@ -8,7 +8,7 @@
 #include <vector>
 
 #include "core/json/jsontext.h"
-#include "ingest/event/ruletable.h"
+#include "ingest/event/conversion/ruletable.h"
 
 namespace velmora {
 namespace {

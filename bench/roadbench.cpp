@@ -22,7 +22,7 @@
 #include "core/platform/randomaccessfile.h"
 #include "core/utils/strings.h"
 #include "core/utils/timestamps.h"
-#include "ingest/event/queue.h"
+#include "ingest/event/store/queue.h"
 
 namespace velmora {
 namespace {

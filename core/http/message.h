@@ -7,7 +7,7 @@
 #include <string>
 #include <system_error>
 
-#include "core/types/httpstatus.h"
+#include "core/http/httpstatus.h"
 
 namespace velmora::http {
 

@@ -10,7 +10,7 @@
 
 #include "core/logging/formattedlogger.h"
 #include "core/logging/rotatinglogfile.h"
-#include "core/utils/mutex.h"
+#include "core/types/mutex.h"
 #include "core/utils/taskengine.h"
 
 namespace velmora {

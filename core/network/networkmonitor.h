@@ -8,7 +8,7 @@
 #include <iosfwd>
 #include <memory>
 
-#include "core/utils/mutex.h"
+#include "core/types/mutex.h"
 
 namespace velmora {
 

@@ -4,7 +4,7 @@
 #include <unordered_map>
 #include <utility>
 
-#include "core/utils/mutex.h"
+#include "core/types/mutex.h"
 #include "core/utils/waitfor.h"
 
 namespace velmora::transfer {

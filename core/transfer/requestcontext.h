@@ -7,8 +7,8 @@
 
 #include "core/http/responder.h"
 #include "core/transfer/transferrequest.h"
+#include "core/types/mutex.h"
 #include "core/types/uniquefunction.h"
-#include "core/utils/mutex.h"
 
 namespace velmora::transfer {
 

@@ -8,7 +8,7 @@
 
 #include "core/transfer/hostcontext.h"
 #include "core/transfer/transferengine.h"
-#include "core/utils/mutex.h"
+#include "core/types/mutex.h"
 
 namespace velmora::transfer {
 

@@ -15,7 +15,7 @@
 #include "core/transfer/transferengine.h"
 #include "core/transfer/transferrequest.h"
 #include "core/transfer/transferresponder.h"
-#include "core/utils/mutex.h"
+#include "core/types/mutex.h"
 
 namespace velmora::transfer {
 

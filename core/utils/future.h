@@ -11,8 +11,8 @@
 #include <utility>
 #include <vector>
 
+#include "core/types/mutex.h"
 #include "core/types/uniquefunction.h"
-#include "core/utils/mutex.h"
 #include "core/utils/waitfor.h"
 
 namespace velmora {

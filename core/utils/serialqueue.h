@@ -6,8 +6,8 @@
 #include <functional>
 #include <memory>
 
+#include "core/types/mutex.h"
 #include "core/types/uniquefunction.h"
-#include "core/utils/mutex.h"
 
 namespace velmora {
 

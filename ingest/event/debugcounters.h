@@ -8,7 +8,7 @@
 #include <string>
 
 #include "core/json/jsonwriter.h"
-#include "core/utils/mutex.h"
+#include "core/types/mutex.h"
 #include "ingest/event/eventmodel.h"
 
 namespace velmora {

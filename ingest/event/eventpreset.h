@@ -13,7 +13,7 @@
 #include <string>
 #include <unordered_map>
 
-#include "core/utils/mutex.h"
+#include "core/types/mutex.h"
 #include "ingest/event/eventvalidator.h"
 #include "service/config/ingestconfigprovider.h"
 #include "service/oswin/profile.h"

@@ -9,7 +9,7 @@
 #include <string>
 #include <string_view>
 
-#include "core/utils/mutex.h"
+#include "core/types/mutex.h"
 #include "service/config/ingestconfigprovider.h"
 
 namespace velmora {

@@ -2,7 +2,7 @@
 
 #include "core/types/errors.h"
 #include "ingest/main/entryframe.h"
-#include "ingest/main/ingestinstance.h"
+#include "ingest/main/instance/ingestinstance.h"
 #include "ingest/session/session.h"
 
 using velmora::IngestInstance;

@@ -5,7 +5,7 @@
 #include <vector>
 
 #include "core/json/validjson.h"
-#include "core/utils/mutex.h"
+#include "core/types/mutex.h"
 #include "core/utils/strings.h"
 
 namespace velmora {

@@ -17,7 +17,7 @@
 #include "core/http/retryhandler.h"
 #include "core/transfer/executor.h"
 #include "core/transfer/transferengine.h"
-#include "core/utils/mutex.h"
+#include "core/types/mutex.h"
 #include "core/utils/taskengine.h"
 #include "ingest/event/metaevent.h"
 #include "service/config/sessionconfigprovider.h"

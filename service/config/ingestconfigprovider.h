@@ -7,7 +7,7 @@
 #include <string>
 #include <utility>
 
-#include "core/utils/mutex.h"
+#include "core/types/mutex.h"
 #include "core/utils/taskengine.h"
 #include "service/config/ingestconfig.h"
 

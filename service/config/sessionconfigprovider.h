@@ -5,7 +5,7 @@
 #include <functional>
 #include <utility>
 
-#include "core/utils/mutex.h"
+#include "core/types/mutex.h"
 #include "core/utils/taskengine.h"
 #include "service/config/sessionconfig.h"
 

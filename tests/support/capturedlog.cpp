@@ -7,7 +7,7 @@
 #include <utility>
 
 #include "core/types/logger.h"
-#include "core/utils/mutex.h"
+#include "core/types/mutex.h"
 
 namespace velmora::test {
 

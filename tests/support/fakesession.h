@@ -6,8 +6,8 @@
 #include <string>
 #include <vector>
 
-#include "core/utils/mutex.h"
-#include "ingest/main/sessionview.h"
+#include "core/types/mutex.h"
+#include "ingest/main/delivery/sessionview.h"
 
 namespace velmora::test {
 

@@ -6,7 +6,7 @@
 #include <map>
 
 #include "core/platform/pool.h"
-#include "core/utils/mutex.h"
+#include "core/types/mutex.h"
 
 namespace velmora::test {
 

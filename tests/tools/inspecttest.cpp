@@ -9,7 +9,7 @@
 #include "core/crypt/crypt.h"
 #include "core/filesystem/lockedpath.h"
 #include "core/json/jsontext.h"
-#include "ingest/event/eventstore.h"
+#include "ingest/event/store/eventstore.h"
 #include "tests/support/files.h"
 #include "tests/support/system.h"
 #include "tests/support/tempfolder.h"

@@ -4,7 +4,7 @@
 #include <memory>
 #include <stdexcept>
 
-#include "ingest/event/batchwriter.h"
+#include "ingest/event/conversion/batchwriter.h"
 #include "service/ingest/csvparser.h"
 #include "tools/velmora/command.h"
 #include "tools/velmora/converter.h"

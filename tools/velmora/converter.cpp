@@ -4,7 +4,7 @@
 #include <sstream>
 
 #include "core/json/jsontext.h"
-#include "ingest/event/batchwriter.h"
+#include "ingest/event/conversion/batchwriter.h"
 #include "service/ingest/csvparser.h"
 
 namespace velmora::tool {

@@ -5,7 +5,7 @@
 #include <iosfwd>
 #include <string>
 
-#include "ingest/event/ruletable.h"
+#include "ingest/event/conversion/ruletable.h"
 
 namespace velmora::tool {
 

@@ -10,8 +10,8 @@
 #include <thread>
 
 #include "core/filesystem/filesystem.h"
-#include "core/queue/partname.h"
 #include "ingest/event/eventmodel.h"
+#include "ingest/event/store/partname.h"
 #include "tools/velmora/recordview.h"
 
 namespace velmora::tool {

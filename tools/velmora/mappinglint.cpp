@@ -6,8 +6,8 @@
 #include <set>
 
 #include "core/utils/strings.h"
-#include "ingest/event/formattemplate.h"
-#include "ingest/event/rewriterule.h"
+#include "ingest/event/conversion/formattemplate.h"
+#include "ingest/event/conversion/rewriterule.h"
 #include "service/ingest/csvparser.h"
 #include "service/ingest/mapping.h"
 

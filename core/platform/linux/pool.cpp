@@ -12,7 +12,7 @@
 
 #include "core/platform/linux/forks.h"
 #include "core/platform/process.h"
-#include "core/utils/mutex.h"
+#include "core/types/mutex.h"
 
 namespace velmora::platform {
 namespace {

@@ -1,4 +1,5 @@
 #include "core/queue/queuestorage.h"
+#include "ingest/event/store/partname.h"
 
 #include <gtest/gtest.h>
 

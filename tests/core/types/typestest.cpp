@@ -8,9 +8,9 @@
 #include <stdexcept>
 #include <utility>
 
+#include "core/http/httpstatus.h"
 #include "core/types/errors.h"
 #include "core/types/exceptions.h"
-#include "core/types/httpstatus.h"
 #include "core/types/log.h"
 #include "tests/support/capturedlog.h"
 

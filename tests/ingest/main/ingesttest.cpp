@@ -8,7 +8,7 @@
 #include "core/filesystem/filesystem.h"
 #include "core/json/jsontext.h"
 #include "ingest/event/eventmodel.h"
-#include "ingest/event/queue.h"
+#include "ingest/event/store/queue.h"
 #include "tests/support/libraryfixture.h"
 
 namespace velmora::test {

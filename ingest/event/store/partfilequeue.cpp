@@ -1,0 +1,26 @@
+#include "ingest/event/store/partfilequeue.h"
+
+#include <utility>
+
+#include "core/types/log.h"
+
+namespace velmora {
+
+PartFileQueue::PartFileQueue(const Path& path, uint64_t rotationSize, platform::RandomAccessFileOpener opener)
+    : storage_(path, rotationSize + kQueueHeaderSize, std::move(opener)) {}
+
+void PartFileQueue::truncate() {
+    VELMORA_LOG(warn, "event.store") << "truncate file loses num_events=" << size() << " path=" << path().string();
+    storage_.recreate();
+}
+
+void PartFileQueue::remove() {
+    if (size() == 0) {
+        VELMORA_LOG(debug, "event.store") << "remove file loses num_events=0 path=" << path().string();
+    } else {
+        VELMORA_LOG(warn, "event.store") << "remove file loses num_events=" << size() << " path=" << path().string();
+    }
+    storage_.remove();
+}
+
+}  // namespace velmora

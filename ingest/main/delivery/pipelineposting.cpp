@@ -1,0 +1,258 @@
+// The part of a line that begins where a batch's request has been formed: posting, judging the response, retry, and
+// giving up.
+
+#include <utility>
+
+#include "core/http/responder.h"
+#include "core/types/errors.h"
+#include "core/types/exceptions.h"
+#include "core/types/log.h"
+#include "ingest/main/delivery/pipeline.h"
+#include "service/config/sessionconfig.h"
+
+namespace velmora {
+
+namespace {
+
+http::Response failedResponse(std::error_code error) {
+    http::Response response;
+    response.setError(error);
+    return response;
+}
+
+// Answers once, also for a failed exchange with what had arrived: the server may have named a pause before it broke.
+class AnswerResponder final : public http::CollectingResponder {
+public:
+    explicit AnswerResponder(std::function<void(const http::Response&)> onAnswer) : onAnswer_(std::move(onAnswer)) {}
+    void onSuccess() override { onAnswer_(response_); }
+    void onFailure(std::error_code error) override {
+        response_.setError(error);
+        onAnswer_(response_);
+    }
+
+private:
+    const std::function<void(const http::Response&)> onAnswer_;
+};
+
+// What log lines say of any response.
+std::string describe(const http::Response& response, const std::string& name) {
+    const auto requestId = response.headers.find("x-request-id");
+    std::ostringstream text;
+    text << "Http response: name=" << name
+         << " x-request-id=" << (requestId == response.headers.end() ? std::string() : requestId->second)
+         << " status=" << static_cast<http::Status>(response.status);
+    return text.str();
+}
+
+}  // namespace
+
+using debug::Action;
+using debug::Item;
+using debug::Reason;
+
+void Pipeline::doResetState() {
+    lastError_.clear();
+    validEvents_.clear();
+    invalidEvents_.clear();
+    batchSize_ = config_.read([](const Config& c) { return c.batchSize; });
+    request_ = http::Request();
+    awaited_ = 0;
+    transfer_.reset();
+    retryHandler_.reset();
+    retryInProgress_ = false;
+    VELMORA_LOG(trace, "pipeline") << "Reset state: name=" << name_ << " batchsize=" << batchSize_;
+}
+
+void Pipeline::doPostBatch() {
+    if (bailOut()) return;
+    VELMORA_LOG(info, "pipeline") << "Http request: name=" << name_;
+    const uint64_t exchange = awaited_ = ++lastExchange_;
+    post(
+        request_, [this, exchange](const http::Response& response) { onNetworkResponse(exchange, response); },
+        transfer_);
+}
+
+void Pipeline::onNetworkResponse(uint64_t exchange, const http::Response& response) {
+    VELMORA_LOG(trace, "pipeline") << "Network response: name=" << name_;
+    enqueueTask(Task([this, exchange, response] { doHandleResponse(exchange, response); }));
+}
+
+void Pipeline::doHandleResponse(uint64_t exchange, const http::Response& response) {
+    if (exchange != awaited_) return;  // of a batch that has been forgotten since
+    awaited_ = 0;
+    lastError_ = response.error;
+    logHTTPResponse(response);
+    if (lastError_) {
+        report(Item::http, Action::request, Reason::error, 1);
+        if (doRetry(response)) return;  // the slot stays taken: no other batch starts while the retry waits
+        doHandleError();
+    } else {
+        report(Item::http, Action::request, Reason::success, 1);
+        doHandleSuccess();
+        doResetState();
+    }
+    slot_ = BatchSlot::free;
+    maybeStartBatch(true);
+}
+
+void Pipeline::doHandleSuccess() {
+    if (batchErrorCallback_ && !invalidEvents_.empty()) batchErrorCallback_(std::error_code(), {}, invalidEvents_);
+    store_->pop(batchSize_);
+    report(Item::event, Action::sent, Reason::success, batchSize_ - invalidEvents_.size());
+}
+
+bool Pipeline::doRetry(const http::Response& response) {
+    if (!retryHandler_) {
+        retryHandler_ = std::make_unique<http::RetryHandler>(
+            static_cast<uint32_t>(session_.getRetryIntervals().size()), std::chrono::milliseconds(0),
+            [this](std::chrono::milliseconds delay, uint32_t attempt) { return armRetry(delay, attempt); });
+        retryInProgress_ = true;
+    }
+    if (!http::isHttpError(response.error)) {
+        VELMORA_LOG(info, "pipeline") << "add retriable error=" << toString(response.error);
+        retryHandler_->addRetriable(response.error);
+    }
+    return retryHandler_->shouldRetry(response);
+}
+
+bool Pipeline::armRetry(std::chrono::milliseconds delay, uint32_t attempt) {
+    const auto wait = service::config::session::retryWait(session_.getRetryIntervals(), delay, attempt);
+    VELMORA_LOG(info, "pipeline") << "Will retry request after " << wait.count() << " milliseconds";
+    timer_.schedule(wait, Task([this, exchange = lastExchange_] { onRetryTimeout(exchange); }));
+    return true;
+}
+
+void Pipeline::onRetryTimeout(uint64_t exchange) {
+    VELMORA_LOG(trace, "pipeline") << "Time to retry";
+    enqueueTask(Task([this, exchange] {
+        // The batch that waited may have been forgotten by a change of state while its retry was being armed.
+        if (retryHandler_ && exchange == lastExchange_) doPostBatch();
+    }));
+}
+
+void Pipeline::doHandleError() {
+    VELMORA_LOG(error, "pipeline") << "name=" << name_ << " err=" << lastError_.message();
+    if (lastError_ && batchErrorCallback_) batchErrorCallback_(lastError_, validEvents_, invalidEvents_);
+    if (batchSize_ != 0) store_->pop(batchSize_);
+}
+
+void Pipeline::logHTTPResponse(const http::Response& response) const {
+    if (response.error) {
+        VELMORA_LOG(error, "pipeline") << describe(response, name_) << " error=" << toString(response.error)
+                                       << " body=" << response.body;
+    } else {
+        VELMORA_LOG(info, "pipeline") << describe(response, name_);
+    }
+}
+
+void Pipeline::post(http::Request request, const Answer& onAnswer, Transfer& transfer) {
+    try {
+        transfer::ExecutorImpl executor(session_.getTransferEngine());
+        transfer = executor.createContext(std::move(request), std::make_shared<AnswerResponder>(onAnswer));
+        std::error_code error;
+        executor.execute(transfer, error);  // a refusal reaches the responder as well
+    } catch (const std::system_error& e) {
+        // The request never left, for want of the host's callbacks: as recoverable as any failure of transport.
+        if (e.code().category() != velmoraCategory()) throw;
+        onAnswer(failedResponse(e.code()));
+    }
+}
+
+http::Response Pipeline::doPost(http::Request request) {
+    VELMORA_LOG(trace, "pipeline") << "Http request (sync): name=" << name_;
+    http::Response answer;
+    transfer::ExecutorImpl executor(session_.getTransferEngine());
+    const Transfer transfer = executor.createContext(
+        std::move(request),
+        std::make_shared<AnswerResponder>([&answer](const http::Response& response) { answer = response; }));
+    std::error_code error;
+    executor.execute(transfer, error);
+    transfer->waitForCompletion();
+    return answer;
+}
+
+void Pipeline::scheduleDirectPost(std::string event) {
+    uint64_t id = 0;
+    {
+        const MutexLock lock(directMutex_);
+        id = ++directRequestId_;
+        directRequests_.emplace(id, DirectPost{std::move(event), nullptr});
+    }
+    schedule(Task([this, id] { doDirectPost(id); }));
+}
+
+void Pipeline::discardDirectPosts() {
+    const MutexLock lock(directMutex_);
+    for (auto& [id, post] : directRequests_) post.event.clear();
+}
+
+// The text of an event that is to be posted; nothing if its user has opted out since it was accepted.
+std::string Pipeline::directEvent(uint64_t id) {
+    const MutexLock lock(directMutex_);
+    std::string event = isOptedOut() ? std::string() : directRequests_.at(id).event;
+    if (event.empty()) directRequests_.erase(id);
+    return event;
+}
+
+void Pipeline::doDirectPost(uint64_t id) {
+    std::string event = directEvent(id);
+    if (event.empty()) return report(Item::event, Action::discarded, Reason::opt_out, 1);
+    const Answer onAnswer = [this, id](const http::Response& response) {
+        schedule(Task([this, id, response] { onDirectAnswer(id, response); }));
+    };
+    try {
+        Transfer transfer;
+        if (!transform(event)) throw std::system_error(VelmoraError::invalid_json);
+        http::Request request = makeRequest({event});
+        VELMORA_LOG(info, "pipeline") << "Http request: name=" << name_;
+        post(std::move(request), onAnswer, transfer);
+        const MutexLock lock(directMutex_);
+        directRequests_.at(id).transfer = std::move(transfer);
+    } catch (...) {
+        onAnswer(failedResponse(currentExceptionToErrorCode("pipeline", "velmora::Pipeline::doDirectPost")));
+    }
+}
+
+void Pipeline::onDirectAnswer(uint64_t id, const http::Response& response) {
+    DirectPost answered;
+    {
+        const MutexLock lock(directMutex_);
+        const auto found = directRequests_.find(id);
+        if (found == directRequests_.end()) return;
+        answered = std::move(found->second);
+        directRequests_.erase(found);
+    }
+    logHTTPResponse(response);
+    if (!response.error) {
+        report(Item::http, Action::request, Reason::success, 1);
+        report(Item::event, Action::sent, Reason::success, 1);
+        return;
+    }
+    report(Item::http, Action::request, Reason::error, 1);
+    if (answered.event.empty()) return report(Item::event, Action::discarded, Reason::opt_out, 1);
+    storeAnsweredWithError(std::move(answered.event));
+}
+
+void Pipeline::storeAnsweredWithError(std::string event) {
+    try {
+        submitEvent(std::move(event), true);
+    } catch (const std::system_error& e) {
+        report(Item::event, Action::discarded, e.code() == VelmoraError::opt_out ? Reason::opt_out : Reason::error, 1);
+        throw;
+    }
+    report(Item::event, Action::saved, Reason::success, 1);
+}
+
+void Pipeline::storeDirectPosts() {
+    std::map<uint64_t, DirectPost> unanswered;
+    {
+        const MutexLock lock(directMutex_);
+        unanswered.swap(directRequests_);
+    }
+    for (auto& [id, post] : unanswered) {
+        post.transfer.reset();
+        if (!post.event.empty()) exceptionSafeWrapper([&, &event = post.event] { storeEvent(event); });
+    }
+}
+
+}  // namespace velmora

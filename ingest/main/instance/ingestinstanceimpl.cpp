@@ -1,0 +1,320 @@
+#include "ingest/main/instance/ingestinstanceimpl.h"
+
+#include <algorithm>
+#include <utility>
+
+#include "core/http/httpstatus.h"
+#include "core/json/mergejson.h"
+#include "core/types/errors.h"
+#include "core/types/exceptions.h"
+#include "core/types/log.h"
+#include "core/utils/durations.h"
+#include "core/utils/waitfor.h"
+#include "ingest/main/instance/instancefolder.h"
+
+namespace velmora {
+
+using debug::Action;
+using debug::Item;
+using debug::Reason;
+
+namespace {
+
+constexpr int64_t kFlushPollMs = 50;
+
+// What counters say of an event that was not taken.
+Reason rejectionReason(const std::error_code& code) {
+    if (code == VelmoraError::invalid_json || code == VelmoraError::invalid_event_format) return Reason::validation;
+    if (code == VelmoraError::opt_out) return Reason::opt_out;
+    if (code == VelmoraError::event_too_big) return Reason::payloadsize;
+    return Reason::error;
+}
+
+// The kind whose folder a store's name speaks of; the meta line for names that speak of none.
+PipelineKind kindOfStore(const std::string& storeName) {
+    for (const PipelineKind kind : kEveryPipelineKind) {
+        if (storeName.find(storeFolderName(kind)) != std::string::npos) return kind;
+    }
+    return PipelineKind::meta;
+}
+
+}  // namespace
+
+std::shared_ptr<IngestInstance> makeIngestInstance(SessionView& session, std::string configGuid,
+                                                   const std::string& commonData,
+                                                   velmora_ingest_error_callback errorCallback) {
+    return std::make_shared<IngestInstanceImpl>(session, std::move(configGuid), commonData, errorCallback);
+}
+
+IngestInstanceImpl::StringMap IngestInstanceImpl::effectiveCommonData(const std::string& commonData,
+                                                                      const StringMap& hostData) {
+    StringMap effective = jsonToStringMap(commonData);
+    effective.insert(hostData.begin(), hostData.end());  // keeps what the instance itself has named
+    return effective;
+}
+
+IngestInstanceImpl::IngestInstanceImpl(SessionView& session, std::string configGuid, const std::string& commonData,
+                                       velmora_ingest_error_callback errorCallback)
+    : session_(session),
+      configGuid_(std::move(configGuid)),
+      instanceFolder_(acquireInstanceFolder(configGuid_, true)),
+      errorCallback_(errorCallback),
+      configProvider_(
+          configGuid_, [this](const std::string& guid) { return fetchConfig(guid); }, [this] { updateState(); }),
+      sourceType_(configProvider_.read([](const auto& config) { return config.sourceType; })),
+      commonData_(effectiveCommonData(commonData, session.getCommonData())),
+      name_(instanceFolder_->filename().string()),
+      debugCounters_(name_, {}),
+      preset_(configProvider_),
+      metaPipeline_(makeLine(PipelineKind::meta)),
+      authInvalidPipeline_(makeLine(PipelineKind::auth_invalid)),
+      authPipeline_(makeLine(PipelineKind::auth)),
+      anonInvalidPipeline_(makeLine(PipelineKind::anon_invalid)),
+      anonPipeline_(makeLine(PipelineKind::anon)),
+      orphanInstance_(session_, configProvider_, configGuid_, lineCallbacks()),
+      healthCheck_(configProvider_, debugCounters_) {
+    VELMORA_LOG(always, "ingestinstance") << "Initializing IngestInstanceImpl";
+    try {
+        connectLines();
+        begin();
+    } catch (...) {
+        engine_.stop();  // what is scheduled there uses members that are about to go
+        throw;
+    }
+}
+
+std::unique_ptr<Pipeline> IngestInstanceImpl::makeLine(PipelineKind kind) {
+    return std::make_unique<Pipeline>(session_, configProvider_, *instanceFolder_ / storeFolderName(kind),
+                                      lineCallbacks().onDrop, "main", kind);
+}
+
+LineCallbacks IngestInstanceImpl::lineCallbacks() {
+    using Events = std::vector<std::string>;
+    return {
+        [this](const std::string& storeName, const std::string& reason, uint64_t count, uint64_t size) {
+            onDropped(storeName, reason, count, size);
+        },
+        [this](std::string& event, bool includeIdentity) {
+            return preset_.tryApplyBatchAttributes(event, includeIdentity);
+        },
+        [this](const std::error_code& error, const Events& valid, const Events& invalid) {
+            onErrorFromLine(true, error, valid, invalid);
+        },
+        [this](const std::error_code& error, const Events& valid, const Events& invalid) {
+            onErrorFromLine(false, error, valid, invalid);
+        },
+        [this](const std::string& folderName, PipelineKind kind, Item item, Action action, Reason reason,
+               uint64_t count) { debugCounters_.add(folderName, kind, item, action, reason, count); },
+    };
+}
+
+void IngestInstanceImpl::connectLines() {
+    preset_.setCommonAttributes(commonData_);  // refuses what would need escaping
+    if (sourceType_ == SourceType::host) session_.setCommonData(commonData_);
+    preset_.setSessionGuid(session_.getSessionGuid());
+    preset_.setLorneProfile(session_.getLorneProfile());
+    const LineCallbacks callbacks = lineCallbacks();
+    for (Pipeline* line : {metaPipeline_.get(), authPipeline_.get(), anonPipeline_.get()}) {
+        line->setEventTransform(callbacks.eventTransform);
+    }
+    for (Pipeline* line : {metaPipeline_.get(), authInvalidPipeline_.get(), authPipeline_.get(),
+                           anonInvalidPipeline_.get(), anonPipeline_.get()}) {
+        line->setDebugCallback(callbacks.onDebug);
+    }
+    authPipeline_->setBatchErrorCallback(callbacks.onAuthError);
+    anonPipeline_->setBatchErrorCallback(callbacks.onAnonError);
+}
+
+void IngestInstanceImpl::begin() {
+    healthCheck_.setSink([this](MetaEvent event) { submitMetaEvent(std::move(event).json()); });
+    healthCheck_.start();
+    configProvider_.start();
+    updateState();
+    engine_.schedule(Task([this] { preset_.updateUserAgent(); }));
+    const DebugCounters found(name_, storedEvents());
+    submitMetaEvent(MetaEvent::makeInit(sourceType_, configGuid_, found).json());
+}
+
+IngestInstanceImpl::~IngestInstanceImpl() {
+    exceptionSafeWrapper([this] {
+        engine_.stop();
+        changeState(static_cast<int32_t>(PipelineState::SaveOnly), static_cast<int32_t>(PipelineState::SaveOnly));
+    });
+    exceptionSafeWrapper([this] { healthCheck_.stop(); });
+    exceptionSafeWrapper([this] {
+        const DebugCounters left(name_, storedEvents());
+        submitMetaEvent(MetaEvent::makeExit(sourceType_, configGuid_, left).json());
+    });
+    exceptionSafeWrapper([this] {
+        if (configProvider_.read([](const auto& config) { return config.flushOnStopEnabled; })) doFlush();
+    });
+    exceptionSafeWrapper([this] { configProvider_.stop(); });
+}
+
+void IngestInstanceImpl::addCommonAttribute(const char* key, const char* value) {
+    VELMORA_LOG(info, "ingestinstance") << "In addCommonAttribute key=" << key << " value=" << value;
+    preset_.setCommonAttribute(key, value);
+}
+
+void IngestInstanceImpl::removeCommonAttribute(const char* key) {
+    VELMORA_LOG(info, "ingestinstance") << "In removeCommonAttribute key=" << key;
+    preset_.removeCommonAttribute(key);
+}
+
+void IngestInstanceImpl::submitEvent(const char* json, bool batch, bool auth, int32_t validate,
+                                     const char* configOverride) {
+    submitEventInPipeline(auth ? *authPipeline_ : *anonPipeline_, json, batch, validate, configOverride);
+}
+
+void IngestInstanceImpl::submitMetaEvent(std::string json) {
+    submitEventInPipeline(*metaPipeline_, json, true, -1, "{}");
+}
+
+void IngestInstanceImpl::submitEventInPipeline(Pipeline& pipeline, const std::string& json, bool batch,
+                                               int32_t validate, const std::string& configOverride) {
+    const PipelineKind kind = pipeline.kind();
+    VELMORA_LOG(info, "ingestinstance") << "submit batch=" << batch << " kind=" << pipelineKindToString(kind)
+                                        << " validate=" << validate << " json=" << json;
+    try {
+        pipeline.submitEvent(preset_.getEventPayload(json, static_cast<uint32_t>(validate), configOverride), batch);
+    } catch (const std::system_error& e) {
+        countRejected(kind, e.code());
+        throw;
+    }
+    debugCounters_.add(name_, kind, Item::event, Action::saved, Reason::success, 1);
+}
+
+void IngestInstanceImpl::countRejected(PipelineKind kind, const std::error_code& code) {
+    debugCounters_.add(name_, kind, Item::event, Action::rejected, rejectionReason(code), 1);
+}
+
+void IngestInstanceImpl::changeState(int32_t state, int32_t authState) {
+    const PipelineState network = session_.getNetworkLimit();
+    const PipelineState line = std::min(static_cast<PipelineState>(state), network);
+    const PipelineState auth = std::min(static_cast<PipelineState>(authState), line);
+    authPipeline_->changeState(auth);
+    anonPipeline_->changeState(line);
+    metaPipeline_->changeState(line);
+    orphanInstance_.changeState(auth, line);
+}
+
+void IngestInstanceImpl::updateState() {
+    engine_.schedule(Task([this] { doUpdateState(); }));
+}
+
+void IngestInstanceImpl::doUpdateState() {
+    const PipelineState authState = session_.getAuthState(getConsent(), getEnvironment());
+    changeState(static_cast<int32_t>(session_.getOnlineLimit()), static_cast<int32_t>(authState));
+}
+
+void IngestInstanceImpl::onErrorFromLine(bool auth, const std::error_code& error,
+                                         const std::vector<std::string>& validEvents,
+                                         const std::vector<std::string>& invalidEvents) {
+    engine_.schedule(Task([this, error] { handleError(error); }));
+    VELMORA_LOG_AT(
+        error, "ingestinstance",
+        auth ? "velmora::IngestInstanceImpl::onErrorFromAuthLine" : "velmora::IngestInstanceImpl::onErrorFromAnonLine")
+        << "Resubmitting " << validEvents.size() << " valid events and " << invalidEvents.size()
+        << " invalid events at the back of " << (auth ? "auth" : "anon")
+        << "(_invalid) queues: error=" << error.message();
+    Pipeline& line = auth ? *authPipeline_ : *anonPipeline_;
+    Pipeline& invalidLine = auth ? *authInvalidPipeline_ : *anonInvalidPipeline_;
+    for (const std::string& event : validEvents) line.submitEvent(event, true);
+    if (invalidEvents.empty()) return;
+    submitMetaEvent(MetaEvent::makeLifecycle(sourceType_, "warn", "decrypt", invalidEvents.size()).json());
+    for (const std::string& event : invalidEvents) invalidLine.submitEvent(event, true);
+    debugCounters_.add(name_, invalidLine.kind(), Item::event, Action::saved, Reason::success, invalidEvents.size());
+}
+
+void IngestInstanceImpl::handleError(const std::error_code& code) {
+    constexpr auto kSaveOnly = static_cast<int32_t>(PipelineState::SaveOnly);
+    if (http::isServerError(code)) {
+        changeState(kSaveOnly, kSaveOnly);
+        const uint64_t pause = configProvider_.read([](const auto& config) { return config.pauseInterval; });
+        timer_.schedule(toMilliseconds(pause), Task([this] { updateState(); }));
+    }
+    if (http::isForbidden(code)) {
+        VELMORA_LOG(error, "ingestinstance") << "Invalid API key will stop the workers";
+        changeState(kSaveOnly, kSaveOnly);
+    }
+}
+
+void IngestInstanceImpl::onDropped(const std::string& storeName, const std::string& reason, uint64_t count,
+                                   uint64_t folderSize) {
+    std::string warning = MetaEvent::makeSizeWarning(storeName, reason, count, folderSize).json();
+    engine_.schedule(Task([this, warning = std::move(warning)]() mutable { submitMetaEvent(std::move(warning)); }));
+    debugCounters_.add(name_, kindOfStore(storeName), Item::event, Action::discarded, Reason::filesize, count);
+}
+
+void IngestInstanceImpl::flush(velmora_ingest_completion_callback callback, void* userData) {
+    if (callback == nullptr) {
+        if (const std::error_code result = doFlush()) throw std::system_error(result);
+        return;
+    }
+    engine_.schedule(Task([this, callback, userData] {
+        std::error_code result;
+        try {
+            result = doFlush();
+        } catch (...) {
+            result = currentExceptionToErrorCode("ingestinstance", "velmora::IngestInstanceImpl::flush");
+        }
+        VELMORA_LOG_SCOPE_AT(info, "ingestinstance", "velmora::IngestInstanceImpl::flush",
+                             "invoke flush completion callback");
+        callback(reinterpret_cast<velmora_ingest_instance>(static_cast<IngestInstance*>(this)), toVelmoraError(result),
+                 userData);
+    }));
+}
+
+std::error_code IngestInstanceImpl::doFlush() {
+    VELMORA_LOG_SCOPE_AT(info, "ingestinstance", "velmora::IngestInstanceImpl::flush", "flush task");
+    const std::error_code timeout = VelmoraError::timeout;
+    // All three begin before the first is waited for.
+    const auto meta = metaPipeline_->flush();
+    const auto anon = anonPipeline_->flush();
+    const auto auth = authPipeline_->flush();
+    std::error_code result;
+    for (const auto& [flushed, name] :
+         {std::pair(meta, "meta-flush"), std::pair(anon, "anon-flush"), std::pair(auth, "auth-flush")}) {
+        const std::error_code code = waitForFuture(flushed, timeout, name, kFlushPollMs, kNoTimeout);
+        if (code) result = code;
+    }
+    return result;
+}
+
+void IngestInstanceImpl::setProfile(std::shared_ptr<service::oswin::Profile> profile) {
+    if (profile) {
+        preset_.setProfile(*profile);
+    } else {
+        preset_.clearProfile();
+    }
+}
+
+void IngestInstanceImpl::reportError(int32_t code) {
+    // The caller holds the table of instances; the host is called without.
+    engine_.schedule(Task([this, code] {
+        VELMORA_LOG_SCOPE_AT(info, "ingestinstance", "velmora::IngestInstanceImpl::reportError",
+                             "reportError: e=" << code);
+        if (errorCallback_ != nullptr) errorCallback_(code);
+    }));
+}
+
+Consent IngestInstanceImpl::getConsent() {
+    return configProvider_.read([](const auto& config) { return config.consent; });
+}
+
+Environment IngestInstanceImpl::getEnvironment() {
+    return configProvider_.read([](const auto& config) { return config.environment; });
+}
+
+std::array<uint64_t, kPipelineKinds> IngestInstanceImpl::storedEvents() {
+    return {metaPipeline_->size(), authInvalidPipeline_->size(), authPipeline_->size(), anonInvalidPipeline_->size(),
+            anonPipeline_->size()};
+}
+
+service::config::ingest::Config IngestInstanceImpl::fetchConfig(const std::string& configGuid) {
+    VELMORA_LOG_AT(debug, "ingestinstance", "velmora::IngestInstanceImpl::onFetchConfig")
+        << "Fetch config for configGuid=" << configGuid;
+    return session_.getIngestConfig(configGuid_);
+}
+
+}  // namespace velmora

@@ -1,0 +1,140 @@
+#include "ingest/main/instance/ingestinstance.h"
+
+#include <gtest/gtest.h>
+
+#include <algorithm>
+#include <stdexcept>
+
+#include "core/crypt/crypt.h"
+#include "core/filesystem/filesystem.h"
+#include "core/types/errors.h"
+#include "ingest/event/eventmodel.h"
+#include "ingest/event/store/queue.h"
+#include "ingest/main/instance/healthcheck.h"
+#include "tests/support/capturedlog.h"
+#include "tests/support/codeof.h"
+#include "tests/support/fakehost.h"
+#include "tests/support/fakesession.h"
+#include "tests/support/manualpools.h"
+#include "tests/support/tempfolder.h"
+
+namespace velmora {
+namespace {
+
+class InstanceTest : public testing::Test {
+protected:
+    InstanceTest() { Filesystem::setRootPath(Path(root_.path())); }
+
+    void start() { instance_ = makeIngestInstance(session_, "guid", "{}", nullptr); }
+
+    // Of one subtype for each of the three lines that are sent.
+    void submitOneOfEach() {
+        instance_->submitMetaEvent(R"({"event.subtype":"of-meta"})");
+        instance_->submitEvent(R"({"event.subtype":"of-anon"})", true, false, VELMORA_VALIDATE_NONE, "{}");
+        instance_->submitEvent(R"({"event.subtype":"of-auth"})", true, true, VELMORA_VALIDATE_NONE, "{}");
+    }
+
+    int flush() {
+        return test::codeOf([this] { instance_->flush(nullptr, nullptr); }).value();
+    }
+
+    uint64_t stored(PipelineKind kind) {
+        const Path folder = Filesystem::getDataFolder(false) / "guid" / "v1" / "0" / storeFolderName(kind);
+        return makeQueue(folder, nullptr, {"main", 10485760, 104857600, 31536000000})->size();
+    }
+
+    const Crypt first_{""};  // the cipher's library comes up before the pools, to end after their threads
+    test::CapturedLog log_{LogLevel::error};
+    test::TempFolder root_;
+    test::FakeHost host_;
+    test::FakeSession session_;
+    std::shared_ptr<IngestInstance> instance_;
+};
+
+using InstanceFlush = InstanceTest;
+
+TEST_F(InstanceFlush, ReportsTheAuthLineBeforeTheAnonLineBeforeTheMetaLine) {
+    start();
+    ASSERT_TRUE(host_.waitUntil([&] { return flush() == 0; })) << "once its lines are on";
+    const struct {
+        std::vector<std::string> failing;
+        int result;
+    } rows[] = {
+        {{"of-meta"}, 400},
+        {{"of-meta", "of-anon"}, 401},
+        {{"of-meta", "of-auth"}, 404},
+        {{"of-anon", "of-auth"}, 404},
+        {{}, 0},
+    };
+    for (const auto& row : rows) {
+        submitOneOfEach();
+        host_.answerBy([&row](const test::HostRequest& request) -> test::Answer {
+            const std::pair<const char*, uint32_t> statuses[] = {{"of-meta", 400}, {"of-anon", 401}, {"of-auth", 404}};
+            for (const auto& [subtype, status] : statuses) {
+                const bool fails = std::count(row.failing.begin(), row.failing.end(), subtype) != 0;
+                if (fails && request.text().find(subtype) != std::string::npos) return {.status = status};
+            }
+            return {};
+        });
+        EXPECT_EQ(flush(), row.result);
+    }
+}
+
+using InstanceStop = InstanceTest;
+
+TEST_F(InstanceStop, AFlushThatCannotBeDoneIsLoggedAndKeepsEverything) {
+    session_.config.flushOnStopEnabled = true;
+    start();
+    ASSERT_TRUE(host_.waitUntil([&] { return flush() == 0; }));
+    submitOneOfEach();
+    const size_t sends = host_.sends();
+    log_.clear();
+    instance_.reset();
+    EXPECT_EQ(host_.sends(), sends);
+    EXPECT_EQ(log_.count("flush failed for name=mainwith code=18 error="), 3U);
+    EXPECT_EQ(stored(PipelineKind::meta), 3U) << "the event, the last heartbeat and the exit event";
+    EXPECT_EQ(stored(PipelineKind::anon), 1U);
+    EXPECT_EQ(stored(PipelineKind::auth), 1U);
+}
+
+using namespace std::chrono_literals;
+
+TEST(HealthCheck, BeatsAtTheIntervalOfTheLastBeatWhateverBecomesOfItAndOnceAtTheEnd) {
+    test::ManualPools pools;
+    service::config::ingest::Config config;
+    config.heartbeatInterval = 1000;
+    IngestConfigProvider provider(
+        "guid", [&](const std::string&) { return config; }, nullptr);
+    const DebugCounters counters("0", {});
+    HealthCheck check(provider, counters);
+    int beats = 0;
+    bool fails = false;
+    check.setSink([&](const MetaEvent&) {
+        ++beats;
+        if (fails) throw std::runtime_error("not taken");
+    });
+    const auto expectNextAfter = [&](std::chrono::milliseconds distance) {
+        const int before = beats;
+        pools.advance(distance - 1ms);
+        EXPECT_EQ(beats, before) << distance.count();
+        pools.advance(1ms);
+        EXPECT_EQ(beats, before + 1) << distance.count();
+    };
+    check.start();
+    expectNextAfter(1000ms);
+    config.heartbeatInterval = 5000;
+    provider.refresh();
+    expectNextAfter(1000ms);  // armed before
+    expectNextAfter(5000ms);
+    fails = true;
+    expectNextAfter(5000ms);
+    fails = false;
+    expectNextAfter(5000ms);
+    check.stop();
+    EXPECT_EQ(beats, 6);
+    pools.advance(100000ms);
+    EXPECT_EQ(beats, 6);
+}
+
+}  // namespace
+}  // namespace velmora
