@@ -31,8 +31,8 @@ public:
     // Lets newcomers in again.
     void open() VELMORA_EXCLUDES(mutex_);
 
-    // Returns when at most `remaining` are inside: a caller that is inside itself names how often it is. An open gate may
-    // fill up again at once. While the process is terminating it returns at once: who is inside may never leave.
+    // Returns when at most `remaining` are inside: a caller that is inside itself names how often it is. An open gate
+    // may fill up again at once. While the process is terminating it returns at once: who is inside may never leave.
     void wait(uint32_t remaining = 0) VELMORA_EXCLUDES(mutex_);
 
     // The same, at most until the deadline; whether they have left.
