@@ -4,7 +4,7 @@
 #include <utility>
 
 #include "core/platform/cipher.h"
-#include "core/types/log.h"
+#include "core/types/logger.h"
 
 namespace velmora {
 namespace {

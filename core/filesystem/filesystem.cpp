@@ -9,7 +9,7 @@
 #include "core/platform/folderlock.h"
 #include "core/platform/folders.h"
 #include "core/platform/pathtext.h"
-#include "core/types/log.h"
+#include "core/types/logger.h"
 
 namespace velmora {
 namespace {

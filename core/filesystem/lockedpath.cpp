@@ -3,7 +3,7 @@
 #include <utility>
 
 #include "core/filesystem/filesystem.h"
-#include "core/types/exceptions.h"
+#include "core/types/errors.h"
 
 namespace velmora {
 namespace {

@@ -3,8 +3,8 @@
 #include <algorithm>
 #include <ostream>
 
-#include "core/types/ascii.h"
-#include "core/types/log.h"
+#include "core/types/logger.h"
+#include "core/types/text.h"
 #include "core/utils/strings.h"
 
 namespace velmora::http {

@@ -1,6 +1,6 @@
 #include "core/http/parsingresponder.h"
 
-#include "core/types/log.h"
+#include "core/types/logger.h"
 
 namespace velmora::http {
 

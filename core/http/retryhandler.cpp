@@ -2,7 +2,7 @@
 
 #include <utility>
 
-#include "core/types/log.h"
+#include "core/types/logger.h"
 
 namespace velmora::http {
 namespace {

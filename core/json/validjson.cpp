@@ -4,7 +4,7 @@
 
 #include "core/json/jsontext.h"
 #include "core/json/parsetext.h"
-#include "core/types/log.h"
+#include "core/types/logger.h"
 
 namespace velmora {
 namespace {

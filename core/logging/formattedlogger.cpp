@@ -56,4 +56,8 @@ void FormattedLogger::log(LogLevel level, const char* channel, const char* funct
     write(level, channel, formatLine(level, channel, function, file, line, message.str()));
 }
 
+void ExternalLogger::write(LogLevel level, const char* channel, const std::string& line) {
+    if (callback_ != nullptr) callback_(static_cast<int32_t>(level), channel, line.c_str());
+}
+
 }  // namespace velmora

@@ -5,7 +5,7 @@
 
 #include "core/network/networkpoller.h"
 #include "core/network/platformnetworkmonitor.h"
-#include "core/types/log.h"
+#include "core/types/logger.h"
 
 namespace velmora {
 namespace {

@@ -1,7 +1,7 @@
 #include "core/network/networkpoller.h"
 
 #include "core/network/networkmonitor.h"
-#include "core/types/log.h"
+#include "core/types/logger.h"
 
 namespace velmora {
 

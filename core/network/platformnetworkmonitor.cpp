@@ -1,6 +1,6 @@
 #include "core/network/platformnetworkmonitor.h"
 
-#include "core/platform/netstate.h"
+#include "core/platform/sysfacts.h"
 
 namespace velmora {
 

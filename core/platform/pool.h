@@ -5,7 +5,7 @@
 
 #include <chrono>
 
-#include "core/types/uniquefunction.h"
+#include "core/types/function.h"
 
 namespace velmora::platform {
 

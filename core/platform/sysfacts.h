@@ -66,4 +66,8 @@ struct AdapterAddress {
 [[nodiscard]] std::string userLocale();  // "en-US"
 [[nodiscard]] bool userAgent(std::string& text);
 
+// Whether the machine is connected to a network. True as well if the system can't be asked: not knowing must not hold
+// anything back.
+[[nodiscard]] bool isNetworkAlive() noexcept;
+
 }  // namespace velmora::platform

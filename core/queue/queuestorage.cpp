@@ -7,7 +7,7 @@
 #include "core/filesystem/filesystem.h"
 #include "core/queue/readahead.h"
 #include "core/types/errors.h"
-#include "core/types/log.h"
+#include "core/types/logger.h"
 
 namespace velmora {
 namespace {

@@ -5,8 +5,8 @@
 #include <utility>
 
 #include "core/platform/sysfacts.h"
-#include "core/types/ascii.h"
-#include "core/types/log.h"
+#include "core/types/logger.h"
+#include "core/types/text.h"
 #include "core/utils/strings.h"
 
 namespace velmora::sysinfo {
@@ -14,12 +14,6 @@ namespace {
 
 constexpr int kIntegratedOrExternalTouch = 0x3;
 constexpr int kIntegratedOrExternalPen = 0xC;
-
-std::string trim(const std::string& text) {
-    const auto first = std::find_if_not(text.begin(), text.end(), isBlank);
-    const auto last = std::find_if_not(text.rbegin(), std::make_reverse_iterator(first), isBlank).base();
-    return std::string(first, last);
-}
 
 // What asks the system may fail in ways that nobody foresees; an event then goes without the attribute.
 template <typename Query>

@@ -5,7 +5,7 @@
 #include "core/transfer/requestcontext.h"
 #include "core/transfer/transferimpl.h"
 #include "core/types/errors.h"
-#include "core/types/log.h"
+#include "core/types/logger.h"
 
 namespace velmora::transfer {
 namespace {

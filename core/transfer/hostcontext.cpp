@@ -5,7 +5,7 @@
 #include <utility>
 
 #include "core/types/mutex.h"
-#include "core/utils/waitfor.h"
+#include "core/utils/gate.h"
 
 namespace velmora::transfer {
 namespace {

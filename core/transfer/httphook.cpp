@@ -7,8 +7,8 @@
 #include "core/transfer/hostcallbacks.h"
 #include "core/transfer/hostcontext.h"
 #include "core/transfer/transferengineimpl.h"
-#include "core/types/exceptions.h"
-#include "core/types/log.h"
+#include "core/types/errors.h"
+#include "core/types/logger.h"
 #include "velmora/http.h"
 
 namespace velmora::transfer {

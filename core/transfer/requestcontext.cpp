@@ -3,9 +3,9 @@
 #include <stdexcept>
 
 #include "core/platform/process.h"
-#include "core/types/exceptions.h"
-#include "core/types/log.h"
-#include "core/utils/scopeexit.h"
+#include "core/types/errors.h"
+#include "core/types/function.h"
+#include "core/types/logger.h"
 
 namespace velmora::transfer {
 

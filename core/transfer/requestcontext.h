@@ -7,8 +7,8 @@
 
 #include "core/http/responder.h"
 #include "core/transfer/transferrequest.h"
+#include "core/types/function.h"
 #include "core/types/mutex.h"
-#include "core/types/uniquefunction.h"
 
 namespace velmora::transfer {
 

@@ -4,10 +4,9 @@
 
 #include "core/transfer/hostcallbacks.h"
 #include "core/types/errors.h"
-#include "core/types/exceptions.h"
-#include "core/types/log.h"
-#include "core/utils/scopeexit.h"
-#include "core/utils/waitfor.h"
+#include "core/types/function.h"
+#include "core/types/logger.h"
+#include "core/utils/gate.h"
 
 namespace velmora::transfer {
 namespace {

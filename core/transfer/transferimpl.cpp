@@ -6,8 +6,7 @@
 #include <vector>
 
 #include "core/types/errors.h"
-#include "core/types/exceptions.h"
-#include "core/types/log.h"
+#include "core/types/logger.h"
 
 namespace velmora::transfer {
 

@@ -5,8 +5,6 @@
 #include <string_view>
 #include <utility>
 
-#include "core/types/log.h"
-
 namespace velmora {
 namespace {
 

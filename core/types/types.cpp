@@ -3,8 +3,8 @@
 #include <array>
 #include <string_view>
 
-#include "core/types/ascii.h"
-#include "core/types/log.h"
+#include "core/types/logger.h"
+#include "core/types/text.h"
 
 namespace velmora {
 namespace {
@@ -30,8 +30,7 @@ constexpr std::array<std::string_view, 2> kEnvironments{"prod", "stage"};
 constexpr std::array<std::string_view, 7> kLogLevels{"off", "always", "error", "warn", "info", "debug", "trace"};
 constexpr std::array<std::string_view, 2> kSourceTypes{"host", "component"};
 constexpr std::array<std::string_view, 3> kConsents{"default", "true", "false"};
-// "UNKNOWN" is reached by the fallback alone, with its warning.
-constexpr std::array<std::string_view, 4> kSourceCategories{"DESKTOP", "MOBILE", "WEB", "SERVICE"};
+constexpr std::array<std::string_view, 5> kSourceCategories{"DESKTOP", "MOBILE", "WEB", "SERVICE", "UNKNOWN"};
 
 }  // namespace
 

@@ -11,9 +11,9 @@
 #include <utility>
 #include <vector>
 
+#include "core/types/function.h"
 #include "core/types/mutex.h"
-#include "core/types/uniquefunction.h"
-#include "core/utils/waitfor.h"
+#include "core/utils/gate.h"
 
 namespace velmora {
 
@@ -24,7 +24,17 @@ class future_error : public std::logic_error {
 public:
     explicit future_error(FutureErrorCode code) : std::logic_error(""), code_(code) {}
     FutureErrorCode code() const noexcept { return code_; }
-    const char* what() const noexcept override;
+    const char* what() const noexcept override {
+        switch (code_) {
+            case FutureErrorCode::broken_promise:
+                return "broken promise";
+            case FutureErrorCode::reduction_failed:
+                return "reduction failed";
+            case FutureErrorCode::no_state:
+                return "no state";
+        }
+        return nullptr;
+    }
 
 private:
     FutureErrorCode code_;

@@ -12,6 +12,9 @@
 
 #include <chrono>
 #include <cstdint>
+#include <functional>
+#include <limits>
+#include <string>
 
 #include "core/types/mutex.h"
 
@@ -46,5 +49,12 @@ private:
     uint32_t inside_ VELMORA_GUARDED_BY(mutex_) = 0;
     bool closed_ VELMORA_GUARDED_BY(mutex_) = false;
 };
+
+inline constexpr int64_t kNoTimeout = std::numeric_limits<int64_t>::max();
+
+// Tests the predicate every `intervalMs` milliseconds (above 0) until it holds or `timeoutMs` are over, and returns its
+// value. While the process is terminating it returns true at once: what it would wait for may never come.
+// Logs on channel "utils".
+bool waitFor(const std::function<bool()>& predicate, const std::string& what, int64_t intervalMs, int64_t timeoutMs);
 
 }  // namespace velmora

@@ -4,16 +4,10 @@
 #include <charconv>
 #include <string_view>
 
-#include "core/platform/guid.h"
 #include "core/platform/process.h"
-#include "core/types/log.h"
+#include "core/types/logger.h"
 
 namespace velmora {
-namespace {
-
-constexpr std::string_view kHexDigits = "0123456789abcdef";
-
-}  // namespace
 
 int stoi(const std::string& text) {
     std::string_view number(text);
@@ -54,15 +48,6 @@ bool getEnvironmentVariable(const std::string& name, std::string& value) {
     return platform::environmentVariable(name, value);
 }
 
-std::string makeGuid() {
-    std::string text;
-    text.reserve(36);
-    for (const uint8_t byte : platform::newGuid()) {
-        if (text.size() == 8 || text.size() == 13 || text.size() == 18 || text.size() == 23) text += '-';
-        text += kHexDigits[byte >> 4];
-        text += kHexDigits[byte & 0x0F];
-    }
-    return text;
-}
+std::string makeGuid() { return formatGuid(platform::randomGuidBytes()); }
 
 }  // namespace velmora

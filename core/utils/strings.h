@@ -4,7 +4,7 @@
 #include <string>
 #include <vector>
 
-#include "core/types/ascii.h"
+#include "core/types/text.h"
 
 namespace velmora {
 
@@ -18,7 +18,7 @@ namespace velmora {
 // True if the variable is set, also if to nothing; `value` receives its text.
 [[nodiscard]] bool getEnvironmentVariable(const std::string& name, std::string& value);
 
-// A fresh version 4 identifier: 36 characters, groups of 8, 4, 4, 4 and 12 lower-case hexadecimal digits.
+// A fresh random identifier, in the form of formatGuid. On the submit path: cheap.
 [[nodiscard]] std::string makeGuid();
 
 }  // namespace velmora

@@ -5,11 +5,10 @@
 #include <utility>
 
 #include "core/platform/process.h"
-#include "core/types/exceptions.h"
-#include "core/types/log.h"
-#include "core/utils/executors.h"
-#include "core/utils/scopeexit.h"
-#include "core/utils/waitfor.h"
+#include "core/types/errors.h"
+#include "core/types/function.h"
+#include "core/types/logger.h"
+#include "core/utils/gate.h"
 
 namespace velmora {
 namespace {
@@ -21,7 +20,88 @@ std::string describe(const void* engine) {
     return out.str();
 }
 
+platform::Pool* replacedPool = nullptr;
+platform::Timer* replacedTimer = nullptr;
+
 }  // namespace
+
+void DefaultExecutor::operator()(Task task) const {
+    (replacedPool ? *replacedPool : platform::defaultPool()).run(std::move(task));
+}
+
+void SystemTimer::operator()(std::chrono::milliseconds delay, Task task) const {
+    (replacedTimer ? *replacedTimer : platform::defaultTimer()).runAfter(delay, std::move(task));
+}
+
+void setPools(platform::Pool* pool, platform::Timer* timer) noexcept {
+    replacedPool = pool;
+    replacedTimer = timer;
+}
+
+SerialQueue::SerialQueue(Executor executor) : executor_(std::move(executor)) {}
+
+void SerialQueue::enqueue(Task task) {
+    size_t position = 0;
+    {
+        const MutexLock lock(mutex_);
+        position = tasks_.size();
+        tasks_.push_back(std::move(task));
+        if (std::exchange(running_, true)) return;  // the turn in flight will find it
+    }
+    try {
+        startTurn();
+    } catch (...) {
+        task = abandonTurn(position);
+        throw;
+    }
+}
+
+// Nothing has left the queue since, as there is no turn. What others have added waits for the next one.
+Task SerialQueue::abandonTurn(size_t position) {
+    const MutexLock lock(mutex_);
+    running_ = false;
+    const auto refused = tasks_.begin() + static_cast<std::ptrdiff_t>(position);
+    Task task = std::move(*refused);
+    tasks_.erase(refused);
+    return task;
+}
+
+void SerialQueue::startTurn() {
+    executor_([self = shared_from_this()] { self->runTurns(); });
+}
+
+void SerialQueue::runTurns() {
+    do {
+        runOneTask();
+    } while (!endTurn());
+}
+
+void SerialQueue::runOneTask() {
+    Task task;
+    {
+        const MutexLock lock(mutex_);
+        task = std::move(tasks_.front());
+        tasks_.pop_front();
+    }
+    task();
+}
+
+// False if there are tasks and the executor takes no further turn: the present one then goes on.
+bool SerialQueue::endTurn() noexcept {
+    {
+        const MutexLock lock(mutex_);
+        if (tasks_.empty()) {
+            running_ = false;
+            return true;
+        }
+    }
+    try {
+        startTurn();
+        return true;
+    } catch (...) {
+        return false;
+    }
+}
 
 TaskEngine::TaskEngine() : state_(std::make_shared<State>()) {
     VELMORA_LOG(trace, "taskengine") << "creating this=" << this;
@@ -87,8 +167,7 @@ void TaskEngine::perform(const void* engine, const std::weak_ptr<State>& weak, u
     task();
 }
 
-SerialTaskEngine::SerialTaskEngine()
-    : queue_(std::make_shared<SerialQueue>(DefaultExecutor(), SerialQueue::Mode::oneTaskPerTurn)) {
+SerialTaskEngine::SerialTaskEngine() : queue_(std::make_shared<SerialQueue>(DefaultExecutor())) {
     schedule(Task([] {}));  // brings up the pool
 }
 

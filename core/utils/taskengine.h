@@ -11,15 +11,60 @@
 
 #include <atomic>
 #include <chrono>
+#include <cstddef>
 #include <cstdint>
+#include <deque>
+#include <functional>
 #include <memory>
 #include <system_error>
 
-#include "core/types/uniquefunction.h"
+#include "core/platform/pool.h"
+#include "core/types/function.h"
+#include "core/types/mutex.h"
 #include "core/utils/future.h"
-#include "core/utils/serialqueue.h"
 
 namespace velmora {
+
+// Runs a task once, as soon as a thread of the default pool is free.
+struct DefaultExecutor {
+    void operator()(Task task) const;
+};
+
+// Runs a task once after a delay, directly on a timer thread. A timer is never cancelled.
+struct SystemTimer {
+    void operator()(std::chrono::milliseconds delay, Task task) const;
+};
+
+// Replaces the pools of the process, null meaning the platform's; for hosts of the library's objects that drive time
+// themselves. Call it before any engine exists.
+void setPools(platform::Pool* pool, platform::Timer* timer) noexcept;
+
+// A queue that runs the tasks given to it strictly one after the other, on an executor's threads. Each task is a work
+// item of its own: fair between queues.
+//
+// Always held by std::shared_ptr; a turn in flight holds the queue alive. Threads: any.
+class SerialQueue : public std::enable_shared_from_this<SerialQueue> {
+public:
+    using Executor = std::function<void(Task)>;
+
+    explicit SerialQueue(Executor executor);
+
+    // Appends a task; takes nothing but the queue's mutex for the length of the append. Tasks run in the order of their
+    // enqueueing and must not throw. Raises what the executor raises, and has then not taken the task.
+    void enqueue(Task task);
+
+private:
+    void startTurn();
+    Task abandonTurn(size_t position);
+    void runTurns();
+    void runOneTask();
+    [[nodiscard]] bool endTurn() noexcept;
+
+    Mutex mutex_;
+    bool running_ VELMORA_GUARDED_BY(mutex_) = false;
+    std::deque<Task> tasks_ VELMORA_GUARDED_BY(mutex_);
+    const Executor executor_;
+};
 
 // Used alone, an engine serves for delayed tasks, which run on the timer's threads: concurrently with everything.
 class TaskEngine {

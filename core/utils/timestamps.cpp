@@ -4,7 +4,7 @@
 #include <chrono>
 #include <cstdlib>
 
-#include "core/platform/localtime.h"
+#include "core/platform/process.h"
 
 namespace velmora {
 namespace {

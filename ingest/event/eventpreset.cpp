@@ -11,7 +11,7 @@
 #include "core/json/mergejson.h"
 #include "core/sysinfo/sysinfo.h"
 #include "core/types/errors.h"
-#include "core/types/log.h"
+#include "core/types/logger.h"
 #include "core/utils/strings.h"
 #include "core/utils/timestamps.h"
 #include "ingest/event/eventattributes.h"

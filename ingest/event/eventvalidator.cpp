@@ -7,7 +7,7 @@
 #include "core/json/jsontext.h"
 #include "core/json/validjson.h"
 #include "core/types/errors.h"
-#include "core/types/log.h"
+#include "core/types/logger.h"
 
 namespace velmora {
 namespace {

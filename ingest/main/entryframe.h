@@ -7,8 +7,7 @@
 
 #include "core/json/validjson.h"
 #include "core/types/errors.h"
-#include "core/types/exceptions.h"
-#include "core/types/log.h"
+#include "core/types/logger.h"
 
 namespace velmora {
 

@@ -5,8 +5,7 @@
 
 #include "core/http/parsingresponder.h"
 #include "core/types/errors.h"
-#include "core/types/exceptions.h"
-#include "core/types/log.h"
+#include "core/types/logger.h"
 #include "core/utils/strings.h"
 
 namespace velmora {

@@ -17,7 +17,7 @@
 
 #include "core/network/networkmonitor.h"
 #include "core/types/errors.h"
-#include "core/types/sharedmutex.h"
+#include "core/types/mutex.h"
 #include "core/utils/taskengine.h"
 #include "ingest/event/conversion/conversions.h"
 #include "ingest/main/delivery/sessionview.h"

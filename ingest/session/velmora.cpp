@@ -1,7 +1,7 @@
 #include <array>
 #include <cstring>
 
-#include "core/logging/externallogger.h"
+#include "core/logging/formattedlogger.h"
 #include "ingest/main/entryframe.h"
 #include "ingest/session/globalconfig.h"
 #include "ingest/session/session.h"

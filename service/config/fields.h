@@ -7,7 +7,7 @@
 #include <utility>
 
 #include "core/json/jsonparser.h"
-#include "core/types/log.h"
+#include "core/types/logger.h"
 
 namespace velmora::service::config {
 

@@ -2,7 +2,7 @@
 
 #include "core/json/jsonparser.h"
 #include "core/types/errors.h"
-#include "core/types/log.h"
+#include "core/types/logger.h"
 #include "service/config/fields.h"
 
 namespace velmora::service::config::ingest {

@@ -4,8 +4,8 @@
 
 #include "core/json/jsonparser.h"
 #include "core/types/errors.h"
-#include "core/types/log.h"
-#include "core/utils/durations.h"
+#include "core/types/logger.h"
+#include "core/utils/timestamps.h"
 #include "deployment.h"
 #include "service/config/fields.h"
 

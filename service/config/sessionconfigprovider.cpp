@@ -1,9 +1,9 @@
 #include "service/config/sessionconfigprovider.h"
 
-#include "core/types/exceptions.h"
-#include "core/types/log.h"
-#include "core/utils/durations.h"
-#include "core/utils/scopeexit.h"
+#include "core/types/errors.h"
+#include "core/types/function.h"
+#include "core/types/logger.h"
+#include "core/utils/timestamps.h"
 
 namespace velmora {
 namespace {

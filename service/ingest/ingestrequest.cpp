@@ -7,7 +7,7 @@
 #include <string_view>
 #include <utility>
 
-#include "core/utils/scopeexit.h"
+#include "core/types/function.h"
 #include "deployment.h"
 
 namespace velmora::service::ingest {

@@ -1,6 +1,6 @@
 #include "service/ingest/mapping.h"
 
-#include "core/types/log.h"
+#include "core/types/logger.h"
 #include "core/utils/strings.h"
 #include "service/ingest/csvparser.h"
 

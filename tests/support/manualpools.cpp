@@ -2,7 +2,7 @@
 
 #include <utility>
 
-#include "core/utils/executors.h"
+#include "core/utils/taskengine.h"
 
 namespace velmora::test {
 

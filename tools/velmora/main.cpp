@@ -4,7 +4,7 @@
 #include <exception>
 #include <iostream>
 
-#include "core/platform/commandline.h"
+#include "core/platform/process.h"
 #include "tools/velmora/command.h"
 
 int main(int argc, char** argv) {

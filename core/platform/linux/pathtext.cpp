@@ -2,7 +2,7 @@
 
 #include <stdexcept>
 
-#include "core/platform/linux/utf8.h"
+#include "core/types/text.h"
 
 namespace velmora::platform {
 namespace {

@@ -10,7 +10,7 @@
 #include <thread>
 #include <utility>
 
-#include "core/platform/linux/forks.h"
+#include "core/platform/linux/system.h"
 #include "core/platform/process.h"
 #include "core/types/mutex.h"
 

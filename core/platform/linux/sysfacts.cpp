@@ -1,20 +1,33 @@
 #include "core/platform/sysfacts.h"
 
+#include <fcntl.h>
+#include <ifaddrs.h>
+#include <linux/input.h>
+#include <net/if.h>
+#include <net/if_arp.h>
+#include <netpacket/packet.h>
+#include <sys/ioctl.h>
+#include <sys/socket.h>
 #include <sys/statvfs.h>
 #include <sys/sysinfo.h>
 #include <sys/utsname.h>
 #include <unistd.h>
 
+#include <algorithm>
+#include <array>
+#include <boost/filesystem/operations.hpp>
 #include <cerrno>
 #include <cstdio>
 #include <cstdlib>
 #include <fstream>
 #include <map>
+#include <memory>
+#include <string>
 #include <string_view>
 
 #include "core/platform/cipher.h"
-#include "core/platform/linux/sysfs.h"
-#include "core/platform/linux/utf8.h"
+#include "core/platform/linux/system.h"
+#include "core/types/text.h"
 
 namespace velmora::platform {
 namespace {
@@ -39,23 +52,65 @@ std::string cpuInfo(std::string_view wanted) {
     return {};
 }
 
-// A digest as a version 4 guid.
-std::string formatGuid(std::string digest) {
-    digest[6] = static_cast<char>((digest[6] & 0x0F) | 0x40);
-    digest[8] = static_cast<char>((digest[8] & 0x3F) | 0x80);
-    std::string text;
-    for (size_t i = 0; i < 16; ++i) {
-        char pair[3];
-        std::snprintf(pair, sizeof pair, "%02x", static_cast<unsigned>(static_cast<uint8_t>(digest[i])));
-        if (i == 4 || i == 6 || i == 8 || i == 10) text += '-';
-        text += pair;
-    }
-    return text;
-}
-
 std::string firstMode(const fs::path& connector) { return readFirstLine(connector / "modes"); }
 
 bool isConnected(const fs::path& connector) { return readFirstLine(connector / "status") == "connected"; }
+
+constexpr int kIntegratedTouch = 1;
+constexpr int kExternalTouch = 2;
+constexpr int kIntegratedPen = 4;
+constexpr int kExternalPen = 8;
+
+// A device on one of these can be unplugged.
+bool isExternal(const fs::path& device) {
+    const std::string bus = readFirstLine(device / "id" / "bustype");
+    return bus == "0003" || bus == "0005";  // USB and Bluetooth
+}
+
+bool isTouchScreen(const fs::path& device) {
+    return maskHasBit(readFirstLine(device / "properties"), INPUT_PROP_DIRECT) &&
+           maskHasBit(readFirstLine(device / "capabilities" / "key"), BTN_TOUCH);
+}
+
+bool isPen(const fs::path& device) { return maskHasBit(readFirstLine(device / "capabilities" / "key"), BTN_TOOL_PEN); }
+
+// A screen reports contacts by slots if it can tell several apart. Their number is only shown to those who may open the
+// device; one contact is what every screen has.
+int contactsOf(const fs::path& event) {
+    const std::string node = "/dev/input/" + event.filename().string();
+    const int descriptor = ::open(node.c_str(), O_RDONLY | O_CLOEXEC | O_NONBLOCK);
+    if (descriptor < 0) return 1;
+    input_absinfo slots{};
+    const bool known = ::ioctl(descriptor, EVIOCGABS(ABS_MT_SLOT), &slots) >= 0;
+    ::close(descriptor);
+    return known ? std::max(1, slots.maximum + 1) : 1;
+}
+
+using Interfaces = std::unique_ptr<ifaddrs, decltype(&::freeifaddrs)>;
+
+// Empty if the system refuses; `code` then holds its number.
+Interfaces queryInterfaces(int& code) noexcept {
+    ifaddrs* list = nullptr;
+    if (::getifaddrs(&list) != 0) code = errno;
+    return {list, &::freeifaddrs};
+}
+
+const sockaddr_ll* hardwareAddress(const ifaddrs& interface) {
+    if (interface.ifa_addr == nullptr || interface.ifa_addr->sa_family != AF_PACKET) return nullptr;
+    return reinterpret_cast<const sockaddr_ll*>(interface.ifa_addr);
+}
+
+bool isEthernet(const sockaddr_ll& address) {
+    const auto* const end = address.sll_addr + std::min<size_t>(address.sll_halen, sizeof address.sll_addr);
+    return address.sll_hatype == ARPHRD_ETHER && std::any_of(address.sll_addr, end, [](uint8_t b) { return b != 0; });
+}
+
+// Bridges, tunnels and container links look like Ethernet as well, and their addresses change from run to run.
+bool isPhysical(const std::string& name) {
+    boost::system::error_code ignored;
+    const fs::path facts = fs::path("/sys/class/net") / name;
+    return fs::exists(facts / "device", ignored) && !fs::exists(facts / "wireless", ignored);
+}
 
 }  // namespace
 
@@ -107,7 +162,9 @@ std::string machineId() {
     std::string digest;
     const std::string inner = std::string(kMachineIdKey) + ":" + id;
     if (hashSha256(inner, digest).failedStep != CipherStep::none) return {};
-    return formatGuid(std::move(digest));
+    std::array<uint8_t, 16> bytes;
+    std::copy_n(digest.begin(), bytes.size(), bytes.begin());
+    return formatGuid(bytes);
 }
 
 DeviceNames deviceNames() {
@@ -161,5 +218,51 @@ std::string userLocale() {
 }
 
 bool userAgent(std::string&) { return false; }
+
+PenTouch penTouch() {
+    PenTouch result;
+    for (const fs::path& event : childrenOf("/sys/class/input")) {
+        if (event.filename().string().rfind("event", 0) != 0) continue;
+        const fs::path device = event / "device";
+        if (isPen(device)) {
+            result.digitizer |= isExternal(device) ? kExternalPen : kIntegratedPen;
+        } else if (isTouchScreen(device)) {
+            result.digitizer |= isExternal(device) ? kExternalTouch : kIntegratedTouch;
+            result.touches = std::max(result.touches, contactsOf(event));
+        }
+    }
+    return result;
+}
+
+bool isNetworkAlive() noexcept {
+    int code = 0;
+    const Interfaces interfaces = queryInterfaces(code);
+    bool anyAdapter = false;
+    for (const ifaddrs* each = interfaces.get(); each != nullptr; each = each->ifa_next) {
+        if ((each->ifa_flags & IFF_LOOPBACK) != 0) continue;
+        if ((each->ifa_flags & IFF_UP) != 0 && (each->ifa_flags & IFF_RUNNING) != 0) return true;
+        anyAdapter = true;
+    }
+    return !anyAdapter;
+}
+
+AdapterAddress firstEthernetAddress() {
+    AdapterAddress result;
+    const Interfaces interfaces = queryInterfaces(result.code);
+    if (result.code != 0) {
+        result.outcome = result.code == ENOMEM ? AdapterOutcome::outOfMemory : AdapterOutcome::failed;
+        return result;
+    }
+    for (const ifaddrs* each = interfaces.get(); each != nullptr; each = each->ifa_next) {
+        const sockaddr_ll* const address = hardwareAddress(*each);
+        if (address == nullptr || !isEthernet(*address)) continue;
+        const bool physical = isPhysical(each->ifa_name);
+        if (result.outcome == AdapterOutcome::found && !physical) continue;
+        result.outcome = AdapterOutcome::found;
+        result.bytes.assign(address->sll_addr, address->sll_addr + address->sll_halen);
+        if (physical) break;
+    }
+    return result;
+}
 
 }  // namespace velmora::platform

@@ -2,7 +2,7 @@
 
 #include <windows.h>
 
-#include "core/platform/windows/lasterror.h"
+#include "core/platform/windows/system.h"
 
 namespace velmora::platform {
 namespace {

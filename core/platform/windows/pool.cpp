@@ -8,7 +8,7 @@
 #include <utility>
 
 #include "core/platform/process.h"
-#include "core/platform/windows/filetime.h"
+#include "core/platform/windows/system.h"
 
 namespace velmora::platform {
 namespace {

@@ -6,7 +6,7 @@
 #include "core/filesystem/filesystem.h"
 #include "core/json/jsontext.h"
 #include "core/types/errors.h"
-#include "core/types/log.h"
+#include "core/types/logger.h"
 #include "ingest/event/conversion/batchwriter.h"
 #include "ingest/event/conversion/mappingprovider.h"
 #include "ingest/event/conversion/rewriterule.h"

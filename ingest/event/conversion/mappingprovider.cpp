@@ -1,6 +1,6 @@
 #include "ingest/event/conversion/mappingprovider.h"
 
-#include "core/types/log.h"
+#include "core/types/logger.h"
 
 namespace velmora {
 

@@ -1,6 +1,6 @@
 #include "ingest/event/conversion/rewriterule.h"
 
-#include "core/types/log.h"
+#include "core/types/logger.h"
 #include "core/utils/strings.h"
 
 namespace velmora {

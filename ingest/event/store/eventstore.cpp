@@ -6,9 +6,8 @@
 
 #include "core/filesystem/filesystem.h"
 #include "core/types/errors.h"
-#include "core/types/exceptions.h"
-#include "core/types/log.h"
-#include "core/utils/scopeexit.h"
+#include "core/types/function.h"
+#include "core/types/logger.h"
 #include "core/utils/strings.h"
 #include "core/utils/timestamps.h"
 

@@ -7,10 +7,9 @@
 #include "core/json/jsontext.h"
 #include "core/json/validjson.h"
 #include "core/types/errors.h"
-#include "core/types/exceptions.h"
-#include "core/types/log.h"
-#include "core/utils/durations.h"
-#include "core/utils/scopeexit.h"
+#include "core/types/function.h"
+#include "core/types/logger.h"
+#include "core/utils/timestamps.h"
 #include "service/ingest/ingestrequest.h"
 
 namespace velmora {

@@ -5,8 +5,7 @@
 
 #include "core/http/responder.h"
 #include "core/types/errors.h"
-#include "core/types/exceptions.h"
-#include "core/types/log.h"
+#include "core/types/logger.h"
 #include "ingest/main/delivery/pipeline.h"
 #include "service/config/sessionconfig.h"
 

@@ -6,10 +6,9 @@
 #include "core/http/httpstatus.h"
 #include "core/json/mergejson.h"
 #include "core/types/errors.h"
-#include "core/types/exceptions.h"
-#include "core/types/log.h"
-#include "core/utils/durations.h"
-#include "core/utils/waitfor.h"
+#include "core/types/logger.h"
+#include "core/utils/gate.h"
+#include "core/utils/timestamps.h"
 #include "ingest/main/instance/instancefolder.h"
 
 namespace velmora {

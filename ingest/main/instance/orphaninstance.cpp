@@ -4,8 +4,8 @@
 #include <utility>
 
 #include "core/filesystem/filesystem.h"
-#include "core/types/exceptions.h"
-#include "core/types/log.h"
+#include "core/types/errors.h"
+#include "core/types/logger.h"
 #include "ingest/main/instance/instancefolder.h"
 
 namespace velmora {

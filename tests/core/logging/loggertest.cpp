@@ -9,8 +9,8 @@
 
 #include "core/filesystem/filesystem.h"
 #include "core/logging/defaultlogger.h"
-#include "core/logging/externallogger.h"
-#include "core/types/log.h"
+#include "core/logging/formattedlogger.h"
+#include "core/types/logger.h"
 #include "core/utils/timestamps.h"
 #include "tests/support/files.h"
 #include "tests/support/manualpools.h"

@@ -24,9 +24,7 @@
 #include "core/logging/defaultlogger.h"
 #include "core/platform/folderlock.h"
 #include "core/platform/folders.h"
-#include "core/platform/guid.h"
-#include "core/platform/linux/sysfs.h"
-#include "core/platform/localtime.h"
+#include "core/platform/linux/system.h"
 #include "core/platform/pool.h"
 #include "core/platform/process.h"
 #include "core/platform/randomaccessfile.h"
@@ -95,17 +93,17 @@ private:
 };
 
 TEST(Fork, NeverRepeatsAnIdentifierOfTheParent) {
-    static_cast<void>(newGuid());  // fills the parent's stock, which the child inherits
+    static_cast<void>(randomGuidBytes());  // fills the parent's stock, which the child inherits
     int result[2] = {};
     ASSERT_EQ(::pipe(result), 0);
     ChildProcess child([&] {
-        const auto guid = newGuid();
+        const auto guid = randomGuidBytes();
         static_cast<void>(!::write(result[1], guid.data(), guid.size()));
     });
     child.finish();
     std::array<uint8_t, 16> childs{};
     ASSERT_EQ(::read(result[0], childs.data(), childs.size()), 16);
-    EXPECT_NE(childs, newGuid());
+    EXPECT_NE(childs, randomGuidBytes());
 }
 
 TEST(Fork, DoesNotProlongAHold) {

@@ -10,8 +10,7 @@
 
 #include "core/http/httpstatus.h"
 #include "core/types/errors.h"
-#include "core/types/exceptions.h"
-#include "core/types/log.h"
+#include "core/types/logger.h"
 #include "tests/support/capturedlog.h"
 
 namespace velmora {
@@ -34,7 +33,8 @@ TEST(Enumerations, AreReadWithoutRegardToCaseAndFallBackWithAWarning) {
         {reading(logLevelFromString), "warning", 2, "unknown loglevel: warning defaulting to error"},
         {reading(sourceTypeFromString), "guest", 1, "unknown source type: guest defaulting to component"},
         {reading(sourceCategoryFromString), "WeB", 2, nullptr},
-        {reading(sourceCategoryFromString), "UNKNOWN", 4, "unknown source category: UNKNOWN defaulting to UNKNOWN"},
+        {reading(sourceCategoryFromString), "UNKNOWN", 4, nullptr},
+        {reading(sourceCategoryFromString), "TV", 4, "unknown source category: TV defaulting to UNKNOWN"},
         {reading(consentFromString), "yes", 0, "unknown consent: yes defaulting to default"},
     };
     for (const auto& row : rows) {

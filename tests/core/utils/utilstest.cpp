@@ -12,8 +12,8 @@
 #include <stdexcept>
 #include <thread>
 
-#include "core/platform/localtime.h"
 #include "core/platform/pool.h"
+#include "core/platform/process.h"
 #include "core/utils/taskengine.h"
 #include "core/utils/timestamps.h"
 #include "tests/support/capturedlog.h"
@@ -209,33 +209,30 @@ TEST(TaskEngineFutures, CarryResultExceptionOrTheDefaultOfAStoppedEngine) {
 }
 
 TEST(SerialQueueOrder, TasksNeverOverlapAndKeepTheirOrderPerThread) {
-    for (const auto mode : {SerialQueue::Mode::oneTaskPerTurn, SerialQueue::Mode::allTasksPerTurn}) {
-        const auto queue =
-            std::make_shared<SerialQueue>([](Task task) { platform::defaultPool().run(std::move(task)); }, mode);
-        constexpr int kThreads = 4;
-        constexpr int kTasks = 500;
-        std::vector<int> seen[kThreads];
-        std::atomic<int> inside = 0;
-        std::atomic<int> done = 0;
-        std::atomic<bool> overlapped = false;
-        std::vector<std::thread> threads;
-        for (int t = 0; t < kThreads; ++t) {
-            threads.emplace_back([&, t] {
-                for (int i = 0; i < kTasks; ++i) {
-                    queue->enqueue(Task([&, t, i] {
-                        if (++inside != 1) overlapped = true;
-                        seen[t].push_back(i);
-                        --inside;
-                        ++done;
-                    }));
-                }
-            });
-        }
-        for (auto& thread : threads) thread.join();
-        ASSERT_TRUE(waitFor([&] { return done == kThreads * kTasks; }, "tasks", 1, 60000));
-        EXPECT_FALSE(overlapped);
-        for (const auto& order : seen) EXPECT_TRUE(std::is_sorted(order.begin(), order.end()));
+    const auto queue = std::make_shared<SerialQueue>([](Task task) { platform::defaultPool().run(std::move(task)); });
+    constexpr int kThreads = 4;
+    constexpr int kTasks = 500;
+    std::vector<int> seen[kThreads];
+    std::atomic<int> inside = 0;
+    std::atomic<int> done = 0;
+    std::atomic<bool> overlapped = false;
+    std::vector<std::thread> threads;
+    for (int t = 0; t < kThreads; ++t) {
+        threads.emplace_back([&, t] {
+            for (int i = 0; i < kTasks; ++i) {
+                queue->enqueue(Task([&, t, i] {
+                    if (++inside != 1) overlapped = true;
+                    seen[t].push_back(i);
+                    --inside;
+                    ++done;
+                }));
+            }
+        });
     }
+    for (auto& thread : threads) thread.join();
+    ASSERT_TRUE(waitFor([&] { return done == kThreads * kTasks; }, "tasks", 1, 60000));
+    EXPECT_FALSE(overlapped);
+    for (const auto& order : seen) EXPECT_TRUE(std::is_sorted(order.begin(), order.end()));
 }
 
 TEST(SerialQueueRefusal, LosesNoTakenTaskAndGoesOnAfterIt) {
@@ -248,7 +245,7 @@ TEST(SerialQueueRefusal, LosesNoTakenTaskAndGoesOnAfterIt) {
     const auto runTurns = [&] {
         for (; !turns.empty(); turns.pop_front()) turns.front()();
     };
-    const auto queue = std::make_shared<SerialQueue>(executor, SerialQueue::Mode::oneTaskPerTurn);
+    const auto queue = std::make_shared<SerialQueue>(executor);
     std::string ran;
     refusals = 1;
     const auto held = std::make_shared<int>();

@@ -8,7 +8,6 @@
 
 #include "core/filesystem/filesystem.h"
 #include "core/types/errors.h"
-#include "core/types/exceptions.h"
 #include "tests/ingest/event/conversion/naivetransformer.h"
 #include "tests/support/capturedlog.h"
 #include "tests/support/files.h"

@@ -11,7 +11,7 @@
 #include "core/platform/randomaccessfile.h"
 #include "core/queue/circularqueueheader.h"
 #include "core/types/errors.h"
-#include "core/utils/waitfor.h"
+#include "core/utils/gate.h"
 #include "tests/support/capturedlog.h"
 #include "tests/support/codeof.h"
 #include "tests/support/fakehost.h"

@@ -1,9 +1,9 @@
-#include "core/platform/linux/utf8.h"
+#include "core/types/text.h"
 
 #include <algorithm>
 #include <iterator>
 
-namespace velmora::platform {
+namespace velmora {
 namespace {
 
 // A code point within these bounds takes that many bytes after the first; anything shorter or longer is no UTF-8.
@@ -60,4 +60,18 @@ bool appendUtf8(std::string& out, uint32_t point) {
     return false;
 }
 
-}  // namespace velmora::platform
+std::string formatGuid(std::array<uint8_t, 16> bytes) {
+    constexpr std::string_view kHexDigits = "0123456789abcdef";
+    bytes[6] = static_cast<uint8_t>((bytes[6] & 0x0F) | 0x40);
+    bytes[8] = static_cast<uint8_t>((bytes[8] & 0x3F) | 0x80);
+    std::string text;
+    text.reserve(36);
+    for (const uint8_t byte : bytes) {
+        if (text.size() == 8 || text.size() == 13 || text.size() == 18 || text.size() == 23) text += '-';
+        text += kHexDigits[byte >> 4];
+        text += kHexDigits[byte & 0x0F];
+    }
+    return text;
+}
+
+}  // namespace velmora

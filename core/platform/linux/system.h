@@ -1,4 +1,5 @@
-// Reads the small text files in which the kernel shows its facts.
+// What the sources of this folder share: a process told from the children that it forks, and the small text files in
+// which the kernel shows its facts.
 #pragma once
 
 #include <boost/filesystem/path.hpp>
@@ -7,6 +8,18 @@
 #include <vector>
 
 namespace velmora::platform {
+
+// From the first call on, every fork is noticed by the child. Throws std::system_error.
+void watchForks();
+
+// Another number in a forked child than in its parent, never 0. Any thread.
+[[nodiscard]] uint32_t processGeneration() noexcept;
+
+// Notes that the library starts threads in this process; a child that is forked later lacks them. Watches forks.
+void noteThreads();
+
+// Whether this process is such a child.
+[[nodiscard]] bool lacksThreads() noexcept;
 
 // The first line without blanks around it; empty if there is no such file, or if it is no UTF-8.
 [[nodiscard]] std::string readFirstLine(const boost::filesystem::path& path);

@@ -1,4 +1,4 @@
-// A move-only std::function: what it holds need not be copyable, so that a task can own what it works on.
+// Callables that are kept: until somebody runs them, or until a scope ends.
 #pragma once
 
 #include <cstddef>
@@ -9,6 +9,7 @@
 
 namespace velmora {
 
+// A move-only std::function: what it holds need not be copyable, so that a task can own what it works on.
 template <typename Signature>
 class UniqueFunction;
 
@@ -50,5 +51,18 @@ private:
 
 // What pools, timers and engines run: once, and without arguments.
 using Task = UniqueFunction<void()>;
+
+// Runs an action at the end of its scope, also when an exception leaves it. The action must not throw.
+template <typename Action>
+class [[nodiscard]] ScopeExit {
+public:
+    explicit ScopeExit(Action action) : action_(std::move(action)) {}
+    ~ScopeExit() { action_(); }
+    ScopeExit(const ScopeExit&) = delete;
+    ScopeExit& operator=(const ScopeExit&) = delete;
+
+private:
+    Action action_;
+};
 
 }  // namespace velmora

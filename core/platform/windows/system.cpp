@@ -1,4 +1,4 @@
-#include "core/platform/windows/text.h"
+#include "core/platform/windows/system.h"
 
 #include <windows.h>
 
