@@ -22,7 +22,7 @@
 #include "core/platform/randomaccessfile.h"
 #include "core/utils/strings.h"
 #include "core/utils/timestamps.h"
-#include "ingest/event/store/queue.h"
+#include "ingest/event/store/eventstore.h"
 
 namespace velmora {
 namespace {
@@ -98,7 +98,7 @@ private:
         velmora_ingest_submitAnonEvent(instance, kHostEvent, 1);
         velmora_ingest_stop(instance);
         stored_ = Crypt("cobalt").decrypt(
-            makeQueue(store(), nullptr, {"", kPartSize, kPartSize * 10, kPartSize})->peek(1).at(0));
+            EventStore(store(), nullptr, {"", kPartSize, kPartSize * 10, kPartSize}).peek(1).records.at(0));
         clear();
     }
 
@@ -295,10 +295,10 @@ BENCHMARK(BM_Drain)->Iterations(kBatch * 400)->UseRealTime();
 void BM_Start(benchmark::State& state) {
     Library& library = Library::get();
     {
-        const auto store = makeQueue(library.store(), nullptr, {"main", kPartSize, kPartSize * 200, ~0ULL});
+        EventStore store(library.store(), nullptr, {"main", kPartSize, kPartSize * 200, ~0ULL});
         const std::string record(1 << 20, 'x');
         const auto perPart = kPartSize / (record.size() + 4);
-        for (int64_t i = 0; i < state.range(0) * static_cast<int64_t>(perPart); ++i) store->push(record);
+        for (int64_t i = 0; i < state.range(0) * static_cast<int64_t>(perPart); ++i) store.push(record);
     }
     for (auto _ : state) velmora_ingest_stop(library.start(false));
     library.clear();

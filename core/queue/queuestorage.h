@@ -99,7 +99,7 @@ private:
 };
 
 // What the queue writes for a value.
-[[nodiscard]] inline std::string_view recordBytes(const std::string& record) noexcept { return record; }
+[[nodiscard]] inline std::string_view recordBytes(std::string_view record) noexcept { return record; }
 
 // The queue of a value type that recordBytes() turns into bytes, and that is made of a std::string.
 template <typename Value>
@@ -108,7 +108,10 @@ public:
     using QueueFile::QueueFile;
 
     // Appends a record: with the system, and committed, when the call returns.
-    void pushRecord(const Value& value) { pushBytes(recordBytes(value)); }
+    template <typename Record>
+    void pushRecord(const Record& record) {
+        pushBytes(recordBytes(record));
+    }
 
     // Appends `count` records to `out`, from the header's oldest on, and changes nothing. If it raises, `out` holds the
     // records before the one that failed.

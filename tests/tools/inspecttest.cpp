@@ -202,8 +202,8 @@ TEST(Inspect, DoesNotDisturbARunningProcess) {
             store->push(R"({"n":)" + std::to_string(pushed) + "}");
             if (pushed % 20 < 10) continue;
             const auto batch = store->peek(2);
-            store->pop(batch.size());
-            drained += batch.size();
+            store->pop(batch, 2);
+            drained += batch.records.size();
         }
     });
     const auto canBeHeld = [&] {

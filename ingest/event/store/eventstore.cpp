@@ -92,36 +92,35 @@ EventStore::~EventStore() {
     });
 }
 
-void EventStore::push(const std::string& event) {
+void EventStore::push(std::string_view event) {
     const MutexLock lock(mutex_);
     tryPush(event);
     ++balance_;
     VELMORA_LOG(info, "event.store") << "pushed=1 balance=" << balance_ << " name=" << name_;
 }
 
-void EventStore::pop(uint64_t count) {
+Queue::Batch EventStore::peek(uint64_t count) {
     const MutexLock lock(mutex_);
-    if (ignorePop_) {
-        VELMORA_LOG(info, "event.store") << "ignore pop=" << count << " name=" << name_;
-        return;
-    }
-    uint64_t popped = 0;
-    if (readPart_) {
-        popped = readPart_->pop(count);
-        balance_ -= popped;
-        try {
-            advanceReadPart();
-        } catch (const FQException& e) {  // the records are popped all the same; the next peek moves on
-            VELMORA_LOG(warn, "event.store") << "can't move on to the next part: " << e.what() << " name=" << name_;
-        }
-    }
-    VELMORA_LOG(info, "event.store") << "popped=" << popped << " balance=" << balance_ << " name=" << name_;
+    return tryPeek(count);
 }
 
-std::vector<std::string> EventStore::peek(uint64_t count) {
+uint64_t EventStore::pop(const Batch& batch, uint64_t count) {
+    if (batch.count_ == 0) return 0;
     const MutexLock lock(mutex_);
-    ignorePop_ = false;
-    return tryPeek(count);
+    const auto part = batch.part_.lock();
+    if (!part || part != readPart_ || readPart_->gone() != batch.first_) {
+        VELMORA_LOG(info, "event.store") << "ignore pop=" << count << " name=" << name_;
+        return 0;
+    }
+    const uint64_t popped = readPart_->pop(std::min(count, batch.count_));
+    balance_ -= popped;
+    try {
+        advanceReadPart();
+    } catch (const FQException& e) {  // the records are popped all the same; the next peek moves on
+        VELMORA_LOG(warn, "event.store") << "can't move on to the next part: " << e.what() << " name=" << name_;
+    }
+    VELMORA_LOG(info, "event.store") << "popped=" << popped << " balance=" << balance_ << " name=" << name_;
+    return popped;
 }
 
 void EventStore::remove() {
@@ -211,7 +210,7 @@ void EventStore::keepOnly(const std::vector<PartName>& names) {
 }
 
 // A second failure after the part has been begun anew is the caller's to know.
-void EventStore::tryPush(const std::string& event) {
+void EventStore::tryPush(std::string_view event) {
     for (bool renewed = false;;) {
         ensureWritePart();
         try {
@@ -221,7 +220,7 @@ void EventStore::tryPush(const std::string& event) {
             if (e.code() == FQError::file_limit_exceeded) {
                 renewed = makeRoomFor(event, renewed);
             } else if (e.code() == FQError::file_corrupt && !renewed) {
-                const uint64_t lost = giveUpWritePart();
+                const uint64_t lost = giveUp(*writePart_);
                 VELMORA_LOG(warn, "event.store") << "push failed: truncating fq with num_events=" << lost;
                 renewed = true;
             } else {
@@ -233,20 +232,15 @@ void EventStore::tryPush(const std::string& event) {
 
 // After a part has refused the event: leaves it for a new one, or empties it of the traces of earlier events. True if
 // it has been begun anew.
-bool EventStore::makeRoomFor(const std::string& event, bool renewed) {
+bool EventStore::makeRoomFor(std::string_view event, bool renewed) {
     if (writePart_->size() > 0) {
         writePart_.reset();
         return renewed;
     }
     const bool fitsFreshPart = event.size() + kQueueLengthSize <= fileRotationSize_;
     if (renewed || !fitsFreshPart) throw std::system_error(make_error_code(VelmoraError::event_too_big));
-    giveUpWritePart();
+    giveUp(*writePart_);
     return true;
-}
-
-uint64_t EventStore::giveUpWritePart() {
-    if (writePart_ == readPart_) ignorePop_ = true;  // with it goes what a batch in flight has been made of
-    return giveUp(*writePart_);
 }
 
 // Takes the part's events out of the count, also if there is no new file then.
@@ -276,15 +270,18 @@ void EventStore::nameNewPart() {
     pendingPart_ = std::move(name);
 }
 
-std::vector<std::string> EventStore::tryPeek(uint64_t count) {
+Queue::Batch EventStore::tryPeek(uint64_t count) {
     for (;;) {
         advanceReadPart();
         if (!readPart_) return {};
         const uint64_t available = std::min(readPart_->size(), count);
         try {
-            std::vector<std::string> events;
-            readPart_->peek(available, events);
-            return events;
+            Batch batch;
+            readPart_->peek(available, batch.records);
+            batch.part_ = readPart_;
+            batch.first_ = readPart_->gone();
+            batch.count_ = available;
+            return batch;
         } catch (const FQException& e) {
             if (e.code() != FQError::file_corrupt) throw;
         }
@@ -378,7 +375,6 @@ bool EventStore::judgeFrontPart(Purge& purge, const Path& path) {
 void EventStore::settle(const Purge& purge) {
     balance_ -= purge.events();
     if (purge.files() != 0) {
-        ignorePop_ = true;
         VELMORA_LOG(warn, "event.store") << "dropped files=" << purge.files() << " num_events=" << purge.events()
                                          << " ttl=" << retentionPeriod_ << "ms name=" << name_;
     }
@@ -395,7 +391,7 @@ void EventStore::removeEventStore() {
     readPart_.reset();
     pendingPart_.reset();
     manifest_.reset();
-    if (balance_.exchange(0) != 0) ignorePop_ = true;
+    balance_ = 0;
     Filesystem::removeAll(folder_);
 }
 

@@ -12,6 +12,7 @@
 #include <memory>
 #include <optional>
 #include <string>
+#include <string_view>
 #include <vector>
 
 #include "core/filesystem/path.h"
@@ -33,11 +34,13 @@ public:
     EventStore(Path folder, DropCallback onDrop, QueueConfig config,
                platform::RandomAccessFileOpener opener = platform::openSystemFile);
     ~EventStore() override;
+    EventStore(const EventStore&) = delete;
+    EventStore& operator=(const EventStore&) = delete;
 
-    void push(const std::string& event) override VELMORA_EXCLUDES(mutex_);
-    void pop(uint64_t count) override VELMORA_EXCLUDES(mutex_);
-    std::vector<std::string> peek(uint64_t count) override VELMORA_EXCLUDES(mutex_);
-    [[nodiscard]] uint64_t size() override { return balance_; }
+    void push(std::string_view event) override VELMORA_EXCLUDES(mutex_);
+    [[nodiscard]] Batch peek(uint64_t count) override VELMORA_EXCLUDES(mutex_);
+    uint64_t pop(const Batch& batch, uint64_t count) override VELMORA_EXCLUDES(mutex_);
+    [[nodiscard]] uint64_t size() const override { return balance_; }
     void remove() override VELMORA_EXCLUDES(mutex_);
 
 private:
@@ -51,16 +54,15 @@ private:
     bool holdsPartFiles() VELMORA_REQUIRES(mutex_);
     void keepOnly(const std::vector<PartName>& names) VELMORA_REQUIRES(mutex_);
 
-    void tryPush(const std::string& event) VELMORA_REQUIRES(mutex_);
+    void tryPush(std::string_view event) VELMORA_REQUIRES(mutex_);
     void ensureWritePart() VELMORA_REQUIRES(mutex_);
     void nameNewPart() VELMORA_REQUIRES(mutex_);
-    bool makeRoomFor(const std::string& event, bool renewed) VELMORA_REQUIRES(mutex_);
+    bool makeRoomFor(std::string_view event, bool renewed) VELMORA_REQUIRES(mutex_);
 
-    std::vector<std::string> tryPeek(uint64_t count) VELMORA_REQUIRES(mutex_);
+    Batch tryPeek(uint64_t count) VELMORA_REQUIRES(mutex_);
     uint64_t advanceReadPart() VELMORA_REQUIRES(mutex_);
     void dropReadPart() VELMORA_REQUIRES(mutex_);
     uint64_t giveUp(PartFileQueue& part) VELMORA_REQUIRES(mutex_);
-    uint64_t giveUpWritePart() VELMORA_REQUIRES(mutex_);
 
     void purgeEventFiles() VELMORA_REQUIRES(mutex_);
     void sweep(Purge& purge) VELMORA_REQUIRES(mutex_);
@@ -86,8 +88,7 @@ private:
     Part readPart_ VELMORA_GUARDED_BY(mutex_);
     // At the manifest's back, but its file could not be created yet: the next push tries again.
     std::optional<PartName> pendingPart_ VELMORA_GUARDED_BY(mutex_);
-    std::atomic<uint64_t> balance_ = 0;                  // events in the store; written under the mutex, read without
-    bool ignorePop_ VELMORA_GUARDED_BY(mutex_) = false;  // the events of the last peek may be gone
+    std::atomic<uint64_t> balance_ = 0;  // events in the store; written under the mutex, read without
 };
 
 }  // namespace velmora

@@ -2,6 +2,9 @@
 #pragma once
 
 #include <cstdint>
+#include <string>
+#include <string_view>
+#include <vector>
 
 #include "core/queue/queuestorage.h"
 
@@ -16,8 +19,11 @@ public:
     [[nodiscard]] const Path& path() const noexcept { return storage_.path(); }
     [[nodiscard]] uint64_t size() const noexcept { return storage_.recordCount(); }
 
-    void push(const std::string& event) { storage_.pushRecord(event); }
-    uint64_t pop(uint64_t count) { return storage_.popRecords(count); }  // how many there were to pop
+    // Events that have left it, in whatever way, since it was opened: what tells a batch that it is stale.
+    [[nodiscard]] uint64_t gone() const noexcept { return gone_; }
+
+    void push(std::string_view event) { storage_.pushRecord(event); }
+    uint64_t pop(uint64_t count);  // how many there were to pop
     void peek(uint64_t count, std::vector<std::string>& out) { storage_.peekRecords(storage_.header(), count, out); }
 
     // Gives the events up and begins anew with an empty file. If that raises, the part is empty, and the next push
@@ -29,6 +35,7 @@ public:
 
 private:
     QueueStorage<std::string> storage_;
+    uint64_t gone_ = 0;
 };
 
 }  // namespace velmora

@@ -1,32 +1,45 @@
-// The abstract persistent queue of one pipeline.
+// The abstract persistent queue of one line.
 #pragma once
 
 #include <cstdint>
 #include <functional>
 #include <memory>
 #include <string>
+#include <string_view>
 #include <vector>
-
-#include "core/filesystem/path.h"
 
 namespace velmora {
 
 // Threads: any; push may come from host threads while a batch is drained.
 class Queue {
 public:
+    // The oldest records, as a peek found them, and where they stand. A value: it holds no file and no lock. It goes
+    // stale once records leave the queue, by a pop or otherwise. The records are the holder's, who may move them out.
+    class Batch {
+    public:
+        std::vector<std::string> records;
+
+    private:
+        friend class EventStore;
+        std::weak_ptr<const void> part_;
+        uint64_t first_ = 0;  // records that had left the part before
+        uint64_t count_ = 0;
+    };
+
     virtual ~Queue() = default;
 
     // Appends a record: it survives the end of the process when the call returns. Throws `event_too_big` for a record
     // that fits no file, and what the file layer raises.
-    virtual void push(const std::string& event) = 0;
+    virtual void push(std::string_view record) = 0;
 
-    // Removes the oldest records, those of the last peek. Ignored if they may be gone since.
-    virtual void pop(uint64_t count) = 0;
+    // At most `count` of the oldest records, fewer if a file ends before. Repeatable.
+    [[nodiscard]] virtual Batch peek(uint64_t count) = 0;
 
-    // Copies at most `count` of the oldest records, fewer if a file ends before. Repeatable.
-    virtual std::vector<std::string> peek(uint64_t count) = 0;
+    // Removes the first `count` records of the batch, or all it has if they are fewer; how many it has removed. A stale
+    // batch is ignored, with a log line.
+    virtual uint64_t pop(const Batch& batch, uint64_t count) = 0;
 
-    [[nodiscard]] virtual uint64_t size() = 0;
+    [[nodiscard]] virtual uint64_t size() const = 0;
 
     // Deletes everything.
     virtual void remove() = 0;
@@ -44,11 +57,5 @@ struct QueueConfig {
     uint64_t folderSizeLimit;   // bytes in all part files
     uint64_t retentionPeriod;   // milliseconds after which a part file expires
 };
-
-using QueueFactory = std::function<std::unique_ptr<Queue>(Path folder, DropCallback onDrop, QueueConfig config)>;
-
-// By the registered factory, else an EventStore.
-[[nodiscard]] std::unique_ptr<Queue> makeQueue(Path folder, DropCallback onDrop, QueueConfig config);
-void setQueueFactory(QueueFactory factory);
 
 }  // namespace velmora

@@ -30,9 +30,9 @@ Pipeline::Pipeline(SessionView& session, const IngestConfigProvider& config, con
       name_(std::move(name)),
       folderName_(folder.parent().filename().string()),
       crypt_(config.read([](const Config& c) { return c.encryptionPassphrase; })),
-      store_(makeQueue(folder, std::move(onDrop), queueConfig(config, name_, kind))),
+      store_(folder, std::move(onDrop), queueConfig(config, name_, kind)),
       kind_(kind) {
-    VELMORA_LOG(info, "pipeline") << "Open pipeline: num_events=" << store_->size() << " name=" << name_;
+    VELMORA_LOG(info, "pipeline") << "Open pipeline: num_events=" << store_.size() << " name=" << name_;
 }
 
 Pipeline::~Pipeline() {
@@ -42,7 +42,7 @@ Pipeline::~Pipeline() {
         transfer_.reset();
         storeDirectPosts();
         VELMORA_LOG_AT(info, "pipeline", "velmora::Pipeline::~Pipeline")
-            << "Close pipeline: num_events=" << store_->size() << " name=" << name_;
+            << "Close pipeline: num_events=" << store_.size() << " name=" << name_;
     });
 }
 
@@ -64,8 +64,8 @@ void Pipeline::discardAll() {
     VELMORA_LOG(warn, "pipeline") << "Discard all events: reason=optout name=" << name_;
     discardDirectPosts();
     schedule(Task([this] {
-        const uint64_t count = store_->size();
-        store_->remove();
+        const uint64_t count = store_.size();
+        store_.remove();
         report(debug::Item::event, debug::Action::discarded, debug::Reason::opt_out, count);
     }));
 }
@@ -96,12 +96,12 @@ void Pipeline::storeEvent(const std::string& event) {
 
 void Pipeline::push(const std::string& stored) {
     VELMORA_LOG(debug, "pipeline") << "Push: name=" << name_;
-    store_->push(stored);
+    store_.push(stored);
 }
 
 void Pipeline::maybeStartBatch(bool useBatchSize) {
     const uint64_t threshold = useBatchSize ? config_.read([](const Config& c) { return c.batchSize; }) : 1;
-    const uint64_t stored = store_->size();
+    const uint64_t stored = store_.size();
     if (state_ == PipelineState::On && stored >= threshold && takeSlot(BatchSlot::free)) {
         enqueueTask(Task([this] { doInitiateRequest(); }));
     }
@@ -143,7 +143,7 @@ bool Pipeline::bailOut() {
 void Pipeline::doInitiateRequest() {
     VELMORA_LOG(debug, "pipeline") << "Start batch-task: name=" << name_;
     doResetState();
-    if (store_->size() == 0) {  // emptied since the decision
+    if (store_.size() == 0) {  // emptied since the decision
         auto taken = BatchSlot::taken;
         slot_.compare_exchange_strong(taken, BatchSlot::emptied);
         return;
@@ -153,7 +153,8 @@ void Pipeline::doInitiateRequest() {
 }
 
 bool Pipeline::formBatch() {
-    std::vector<std::string> records = store_->peek(batchSize_);
+    batch_ = store_.peek(batchSize_);
+    std::vector<std::string> records = std::move(batch_.records);
     batchSize_ = records.size();
     if (records.empty()) return false;
     std::vector<std::string> plain = doDecrypt(records);
@@ -262,7 +263,7 @@ std::error_code Pipeline::doFlush(bool retrySeen) {
 void Pipeline::flushBatches() {
     for (bool foundNothing = false;;) {
         VELMORA_LOG_AT(info, "pipeline", "velmora::Pipeline::flush") << "flush iteration: name=" << name_;
-        if (store_->size() == 0) return;
+        if (store_.size() == 0) return;
         if (state_ != PipelineState::On) throw std::system_error(VelmoraError::precondition_failed, "state is not on");
         doResetState();
         if (!formBatch()) {  // what was counted has been found damaged; more may have come meanwhile

@@ -23,7 +23,7 @@
 #include "core/types/mutex.h"
 #include "core/utils/taskengine.h"
 #include "ingest/event/eventmodel.h"
-#include "ingest/event/store/queue.h"
+#include "ingest/event/store/eventstore.h"
 #include "ingest/main/delivery/pipelinestate.h"
 #include "ingest/main/delivery/sessionview.h"
 #include "service/config/ingestconfigprovider.h"
@@ -75,7 +75,7 @@ public:
     // retry is waiting, or if events are stored while sending is off.
     [[nodiscard]] future<std::error_code> flush();
 
-    [[nodiscard]] uint64_t size() { return store_->size(); }
+    [[nodiscard]] uint64_t size() { return store_.size(); }
     [[nodiscard]] PipelineKind kind() const noexcept { return kind_; }
 
 private:
@@ -157,7 +157,7 @@ private:
     const std::string name_;
     const std::string folderName_;
     const Crypt crypt_;
-    const std::unique_ptr<Queue> store_;
+    EventStore store_;
     BatchErrorCallback batchErrorCallback_;
     std::function<void()> emptyCallback_;
     const PipelineKind kind_;
@@ -165,7 +165,8 @@ private:
     std::atomic<BatchSlot> slot_ = BatchSlot::free;  // taken by exchange on any thread
 
     // The batch in flight; on the engine only.
-    uint64_t batchSize_ = 0;
+    Queue::Batch batch_;
+    uint64_t batchSize_ = 0;  // of its events, or how many are wanted before there is one
     std::error_code lastError_;
     std::vector<std::string> validEvents_;
     std::vector<std::string> invalidEvents_;

@@ -53,6 +53,7 @@ void Pipeline::doResetState() {
     lastError_.clear();
     validEvents_.clear();
     invalidEvents_.clear();
+    batch_ = Queue::Batch();
     batchSize_ = config_.read([](const Config& c) { return c.batchSize; });
     request_ = http::Request();
     awaited_ = 0;
@@ -96,7 +97,7 @@ void Pipeline::doHandleResponse(uint64_t exchange, const http::Response& respons
 
 void Pipeline::doHandleSuccess() {
     if (batchErrorCallback_ && !invalidEvents_.empty()) batchErrorCallback_(std::error_code(), {}, invalidEvents_);
-    store_->pop(batchSize_);
+    store_.pop(batch_, batchSize_);
     report(Item::event, Action::sent, Reason::success, batchSize_ - invalidEvents_.size());
 }
 
@@ -132,7 +133,7 @@ void Pipeline::onRetryTimeout(uint64_t exchange) {
 void Pipeline::doHandleError() {
     VELMORA_LOG(error, "pipeline") << "name=" << name_ << " err=" << lastError_.message();
     if (lastError_ && batchErrorCallback_) batchErrorCallback_(lastError_, validEvents_, invalidEvents_);
-    if (batchSize_ != 0) store_->pop(batchSize_);
+    store_.pop(batch_, batchSize_);
 }
 
 void Pipeline::logHTTPResponse(const http::Response& response) const {

@@ -8,7 +8,7 @@
 #include "core/filesystem/filesystem.h"
 #include "core/json/jsontext.h"
 #include "ingest/event/eventmodel.h"
-#include "ingest/event/store/queue.h"
+#include "ingest/event/store/eventstore.h"
 #include "tests/support/libraryfixture.h"
 
 namespace velmora::test {
@@ -184,8 +184,8 @@ TEST_F(IngestRoad, RecordsThatCannotBeDecipheredEndInTheInvalidLine) {
     configure(VELMORA_CONSENT_GRANTED);
     const Path folder = Filesystem::getDataFolder(true) / kGuid / "v1" / "0" / "anon_events";
     {
-        const auto store = makeQueue(folder, nullptr, {"main", 10485760, 104857600, 31536000000});
-        store->push(Crypt("another passphrase").encrypt("{\"data\":{}}"));
+        EventStore store(folder, nullptr, {"main", 10485760, 104857600, 31536000000});
+        store.push(Crypt("another passphrase").encrypt("{\"data\":{}}"));
     }
     velmora_online();
     const auto instance = start();
@@ -199,9 +199,9 @@ TEST_F(IngestRoad, RecordsThatCannotBeDecipheredEndInTheInvalidLine) {
     stop(instance);
     EXPECT_FALSE(folder.exists());
     EXPECT_TRUE((folder.parent() / "auth_invalid_events").exists() == false);
-    const auto invalid =
-        makeQueue(folder.parent() / "anon_invalid_events", nullptr, {"main", 10485760, 104857600, 31536000000});
-    EXPECT_EQ(invalid->size(), 1U);
+    const EventStore invalid(folder.parent() / "anon_invalid_events", nullptr,
+                             {"main", 10485760, 104857600, 31536000000});
+    EXPECT_EQ(invalid.size(), 1U);
 }
 
 TEST_F(IngestRoad, AStoreThatDropsEventsReportsThem) {
@@ -305,9 +305,9 @@ TEST_F(IngestRoad, ExitWithInstancesRunningNeitherHangsNorLosesEvents) {
             std::exit(0);
         },
         testing::ExitedWithCode(0), "");
-    const auto store = makeQueue(shared / "com.orvane.velmora" / kGuid / "v1" / "0" / "anon_events", nullptr,
-                                 {"main", 10485760, 104857600, 31536000000});
-    EXPECT_EQ(store->size(), 7U);
+    const EventStore store(shared / "com.orvane.velmora" / kGuid / "v1" / "0" / "anon_events", nullptr,
+                           {"main", 10485760, 104857600, 31536000000});
+    EXPECT_EQ(store.size(), 7U);
     Filesystem::removeAll(shared);
 }
 

@@ -62,10 +62,10 @@ struct Fixture {
     Events drain() {
         Events all;
         while (store->size() > 0) {
-            const Events batch = store->peek(3);
-            if (batch.empty()) break;
-            all.insert(all.end(), batch.begin(), batch.end());
-            store->pop(batch.size());
+            const Queue::Batch batch = store->peek(3);
+            if (batch.records.empty()) break;
+            all.insert(all.end(), batch.records.begin(), batch.records.end());
+            EXPECT_EQ(store->pop(batch, 3), batch.records.size());
         }
         return all;
     }
@@ -96,8 +96,8 @@ Events events(std::initializer_list<int> numbers) {
 TEST(EventStoreLifeCycle, FilesComeWithTheFirstEventAndGoWithTheLast) {
     Fixture f;
     f.open();
-    EXPECT_TRUE(f.store->peek(5).empty());
-    f.store->pop(0);
+    EXPECT_TRUE(f.store->peek(5).records.empty());
+    EXPECT_EQ(f.store->pop({}, 1), 0U);
     EXPECT_FALSE(fs::exists(f.folder));
     f.push(1, 1);
     EXPECT_EQ(f.filesInFolder(), 2U);
@@ -114,12 +114,13 @@ TEST(EventStoreLifeCycle, RemoveMakesTheBatchInFlightHarmless) {
     Fixture f;
     f.open();
     f.push(1, 3);
-    EXPECT_EQ(f.store->peek(2).size(), 2U);
+    const Queue::Batch inFlight = f.store->peek(2);
+    EXPECT_EQ(inFlight.records.size(), 2U);
     f.store->remove();
     EXPECT_EQ(f.store->size(), 0U);
     EXPECT_FALSE(fs::exists(f.folder));
     f.push(4, 4);
-    f.store->pop(2);
+    EXPECT_EQ(f.store->pop(inFlight, 2), 0U);
     EXPECT_EQ(f.drain(), events({4}));
 }
 
@@ -140,11 +141,12 @@ TEST(EventStore, BehavesLikeADequeUnderRandomOperations) {
             case 2:
             case 3:
             case 4: {
-                const Events batch = f.store->peek(random() % 5);
-                ASSERT_LE(batch.size(), model.size());
-                ASSERT_TRUE(std::equal(batch.begin(), batch.end(), model.begin()));
-                model.erase(model.begin(), model.begin() + static_cast<std::ptrdiff_t>(batch.size()));
-                f.store->pop(batch.size());
+                const Queue::Batch batch = f.store->peek(random() % 5);
+                ASSERT_LE(batch.records.size(), model.size());
+                ASSERT_TRUE(std::equal(batch.records.begin(), batch.records.end(), model.begin()));
+                const uint64_t popped = f.store->pop(batch, random() % 5);
+                model.erase(model.begin(), model.begin() + static_cast<std::ptrdiff_t>(popped));
+                ASSERT_TRUE(popped == 0 || f.store->pop(batch, 1) == 0);  // its events are no longer the oldest
                 break;
             }
             default:
@@ -205,10 +207,10 @@ TEST(EventStorePurge, RotationDropsEmptyExpiredAndSurplusParts) {
         for (size_t i = 0; i < row.ages.size(); ++i) fs::last_write_time(f.part(i), now - row.ages[i]);
         if (row.frontEmptied) fs::remove(f.part(0));
         f.open();
-        const Events inFlight = row.frontEmptied ? Events{} : f.store->peek(2);
+        const Queue::Batch inFlight = row.frontEmptied ? Queue::Batch() : f.store->peek(2);
         f.push(7, 7);
         EXPECT_EQ(f.drops, row.drops);
-        if (!row.drops.empty()) f.store->pop(inFlight.size());  // ignored: its events may be gone
+        EXPECT_TRUE(row.drops.empty() || f.store->pop(inFlight, 2) == 0);
         EXPECT_EQ(f.drain(), row.left);
     }
 }
@@ -222,7 +224,7 @@ TEST(EventStoreDamage, CostsTheAffectedPartOnly) {
     fs::remove(f.part(1));
     f.open();
     EXPECT_EQ(f.store->size(), 2U);
-    EXPECT_EQ(f.store->peek(50), events({5, 6}));  // never an empty batch while events are there
+    EXPECT_EQ(f.store->peek(50).records, events({5, 6}));  // never an empty batch while events are there
     EXPECT_EQ(f.drain(), events({5, 6}));
 }
 
@@ -235,7 +237,7 @@ TEST(EventStoreDamage, UnreadableRecordGivesUpItsPartAndGoesOn) {
         const uint32_t length = 0xFFFFFFFF;
         ASSERT_TRUE(file->write(kQueueHeaderSize + 102, &length, sizeof length));
     }
-    EXPECT_EQ(f.store->peek(2), events({3, 4}));
+    EXPECT_EQ(f.store->peek(2).records, events({3, 4}));
     EXPECT_EQ(f.store->size(), 3U);
     EXPECT_EQ(f.drain(), events({3, 4, 5}));
 }
@@ -245,7 +247,7 @@ TEST(EventStoreDamage, ManifestWithoutNamesEndsTheCount) {
     Fixture f;
     f.open();
     f.push(1, 4);
-    EXPECT_EQ(f.store->peek(2), events({1, 2}));
+    const Queue::Batch batch = f.store->peek(2);
     {
         const auto file = platform::openSystemFile(f.folder / "manifest", false);
         const auto header = emptyQueueHeader<uint64_t>(80);
@@ -253,10 +255,10 @@ TEST(EventStoreDamage, ManifestWithoutNamesEndsTheCount) {
         ASSERT_TRUE(file->write(queueSlotPosition(1), &header, sizeof header));
     }
     f.files.failAfter(4, 1);  // two lengths and a commit of the part, then the manifest
-    f.store->pop(2);
+    f.store->pop(batch, 2);
     EXPECT_TRUE(f.files.wasHit());
     EXPECT_EQ(f.store->size(), 2U);
-    EXPECT_TRUE(f.store->peek(2).empty());
+    EXPECT_TRUE(f.store->peek(2).records.empty());
     EXPECT_EQ(f.store->size(), 0U);
     f.push(5, 5);
     EXPECT_EQ(f.drain(), events({5}));
@@ -334,9 +336,9 @@ TEST(EventStoreFaults, AnyFailureKeepsTheBooksAndTheOrder) {
                 f.push(i, i);
                 accepted.push_back(Fixture::event(i));
                 if (i % 3 != 2) continue;
-                const Events batch = f.store->peek(2);
-                f.store->pop(batch.size());
-                delivered.insert(delivered.end(), batch.begin(), batch.end());
+                const Queue::Batch batch = f.store->peek(2);
+                f.store->pop(batch, 2);
+                delivered.insert(delivered.end(), batch.records.begin(), batch.records.end());
             } catch (const std::system_error& e) {
                 EXPECT_EQ(e.code(), FQError::file_corrupt);
             }
@@ -390,10 +392,10 @@ TEST(EventStoreFaults, PushThatGivesUpThePartOfABatchOnItsWayMakesThePopHarmless
     Fixture f;
     f.open();
     f.push(1, 1);
-    EXPECT_EQ(f.store->peek(1), events({1}));
+    const Queue::Batch batch = f.store->peek(1);
     f.files.failWritesAfter(0, 1);
     f.push(2, 2);
-    f.store->pop(1);
+    EXPECT_EQ(f.store->pop(batch, 1), 0U);
     EXPECT_EQ(f.drain(), events({2}));
 }
 
@@ -405,15 +407,14 @@ TEST(EventStoreLog, TellsWhatBecomesOfEvents) {
     f.config.folderSizeLimit = kPartFile - 1;
     f.open();
     const std::string first = (f.folder / f.manifest()[0].string()).string();
-    f.store->peek(2);
+    const Queue::Batch stale = f.store->peek(2);
     f.push(3, 3);  // leaves the part for a new one, and finds the folder too big
-    f.store->pop(2);
+    f.store->pop(stale, 2);
     const std::string second = (f.folder / f.manifest()[0].string()).string();
     ASSERT_TRUE(platform::openSystemFile(second, false)->write(kQueueHeaderSize, "\xFF\xFF\xFF\xFF", 4));
-    f.store->peek(5);
+    EXPECT_TRUE(f.store->peek(5).records.empty());
     f.push(4, 4);
-    f.store->peek(5);
-    f.store->pop(5);
+    f.store->pop(f.store->peek(5), 5);
     f.push(5, 5);
     f.store->remove();
     f.store.reset();
@@ -444,12 +445,12 @@ TEST(EventStoreThreads, PushersAndADrainerLoseNothing) {
     }
     std::vector<int> next(kPushers, 0);
     while (running > 0 || f.store->size() > 0) {
-        const Events batch = f.store->peek(50);
-        for (const std::string& event : batch) {
+        const Queue::Batch batch = f.store->peek(50);
+        for (const std::string& event : batch.records) {
             const auto pusher = static_cast<size_t>(event[0] - '0');
             EXPECT_EQ(event.substr(2), std::to_string(next[pusher]++));
         }
-        f.store->pop(batch.size());
+        f.store->pop(batch, batch.records.size());
     }
     for (auto& thread : pushers) thread.join();
     EXPECT_EQ(next, std::vector<int>(kPushers, kEach));

@@ -404,27 +404,6 @@ TEST_F(PipelineOutcomes, ABatchFormedAnewAfterARetryWasCancelledTakesLaterEvents
     EXPECT_EQ(pipeline_->size(), 0U);
 }
 
-// Whatever goes wrong before the batch is read costs as many events as a batch would have had.
-TEST_F(PipelineOutcomes, AFailureBeforeTheBatchIsReadPopsTheConfiguredNumber) {
-    struct Unreadable : Queue {
-        void push(const std::string&) override { ++events; }
-        void pop(uint64_t count) override { events -= count; }
-        std::vector<std::string> peek(uint64_t) override { throw std::runtime_error("unreadable"); }
-        uint64_t size() override { return events; }
-        void remove() override {}
-        uint64_t events = 0;
-    };
-    setQueueFactory([](auto&&...) { return std::make_unique<Unreadable>(); });
-    open();
-    setQueueFactory(nullptr);
-    submit(0, 5);
-    pipeline_->changeState(PipelineState::On);
-    pools_.runAll();
-    EXPECT_EQ(pipeline_->size(), 2U);
-    ASSERT_EQ(givenUp_.size(), 1U);
-    EXPECT_TRUE(givenUp_[0].valid.empty());
-}
-
 TEST_F(PipelineOutcomes, DamageThatLeavesNothingToReadIsNotPosted) {
     open();
     submit(0, 3);

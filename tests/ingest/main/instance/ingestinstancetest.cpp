@@ -9,7 +9,7 @@
 #include "core/filesystem/filesystem.h"
 #include "core/types/errors.h"
 #include "ingest/event/eventmodel.h"
-#include "ingest/event/store/queue.h"
+#include "ingest/event/store/eventstore.h"
 #include "ingest/main/instance/healthcheck.h"
 #include "tests/support/capturedlog.h"
 #include "tests/support/codeof.h"
@@ -40,7 +40,7 @@ protected:
 
     uint64_t stored(PipelineKind kind) {
         const Path folder = Filesystem::getDataFolder(false) / "guid" / "v1" / "0" / storeFolderName(kind);
-        return makeQueue(folder, nullptr, {"main", 10485760, 104857600, 31536000000})->size();
+        return EventStore(folder, nullptr, {"main", 10485760, 104857600, 31536000000}).size();
     }
 
     const Crypt first_{""};  // the cipher's library comes up before the pools, to end after their threads

@@ -6,7 +6,6 @@
 #include "core/json/jsontext.h"
 #include "ingest/event/eventmodel.h"
 #include "ingest/event/store/eventstore.h"
-#include "ingest/event/store/queue.h"
 #include "ingest/main/instance/instancefolder.h"
 #include "ingest/main/instance/orphaninstance.h"
 #include "tests/support/fakesession.h"
@@ -27,8 +26,9 @@ protected:
 
     Path folder(const std::string& number) { return Filesystem::getDataFolder(true) / kGuid / "v1" / number; }
 
-    std::unique_ptr<Queue> store(const std::string& number, PipelineKind kind) {
-        return makeQueue(folder(number) / storeFolderName(kind), nullptr, {"main", 10485760, 104857600, 31536000000});
+    std::unique_ptr<EventStore> store(const std::string& number, PipelineKind kind) {
+        return std::make_unique<EventStore>(folder(number) / storeFolderName(kind), DropCallback(),
+                                            QueueConfig{"main", 10485760, 104857600, 31536000000});
     }
 
     void leave(const std::string& number, PipelineKind kind, const std::string& subtype) {
@@ -156,20 +156,11 @@ protected:
         session_.config.batchSize = 1;
         session_.config.encryptionEnabled = false;
         provider_.refresh();
-        setQueueFactory([this](Path folder, const DropCallback& onDrop, QueueConfig config) {
-            ++opened_;
-            return std::make_unique<EventStore>(std::move(folder), onDrop, std::move(config));
-        });
         const auto ignore = [](const std::error_code&, const auto&, const auto&) {};
         orphan_ = std::make_unique<OrphanInstance>(
             session_, provider_, "guid",
             LineCallbacks{nullptr, [](std::string&, bool) { return true; }, ignore, ignore, [](const auto&...) {}});
         Filesystem::createDirectories(folder("0"));
-    }
-
-    ~OrphanTurns() override {
-        orphan_.reset();
-        setQueueFactory(nullptr);
     }
 
     static Path folder(const std::string& number) { return Filesystem::getDataFolder(true) / "guid" / "v1" / number; }
@@ -194,12 +185,12 @@ protected:
         });
     }
 
+    const CapturedLog log_{LogLevel::info};
     TempFolder root_;
     ManualPools pools_;
     FakeHost host_;
     FakeSession session_;
     IngestConfigProvider provider_{"guid", [this](const std::string&) { return session_.config; }, nullptr};
-    int opened_ = 0;
     std::unique_ptr<OrphanInstance> orphan_;
 };
 
@@ -208,7 +199,7 @@ TEST_F(OrphanTurns, AScanThatIsDueHoldsNothingOnceSendingIsOff) {
     runUntilTheEmptyFolderIsDeleted();
     leave("1", PipelineKind::anon);
     pools_.runAll();
-    EXPECT_EQ(opened_, 0);
+    EXPECT_EQ(log_.count("Open pipeline"), 0U);
     EXPECT_FALSE(LockedPath(folder("1")).isBusy()) << "any other process may take it";
 }
 
@@ -217,7 +208,7 @@ TEST_F(OrphanTurns, AScanThatIsDueOpensNothingASecondTime) {
     runUntilTheEmptyFolderIsDeleted();
     leave("1", PipelineKind::anon);
     EXPECT_TRUE(drive([&] { return !folder("1").exists(); }));
-    EXPECT_EQ(opened_, 1);
+    EXPECT_EQ(log_.count("Open pipeline"), 1U);
     EXPECT_EQ(host_.sends(), 1U);
 }
 
