@@ -7,45 +7,55 @@
 
 namespace velmora {
 
-bool Gate::enter() {
-    const MutexLock lock(mutex_);
-    if (closed_) return false;
-    ++inside_;
+bool Gate::enter() noexcept {
+    uint32_t state = state_.load(std::memory_order_relaxed);
+    do {
+        if ((state & kClosed) != 0) return false;
+    } while (!state_.compare_exchange_weak(state, state + 1, std::memory_order_acquire, std::memory_order_relaxed));
     return true;
 }
 
-void Gate::leave() {
-    const MutexLock lock(mutex_);
-    --inside_;
-    left_.notifyAll();  // under the mutex: the gate may be gone right after it is released
+void Gate::leave() noexcept {
+    uint32_t state = state_.load(std::memory_order_relaxed);
+    while ((state & kWatched) == 0) {
+        if (state_.compare_exchange_weak(state, state - 1, std::memory_order_release, std::memory_order_relaxed))
+            return;
+    }
+    const MutexLock lock(mutex_);  // until the end: the gate may be gone right after it is released
+    state_.fetch_sub(1);
+    left_.notifyAll();
 }
 
-void Gate::close() {
-    const MutexLock lock(mutex_);
-    closed_ = true;
+void Gate::close() noexcept { state_.fetch_or(kClosed); }
+
+void Gate::open() noexcept { state_.fetch_and(~kClosed); }
+
+void Gate::watch() {
+    if (watchers_++ == 0) state_.fetch_or(kWatched);
 }
 
-void Gate::open() {
-    const MutexLock lock(mutex_);
-    closed_ = false;
+void Gate::unwatch() {
+    if (--watchers_ == 0) state_.fetch_and(~kWatched);
 }
 
 void Gate::wait(uint32_t remaining) {
     if (platform::isTerminating()) return;
     const MutexLock lock(mutex_);
-    left_.wait(mutex_, [&]() VELMORA_REQUIRES(mutex_) { return inside_ <= remaining; });
+    watch();
+    left_.wait(mutex_, [&] { return inside() <= remaining; });
+    unwatch();
 }
 
 bool Gate::waitUntil(Clock::time_point deadline, uint32_t remaining) {
     if (platform::isTerminating()) return true;
     const MutexLock lock(mutex_);
-    return left_.waitUntil(mutex_, deadline, [&]() VELMORA_REQUIRES(mutex_) { return inside_ <= remaining; });
+    watch();
+    const bool haveLeft = left_.waitUntil(mutex_, deadline, [&] { return inside() <= remaining; });
+    unwatch();
+    return haveLeft;
 }
 
-uint32_t Gate::inside() const {
-    const MutexLock lock(mutex_);
-    return inside_;
-}
+uint32_t Gate::inside() const noexcept { return state_.load(std::memory_order_acquire) & kCount; }
 
 bool waitFor(const std::function<bool()>& predicate, const std::string& what, int64_t intervalMs, int64_t timeoutMs) {
     if (platform::isTerminating()) return true;

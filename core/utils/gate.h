@@ -7,9 +7,11 @@
 //     gate_.close();                                // in the owner's stop
 //     gate_.wait();
 //
-// Threads: any. Its mutex is a leaf. A gate may be destroyed as soon as wait() has returned on a closed gate.
+// Threads: any. To enter and to leave costs one exchange of an atomic each; the mutex, a leaf, serves those who wait. A
+// gate may be destroyed as soon as wait() has returned on a closed gate.
 #pragma once
 
+#include <atomic>
 #include <chrono>
 #include <cstdint>
 #include <functional>
@@ -25,14 +27,14 @@ public:
     using Clock = std::chrono::steady_clock;
 
     // Counts the caller in; false, and not counted, while the gate is closed. Each success needs one leave().
-    [[nodiscard]] bool enter() VELMORA_EXCLUDES(mutex_);
-    void leave() VELMORA_EXCLUDES(mutex_);
+    [[nodiscard]] bool enter() noexcept;
+    void leave() noexcept VELMORA_EXCLUDES(mutex_);
 
     // From now on nobody enters; whoever is inside stays inside. Idempotent.
-    void close() VELMORA_EXCLUDES(mutex_);
+    void close() noexcept;
 
     // Lets newcomers in again.
-    void open() VELMORA_EXCLUDES(mutex_);
+    void open() noexcept;
 
     // Returns when at most `remaining` are inside: a caller that is inside itself names how often it is. An open gate
     // may fill up again at once. While the process is terminating it returns at once: who is inside may never leave.
@@ -41,13 +43,20 @@ public:
     // The same, at most until the deadline; whether they have left.
     [[nodiscard]] bool waitUntil(Clock::time_point deadline, uint32_t remaining = 0) VELMORA_EXCLUDES(mutex_);
 
-    [[nodiscard]] uint32_t inside() const VELMORA_EXCLUDES(mutex_);
+    [[nodiscard]] uint32_t inside() const noexcept;
 
 private:
-    mutable Mutex mutex_;
+    static constexpr uint32_t kClosed = 1U << 31;
+    static constexpr uint32_t kWatched = 1U << 30;  // somebody waits: whoever leaves has to tell
+    static constexpr uint32_t kCount = kWatched - 1;
+
+    void watch() VELMORA_REQUIRES(mutex_);
+    void unwatch() VELMORA_REQUIRES(mutex_);
+
+    std::atomic<uint32_t> state_ = 0;  // the two flags, and how many are inside
+    Mutex mutex_;
     Condition left_;
-    uint32_t inside_ VELMORA_GUARDED_BY(mutex_) = 0;
-    bool closed_ VELMORA_GUARDED_BY(mutex_) = false;
+    uint32_t watchers_ VELMORA_GUARDED_BY(mutex_) = 0;
 };
 
 inline constexpr int64_t kNoTimeout = std::numeric_limits<int64_t>::max();

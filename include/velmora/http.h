@@ -15,7 +15,7 @@
  * that is refused; 1 for a failure inside the library.
  *
  * Callbacks run without the library's locks and may call in. A velmora_ingest_ function called for an instance that is
- * just being stopped answers 14. One combination hangs: see velmora_ingest_flush. */
+ * just being stopped answers 14; one that would wait for the callback it is called in answers 18. */
 #pragma once
 
 #include "velmora/export.h"

@@ -23,17 +23,22 @@ extern "C" {
  *   errorCallback  may be null
  *   pInstance      receives the handle, valid until it is stopped
  * Takes over the queue of an earlier process that ended with events left. A second start with the same config gives
- * the handle of the running instance; commonData and errorCallback are then ignored. Opens files; other calls on any
- * instance wait meanwhile.
- * Errors: 2 commonData is no JSON object, 4 bad argument, 16 no folder could be locked, 1 the queue can't be opened. */
+ * the handle of the running instance; commonData and errorCallback are then ignored. Opens files; other instances go
+ * on meanwhile. While the same config is being stopped it waits for the stop, for at most five seconds, and then works
+ * in a new folder. Errors: VELMORA_ERROR_INVALID_JSON (2) commonData is not a JSON object,
+ * VELMORA_ERROR_INVALID_ARGUMENT (4), VELMORA_ERROR_CACHE_LOCK_ERROR (16) no folder could be locked,
+ * VELMORA_ERROR_PRECONDITION_FAILED (18) in a callback of the instance that is being stopped, VELMORA_ERROR_UNKNOWN (1)
+ * the queue can't be opened. */
 VELMORA_API int32_t velmora_ingest_start(const char* config, const char* commonData,
                                          velmora_ingest_error_callback errorCallback,
                                          velmora_ingest_instance* pInstance);
 
 /* Stops an instance and waits until it is gone. Calls on the instance that are under way end first; from then on its
  * handle is answered with 14, and other instances go on as usual. Events not yet delivered stay on disk for the next
- * start. A start of the same config before the stop is through works in a new folder and adopts the old one later.
- * Errors: 4 null handle, 14 not alive, or being stopped already. */
+ * start. An exchange under way is cancelled; a host that ignores that is waited for, but for at most five seconds.
+ * Errors: VELMORA_ERROR_INVALID_ARGUMENT (4) null handle, VELMORA_ERROR_INGEST_INSTANCE_NOT_FOUND (14) not alive, or
+ * being stopped already, VELMORA_ERROR_PRECONDITION_FAILED (18) in a callback of the instance; nothing has happened
+ * then. */
 VELMORA_API int32_t velmora_ingest_stop(velmora_ingest_instance instance);
 
 /* The same; with a callback it returns at once, and the result, code 14 included, arrives in the callback alone. */
@@ -67,11 +72,13 @@ VELMORA_API int32_t velmora_ingest_submitAuthEvent(velmora_ingest_instance insta
 VELMORA_API int32_t velmora_ingest_submitAnonEvent(velmora_ingest_instance instance, const char* json, int32_t batch);
 
 /* Delivers what is queued now, without waiting for full batches. With a callback it returns at once and the result
- * arrives there; without one it returns when all is delivered or a batch has failed. Not to be called synchronously
- * from a completion callback. While a flush without a callback runs, starts and stops on other threads wait for it, and
- * calls of velmora_ingest_ functions wait for them: where that can be, the HTTP callbacks must not make such calls.
- * Errors: 4, 14, 18 sending is off or a retry waits while events are queued, 7 or 8 the HTTP callbacks are missing or
- * failed, 1 a batch could not be delivered (its events stay queued). */
+ * arrives there; without one it returns when all is delivered or a batch has failed. Holds up no other call. A stop of
+ * the instance, or the end of the process, ends it after the exchange under way, with 18.
+ * Errors: VELMORA_ERROR_INVALID_ARGUMENT (4), VELMORA_ERROR_INGEST_INSTANCE_NOT_FOUND (14),
+ * VELMORA_ERROR_PRECONDITION_FAILED (18) sending is off, a retry or a pause waits while events are queued, or the call
+ * is made without a callback inside a callback of the instance, VELMORA_ERROR_HTTP_CALLBACK_NOT_SET (7) or
+ * VELMORA_ERROR_HTTP_SESSION_CREATION_FAILED (8), VELMORA_ERROR_UNKNOWN (1) a batch could not be delivered (its events
+ * stay queued). */
 VELMORA_API int32_t velmora_ingest_flush(velmora_ingest_instance instance,
                                          velmora_ingest_completion_callback completionCallback, void* userData);
 

@@ -1,11 +1,10 @@
 #include "velmora/ingest.h"
 
 #include "core/types/errors.h"
+#include "core/utils/callbackscope.h"
 #include "ingest/main/entryframe.h"
-#include "ingest/main/instance/ingestinstance.h"
 #include "ingest/session/session.h"
 
-using velmora::IngestInstance;
 using velmora::refuse;
 using velmora::requireText;
 using velmora::runEntry;
@@ -14,8 +13,6 @@ using velmora::shown;
 using velmora::VelmoraError;
 
 namespace {
-
-IngestInstance* toInstance(velmora_ingest_instance handle) { return reinterpret_cast<IngestInstance*>(handle); }
 
 const void* address(velmora_ingest_instance handle) { return handle; }
 
@@ -27,7 +24,7 @@ void stop(velmora_ingest_instance instance, velmora_ingest_completion_callback c
     constexpr auto kFunction = "velmora_ingest_stop_v2";
     requireInstance(instance, kFunction, "stop for instance=");
     VELMORA_LOG_SCOPE_AT(info, "api", kFunction, "stop for instance=" << address(instance));
-    Session::getInstance().stopIngest(toInstance(instance), callback, userData);
+    Session::getInstance().stopIngest(instance, callback, userData);
 }
 
 void submitEvent(velmora_ingest_instance instance, const char* json, int32_t batch, int32_t auth, int32_t validate) {
@@ -39,9 +36,7 @@ void submitEvent(velmora_ingest_instance instance, const char* json, int32_t bat
     VELMORA_LOG_SCOPE_AT(info, "api", kFunction,
                          "submitEvent for instance=" << address(instance) << " json=" << json << " batch=" << batch
                                                      << " auth=" << auth << " validate=" << validate);
-    Session::getInstance().withLiveInstance(toInstance(instance), [&](IngestInstance& live) {
-        live.submitEvent(json, batch != 0, auth != 0, validate, "{}");
-    });
+    Session::getInstance().instance(instance)->submitEvent(json, batch != 0, auth != 0, validate, "{}");
 }
 
 }  // namespace
@@ -58,9 +53,8 @@ int32_t velmora_ingest_start(const char* config, const char* commonData, velmora
             refuse(VelmoraError::invalid_json, kFunction, "ingest start for commonData=", commonData);
         }
         VELMORA_LOG_SCOPE_AT(info, "api", kFunction, "ingest start for config=" << config);
-        IngestInstance* instance = nullptr;
-        Session::getInstance().startIngest(config, commonData != nullptr ? commonData : "{}", errorCallback, &instance);
-        *pInstance = reinterpret_cast<velmora_ingest_instance>(instance);
+        *pInstance =
+            Session::getInstance().startIngest(config, commonData != nullptr ? commonData : "{}", errorCallback);
     });
 }
 
@@ -82,8 +76,7 @@ int32_t velmora_ingest_addCommonAttribute(velmora_ingest_instance instance, cons
         VELMORA_LOG_SCOPE_AT(
             info, "api", kFunction,
             "add common attribute for instance=" << address(instance) << " key=" << key << " val=" << value);
-        Session::getInstance().withLiveInstance(toInstance(instance),
-                                                [&](IngestInstance& live) { live.addCommonAttribute(key, value); });
+        Session::getInstance().instance(instance)->addCommonAttribute(key, value);
     });
 }
 
@@ -94,8 +87,7 @@ int32_t velmora_ingest_removeCommonAttribute(velmora_ingest_instance instance, c
         requireText(key, kFunction, "remove common attribute for key=");
         VELMORA_LOG_SCOPE_AT(info, "api", kFunction,
                              "remove common attribute for instance=" << address(instance) << " key=" << key);
-        Session::getInstance().withLiveInstance(toInstance(instance),
-                                                [&](IngestInstance& live) { live.removeCommonAttribute(key); });
+        Session::getInstance().instance(instance)->removeCommonAttribute(key);
     });
 }
 
@@ -118,7 +110,10 @@ int32_t velmora_ingest_flush(velmora_ingest_instance instance, velmora_ingest_co
         constexpr auto kFunction = "velmora_ingest_flush";
         requireInstance(instance, kFunction, "flush for instance=");
         VELMORA_LOG_SCOPE_AT(info, "api", kFunction, "flush for instance=" << address(instance));
-        Session::getInstance().withLiveInstance(
-            toInstance(instance), [&](IngestInstance& live) { live.flush(completionCallback, userData); });
+        if (completionCallback == nullptr && velmora::CallbackScope::isInside(instance)) {
+            throw std::system_error(VelmoraError::precondition_failed,
+                                    "a flush without a callback inside a callback of the instance; give it one");
+        }
+        Session::getInstance().instance(instance)->flush(completionCallback, userData);
     });
 }

@@ -1,8 +1,6 @@
 #include "ingest/session/session.h"
 
-#include <algorithm>
 #include <boost/regex.hpp>
-#include <mutex>
 #include <utility>
 
 #include "core/crypt/crypt.h"
@@ -12,12 +10,13 @@
 #include "core/types/errors.h"
 #include "core/types/function.h"
 #include "core/types/logger.h"
+#include "core/utils/callbackscope.h"
 #include "core/utils/gate.h"
 #include "core/utils/strings.h"
 #include "core/utils/timestamps.h"
 #include "ingest/event/eventmodel.h"
 #include "ingest/event/eventpreset.h"
-#include "ingest/session/globalconfig.h"
+#include "ingest/session/hostsettings.h"
 
 namespace velmora {
 namespace {
@@ -69,7 +68,7 @@ Session::LoggerEnd::~LoggerEnd() {
 }
 
 Session::Session()
-    : sessionGuid_(makeGuid()),
+    : facts_(HostFacts{makeGuid(), {}, {}}),
       configProvider_([this] {
           exceptionSafeWrapper([this] { installDefaultLogger(); });
           return std::make_unique<SessionConfigProvider>([this] { return fetchConfig(); },
@@ -113,7 +112,11 @@ Session::~Session() {
         stop();
         configProvider_->stop();  // again: settings that were just being adopted have restarted it
     });
-    exceptionSafeWrapper([this] { stopInstances(); });
+    exceptionSafeWrapper([this] {
+        instances_.close();
+        stops_.stop();
+        instances_.stopAll();
+    });
     exceptionSafeWrapper([this] {
         if (const auto engine = presentTransferEngine()) engine->setErrorCallback(nullptr);
     });
@@ -138,72 +141,38 @@ void Session::onConfigUpdated() {
     networkMonitor_->setPollInterval(toMilliseconds(interval));
 }
 
-void Session::startIngest(const std::string& configGuid, const std::string& commonData,
-                          velmora_ingest_error_callback errorCallback, IngestInstance** out) {
-    {
-        const std::unique_lock<SharedMutex> lock(instancesLock_);
-        if (const auto found = instances_.find(configGuid); found != instances_.end()) {
-            *out = found->second.get();
-            return;
-        }
-        std::shared_ptr<IngestInstance> instance = makeIngestInstance(*this, configGuid, commonData, errorCallback);
-        *out = instance.get();
-        instances_.emplace(configGuid, std::move(instance));
-    }
+Session::Handle Session::startIngest(const std::string& configGuid, const std::string& commonData,
+                                     velmora_ingest_error_callback errorCallback) {
+    const Handle handle = instances_.start(configGuid, [&](Handle name) {
+        return makeIngestInstance(*this, name, configGuid, commonData, errorCallback);
+    });
+    if (const auto instance = instances_.tryHold(handle)) tellFacts(**instance);  // they may have changed meanwhile
     scheduleProfile();
+    return handle;
 }
 
-void Session::stopIngest(IngestInstance* instance, velmora_ingest_completion_callback callback, void* userData) {
+void Session::stopIngest(Handle handle, velmora_ingest_completion_callback callback, void* userData) {
     if (callback == nullptr) {
-        if (const std::error_code result = stopBody(instance)) throw std::system_error(result);
+        if (const std::error_code result = stopBody(handle)) throw std::system_error(result);
         return;
     }
-    schedule(Task([this, instance, callback, userData] {
-        const std::error_code result = stopBody(instance);
-        VELMORA_LOG_SCOPE_AT(info, "session", "velmora::Session::stopIngest", "invoke stop completion callback");
-        callback(reinterpret_cast<velmora_ingest_instance>(instance), toVelmoraError(result), userData);
-    }));
+    stops_.schedule(std::chrono::milliseconds(0), Task([this, handle, callback, userData] {
+                        std::error_code result;
+                        try {
+                            result = stopBody(handle);
+                        } catch (...) {
+                            result = currentExceptionToErrorCode("session", "velmora::Session::stopIngest");
+                        }
+                        VELMORA_LOG_SCOPE_AT(info, "session", "velmora::Session::stopIngest",
+                                             "invoke stop completion callback");
+                        const CallbackScope scope(handle);
+                        callback(handle, toVelmoraError(result), userData);
+                    }));
 }
 
-std::error_code Session::stopBody(IngestInstance* instance) noexcept {
-    try {
-        ++stopsUnderWay_;
-        const ScopeExit done([this] { --stopsUnderWay_; });
-        VELMORA_LOG_SCOPE_AT(info, "session", "velmora::Session::stopIngest", "stop task");
-        const std::shared_ptr<IngestInstance> stopped = takeInstance(instance);
-        return stopped ? std::error_code() : VelmoraError::ingest_instance_not_found;
-    } catch (...) {
-        return currentExceptionToErrorCode("session", "velmora::Session::stopIngest");
-    }
-}
-
-// Waits out all calls on the instance; what comes later does not find it.
-std::shared_ptr<IngestInstance> Session::takeInstance(const IngestInstance* instance) {
-    const std::unique_lock<SharedMutex> lock(instancesLock_);
-    const auto found = findInstance(instance);
-    if (found == instances_.end()) return nullptr;
-    std::shared_ptr<IngestInstance> taken = found->second;
-    instances_.erase(found);
-    return taken;
-}
-
-void Session::stopInstances() {
-    Instances running;
-    {
-        const std::unique_lock<SharedMutex> lock(instancesLock_);
-        running.swap(instances_);
-    }
-    running.clear();
-    waitFor([this] { return stopsUnderWay_ == 0; }, "stops under way", 1, kNoTimeout);
-}
-
-bool Session::hasIngestInstance(const IngestInstance* instance) const {
-    return findInstance(instance) != instances_.end();
-}
-
-Session::Instances::const_iterator Session::findInstance(const IngestInstance* instance) const {
-    return std::find_if(instances_.begin(), instances_.end(),
-                        [instance](const auto& entry) { return entry.second.get() == instance; });
+std::error_code Session::stopBody(Handle handle) {
+    VELMORA_LOG_SCOPE_AT(info, "session", "velmora::Session::stopIngest", "stop task");
+    return instances_.stop(handle) ? std::error_code() : VelmoraError::ingest_instance_not_found;
 }
 
 void Session::goOnline() { setOnline(true); }
@@ -295,69 +264,46 @@ void Session::setAccessToken(const std::string& token) {
 }
 
 void Session::setSessionGuid(const std::string& guid) {
-    {
-        const MutexLock lock(dataMutex_);
-        sessionGuid_ = guid;
-    }
-    forEachInstance([&](IngestInstance& instance) { instance.setSessionGuid(guid); });
+    facts_.change([&](HostFacts& facts) { facts.sessionGuid = guid; });
+    tellFactsToAll();
 }
 
 void Session::setLorneProfile(const std::string& json) {
     const StringMap profile = jsonToStringMap(json);
-    {
-        const MutexLock lock(dataMutex_);
-        lorneProfile_ = profile;
-    }
-    forEachInstance([&](IngestInstance& instance) { instance.setLorneProfile(profile); });
+    facts_.change([&](HostFacts& facts) { facts.lorneProfile = profile; });
+    tellFactsToAll();
 }
 
-std::string Session::getSessionGuid() {
-    const MutexLock lock(dataMutex_);
-    return sessionGuid_;
+// Others may tell the instance at the same time; whoever is the last to tell it sees whether it was the truth.
+void Session::tellFacts(IngestInstance& instance) {
+    Published<HostFacts>::Shared told;
+    do {
+        told = facts_.get();
+        instance.setSessionGuid(told->sessionGuid);
+        instance.setLorneProfile(told->lorneProfile);
+    } while (told != facts_.get());
 }
 
-Session::StringMap Session::getCommonData() {
-    const MutexLock lock(dataMutex_);
-    return commonData_;
+void Session::tellFactsToAll() {
+    forEachInstance([this](IngestInstance& instance) { tellFacts(instance); });
 }
+
+std::string Session::getSessionGuid() { return facts_.get()->sessionGuid; }
+
+Session::StringMap Session::getCommonData() { return facts_.get()->commonData; }
 
 void Session::setCommonData(StringMap data) {
-    const MutexLock lock(dataMutex_);
-    commonData_ = std::move(data);
+    facts_.change([&](HostFacts& facts) { facts.commonData = data; });
 }
 
-Session::StringMap Session::getLorneProfile() {
-    const MutexLock lock(dataMutex_);
-    return lorneProfile_;
-}
+Session::StringMap Session::getLorneProfile() { return facts_.get()->lorneProfile; }
 
 Session::IngestConfig Session::getIngestConfig(const std::string& configGuid) {
-    const std::shared_ptr<const IngestConfig> found = findIngestConfig(configGuid);
-    return found ? *found : IngestConfig();
-}
-
-std::shared_ptr<const Session::IngestConfig> Session::findIngestConfig(const std::string& configGuid) {
-    const MutexLock lock(dataMutex_);
-    const auto found = ingestConfigs_.find(configGuid);
-    return found == ingestConfigs_.end() ? nullptr : found->second;
-}
-
-// On a copy and without the lock, since a parser logs; once more if another change has come between.
-void Session::changeIngestConfig(const std::string& configGuid, const std::function<void(IngestConfig&)>& change) {
-    bool isInForce = false;
-    while (!isInForce) {
-        const std::shared_ptr<const IngestConfig> before = findIngestConfig(configGuid);
-        auto after = std::make_shared<IngestConfig>(before ? *before : IngestConfig());
-        change(*after);
-        const MutexLock lock(dataMutex_);
-        std::shared_ptr<const IngestConfig>& present = ingestConfigs_[configGuid];
-        isInForce = present == before;
-        if (isInForce) present = std::move(after);
-    }
+    return *ingestSettings_.get(configGuid);
 }
 
 void Session::setIngestConfig(const std::string& configGuid, const IngestConfig& setup) {
-    changeIngestConfig(configGuid, [&](IngestConfig& config) {
+    ingestSettings_.change(configGuid, [&](IngestConfig& config) {
         config.project = setup.project;
         config.apiKey = setup.apiKey;
         config.environment = setup.environment;
@@ -369,12 +315,11 @@ void Session::setIngestConfig(const std::string& configGuid, const IngestConfig&
 
 void Session::setConfigValue(const std::string& configGuid, const std::string& path, const std::string& value) {
     const std::string document = jsonFromPath(path, value);
-    changeIngestConfig(configGuid, [&](IngestConfig& config) { config.overwriteWith(document); });
+    ingestSettings_.change(configGuid, [&](IngestConfig& config) { config.overwriteWith(document); });
 }
 
 void Session::forEachInstance(const std::function<void(IngestInstance&)>& visit) {
-    const std::shared_lock<SharedMutex> lock(instancesLock_);
-    for (const auto& [guid, instance] : instances_) visit(*instance);
+    for (const InstanceTable::Held& instance : instances_.holdAll()) visit(*instance);
 }
 
 void Session::scheduleStateUpdate() {
@@ -391,15 +336,13 @@ void Session::scheduleProfile() {
 
 void Session::scheduleMetaEvent(MetaEvent event) {
     schedule(Task([this, json = std::move(event).json()] {
-        const std::shared_lock<SharedMutex> lock(instancesLock_);
-        if (!instances_.empty()) instances_.begin()->second->submitMetaEvent(json);
+        if (const auto first = instances_.holdAny()) (*first)->submitMetaEvent(json);
     }));
 }
 
 void Session::scheduleError(int32_t code) {
     schedule(Task([this, code] {
-        const std::shared_lock<SharedMutex> lock(instancesLock_);
-        if (!instances_.empty()) instances_.begin()->second->reportError(code);
+        if (const auto first = instances_.holdAny()) (*first)->reportError(code);
     }));
 }
 

@@ -1,19 +1,16 @@
 // The process-wide singleton at the top: owns what the instances of the process share, answers their questions about
-// state, and fans out to them what the host says. It comes up at the first use and ends with the process; instances
-// that the host has not stopped stop there.
+// state, and fans out to them what the host says. It comes up at the first use, offline, and ends with the process;
+// instances that the host has not stopped stop there.
 //
-// Lock order, outermost first: the table of instances (shared for each call on an instance, exclusive for a start and
-// for the moment in which a stop takes its instance out), then the session's data, then an instance's own. Nothing
-// calls the host with the data mutex or the exclusive lock held. The serial engine puts all fan-out tasks in order, so
-// that an instance sees its updates in the order of their causes.
+// Threads: the public operations may be called from any. Fan-out tasks run on the session's serial engine, in the order
+// of their causes, so that an instance sees its updates in that order. Nothing calls the host or an instance with a
+// lock held.
 #pragma once
 
 #include <atomic>
 #include <functional>
 #include <memory>
-#include <shared_mutex>
 #include <string>
-#include <unordered_map>
 
 #include "core/network/networkmonitor.h"
 #include "core/types/errors.h"
@@ -21,8 +18,9 @@
 #include "core/utils/taskengine.h"
 #include "ingest/event/conversion/conversions.h"
 #include "ingest/main/delivery/sessionview.h"
-#include "ingest/main/instance/ingestinstance.h"
+#include "ingest/session/hostsettings.h"
 #include "ingest/session/identitymanager.h"
+#include "ingest/session/instancetable.h"
 #include "service/config/sessionconfigprovider.h"
 #include "velmora/types.h"
 
@@ -41,24 +39,16 @@ public:
 
     ~Session() override;
 
-    // The instances. A second start with a guid gives the running instance. A stop takes the instance out of the table
-    // and ends it without the lock, so that callbacks of the host may call in meanwhile; it returns, or reports, when
-    // the instance is gone. stopIngest throws `ingest_instance_not_found`, or reports it in the callback.
-    void startIngest(const std::string& configGuid, const std::string& commonData,
-                     velmora_ingest_error_callback errorCallback, IngestInstance** out);
-    void stopIngest(IngestInstance* instance, velmora_ingest_completion_callback callback, void* userData);
+    using Handle = InstanceTable::Handle;
 
-    // With the table of instances held.
-    [[nodiscard]] bool hasIngestInstance(const IngestInstance* instance) const;
+    // A second start with a guid gives the running instance. With a callback, the end of a stop is reported there:
+    // code 14 for a handle that is not alive.
+    [[nodiscard]] Handle startIngest(const std::string& configGuid, const std::string& commonData,
+                                     velmora_ingest_error_callback errorCallback);
+    void stopIngest(Handle handle, velmora_ingest_completion_callback callback, void* userData);
 
-    // Calls on an instance that can't be stopped meanwhile. A handle that is not alive throws
-    // `ingest_instance_not_found`; it is compared, never followed.
-    template <typename Call>
-    void withLiveInstance(IngestInstance* instance, Call call) {
-        const std::shared_lock<SharedMutex> lock(instancesLock_);
-        if (!hasIngestInstance(instance)) throw std::system_error(VelmoraError::ingest_instance_not_found);
-        call(*instance);
-    }
+    // Throws `ingest_instance_not_found`.
+    [[nodiscard]] InstanceTable::Held instance(Handle handle) { return instances_.hold(handle); }
 
     // What the host says.
     void goOnline();
@@ -85,7 +75,6 @@ public:
 
 private:
     using IngestConfig = service::config::ingest::Config;
-    using Instances = std::unordered_map<std::string, std::shared_ptr<IngestInstance>>;
     enum class EngineState { none, creating, ready };
 
     // Removes the logger when everything that logs is gone.
@@ -99,18 +88,13 @@ private:
 
     void installDefaultLogger();
     void connect();
-    std::error_code stopBody(IngestInstance* instance) noexcept;
-    Instances::const_iterator findInstance(const IngestInstance* instance) const;
-    std::shared_ptr<IngestInstance> takeInstance(const IngestInstance* instance);
-    void stopInstances();
+    std::error_code stopBody(Handle handle);
     void setOnline(bool online);
     void tellOnline(transfer::TransferEngine& engine);
     std::shared_ptr<transfer::TransferEngine> presentTransferEngine() VELMORA_EXCLUDES(dataMutex_);
     std::shared_ptr<transfer::TransferEngine> createTransferEngine();
-    std::shared_ptr<const IngestConfig> findIngestConfig(const std::string& configGuid) VELMORA_EXCLUDES(dataMutex_);
-    void changeIngestConfig(const std::string& configGuid, const std::function<void(IngestConfig&)>& change)
-        VELMORA_EXCLUDES(dataMutex_);
-
+    void tellFacts(IngestInstance& instance);
+    void tellFactsToAll();
     void forEachInstance(const std::function<void(IngestInstance&)>& visit);
     void scheduleStateUpdate();
     void scheduleProfile();
@@ -122,11 +106,9 @@ private:
     void adoptGlobalConfig();
 
     const LoggerEnd loggerEnd_;
-    mutable SharedMutex instancesLock_;
     Mutex dataMutex_;
-    StringMap commonData_ VELMORA_GUARDED_BY(dataMutex_);
-    std::string sessionGuid_ VELMORA_GUARDED_BY(dataMutex_);
-    StringMap lorneProfile_ VELMORA_GUARDED_BY(dataMutex_);
+    Published<HostFacts> facts_;
+    IngestSettings ingestSettings_;
     std::atomic<bool> online_ = false;  // set by the host's calls, read by instances without a lock
     const std::unique_ptr<SessionConfigProvider> configProvider_;
     EngineState engineState_ VELMORA_GUARDED_BY(dataMutex_) = EngineState::none;
@@ -134,10 +116,9 @@ private:
     std::shared_ptr<transfer::TransferEngine> transferEngine_ VELMORA_GUARDED_BY(dataMutex_);
     const std::unique_ptr<NetworkMonitor> networkMonitor_;
     IdentityManager identityManager_;
-    Instances instances_;                      // guarded by instancesLock_
-    std::atomic<uint32_t> stopsUnderWay_ = 0;  // raised before the table is looked at
-    std::unordered_map<std::string, std::shared_ptr<const IngestConfig>> ingestConfigs_ VELMORA_GUARDED_BY(dataMutex_);
+    InstanceTable instances_;
     Conversions conversions_;
+    TaskEngine stops_;  // each with a callback on a thread of its own: one may wait for the host
 };
 
 }  // namespace velmora

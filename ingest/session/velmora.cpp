@@ -3,7 +3,7 @@
 
 #include "core/logging/formattedlogger.h"
 #include "ingest/main/entryframe.h"
-#include "ingest/session/globalconfig.h"
+#include "ingest/session/hostsettings.h"
 #include "ingest/session/session.h"
 #include "velmora/session.h"
 

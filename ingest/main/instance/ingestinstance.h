@@ -25,6 +25,10 @@ public:
     // With a callback it returns at once, and the callback gets a velmora_result.
     virtual void flush(velmora_ingest_completion_callback callback, void* userData) = 0;
 
+    // Takes the lines from On for good and lets those go who wait in a flush; the destructor does the rest. Returns at
+    // once; only the first call acts.
+    virtual void beginStop() noexcept {}
+
     // For the session.
     [[nodiscard]] virtual std::string getConfigGuid() = 0;
     virtual void setProfile(std::shared_ptr<service::oswin::Profile> profile) = 0;  // empty for none
@@ -41,8 +45,9 @@ public:
 class SessionView;
 
 // Starts an instance. Throws `invalid_json`, `invalid_argument`, `cache_lock_error`, and what its stores raise.
-[[nodiscard]] std::shared_ptr<IngestInstance> makeIngestInstance(SessionView& session, std::string configGuid,
-                                                                 const std::string& commonData,
+// `handle` is what callbacks of the host receive.
+[[nodiscard]] std::shared_ptr<IngestInstance> makeIngestInstance(SessionView& session, velmora_ingest_instance handle,
+                                                                 std::string configGuid, const std::string& commonData,
                                                                  velmora_ingest_error_callback errorCallback);
 
 }  // namespace velmora

@@ -7,6 +7,7 @@
 #include "core/json/mergejson.h"
 #include "core/types/errors.h"
 #include "core/types/logger.h"
+#include "core/utils/callbackscope.h"
 #include "core/utils/gate.h"
 #include "core/utils/timestamps.h"
 #include "ingest/main/instance/instancefolder.h"
@@ -39,10 +40,10 @@ PipelineKind kindOfStore(const std::string& storeName) {
 
 }  // namespace
 
-std::shared_ptr<IngestInstance> makeIngestInstance(SessionView& session, std::string configGuid,
-                                                   const std::string& commonData,
+std::shared_ptr<IngestInstance> makeIngestInstance(SessionView& session, velmora_ingest_instance handle,
+                                                   std::string configGuid, const std::string& commonData,
                                                    velmora_ingest_error_callback errorCallback) {
-    return std::make_shared<IngestInstanceImpl>(session, std::move(configGuid), commonData, errorCallback);
+    return std::make_shared<IngestInstanceImpl>(session, handle, std::move(configGuid), commonData, errorCallback);
 }
 
 IngestInstanceImpl::StringMap IngestInstanceImpl::effectiveCommonData(const std::string& commonData,
@@ -52,9 +53,10 @@ IngestInstanceImpl::StringMap IngestInstanceImpl::effectiveCommonData(const std:
     return effective;
 }
 
-IngestInstanceImpl::IngestInstanceImpl(SessionView& session, std::string configGuid, const std::string& commonData,
-                                       velmora_ingest_error_callback errorCallback)
+IngestInstanceImpl::IngestInstanceImpl(SessionView& session, velmora_ingest_instance handle, std::string configGuid,
+                                       const std::string& commonData, velmora_ingest_error_callback errorCallback)
     : session_(session),
+      handle_(handle),
       configGuid_(std::move(configGuid)),
       instanceFolder_(acquireInstanceFolder(configGuid_, true)),
       errorCallback_(errorCallback),
@@ -259,8 +261,8 @@ void IngestInstanceImpl::flush(velmora_ingest_completion_callback callback, void
         }
         VELMORA_LOG_SCOPE_AT(info, "ingestinstance", "velmora::IngestInstanceImpl::flush",
                              "invoke flush completion callback");
-        callback(reinterpret_cast<velmora_ingest_instance>(static_cast<IngestInstance*>(this)), toVelmoraError(result),
-                 userData);
+        const CallbackScope scope(handle_);
+        callback(handle_, toVelmoraError(result), userData);
     }));
 }
 
@@ -289,10 +291,10 @@ void IngestInstanceImpl::setProfile(std::shared_ptr<service::oswin::Profile> pro
 }
 
 void IngestInstanceImpl::reportError(int32_t code) {
-    // The caller holds the table of instances; the host is called without.
     engine_.schedule(Task([this, code] {
         VELMORA_LOG_SCOPE_AT(info, "ingestinstance", "velmora::IngestInstanceImpl::reportError",
                              "reportError: e=" << code);
+        const CallbackScope scope(handle_);
         if (errorCallback_ != nullptr) errorCallback_(code);
     }));
 }

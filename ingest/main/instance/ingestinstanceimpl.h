@@ -26,8 +26,8 @@ namespace velmora {
 
 class IngestInstanceImpl final : public IngestInstance {
 public:
-    IngestInstanceImpl(SessionView& session, std::string configGuid, const std::string& commonData,
-                       velmora_ingest_error_callback errorCallback);
+    IngestInstanceImpl(SessionView& session, velmora_ingest_instance handle, std::string configGuid,
+                       const std::string& commonData, velmora_ingest_error_callback errorCallback);
     ~IngestInstanceImpl() override;
 
     void addCommonAttribute(const char* key, const char* value) override;
@@ -72,6 +72,7 @@ private:
     service::config::ingest::Config fetchConfig(const std::string& configGuid);
 
     SessionView& session_;
+    const velmora_ingest_instance handle_;
     SerialTaskEngine engine_;
     const std::string configGuid_;
     const std::unique_ptr<LockedPath> instanceFolder_;

@@ -3,6 +3,7 @@
 #include <gtest/gtest.h>
 
 #include <algorithm>
+#include <atomic>
 #include <chrono>
 #include <ctime>
 #include <mutex>
@@ -14,6 +15,7 @@
 
 #include "core/platform/pool.h"
 #include "core/platform/process.h"
+#include "core/utils/gate.h"
 #include "core/utils/taskengine.h"
 #include "core/utils/timestamps.h"
 #include "tests/support/capturedlog.h"
@@ -329,6 +331,37 @@ TEST(Timer, FiresInOrderOfDueTimeAndNotBefore) {
         "timers", 1, 60000));
     EXPECT_EQ(order, (std::vector<int>{40, 80, 120}));
     EXPECT_GE(first, 39ms);
+}
+
+TEST(Gate, OnceClosedAndWaitedForNobodyIsInsideAndItMayGo) {
+    for (int round = 0; round < 200; ++round) {
+        auto guarded = std::make_unique<std::atomic<int>>(0);
+        auto gate = std::make_unique<Gate>();
+        Gate* const shared = gate.get();
+        std::atomic<int> seen = 0;
+        std::vector<std::jthread> visitors;
+        for (int i = 0; i < 3; ++i) {
+            visitors.emplace_back([&, data = guarded.get()](const std::stop_token& stop) {
+                while (!stop.stop_requested() && shared->enter()) {
+                    ++*data;
+                    ++seen;
+                    shared->leave();
+                }
+            });
+        }
+        while (seen < 50) std::this_thread::yield();
+        ASSERT_TRUE(gate->enter());
+        gate->close();
+        EXPECT_FALSE(gate->enter());
+        EXPECT_FALSE(gate->waitUntil(Gate::Clock::now()));
+        gate->wait(1);
+        EXPECT_EQ(gate->inside(), 1U);
+        std::thread last([&] { shared->leave(); });
+        gate->wait();
+        guarded.reset();
+        last.join();
+        visitors.clear();
+    }
 }
 
 }  // namespace

@@ -8,7 +8,7 @@
 #include "core/json/jsontext.h"
 #include "core/network/platformnetworkmonitor.h"
 #include "core/types/logger.h"
-#include "ingest/session/globalconfig.h"
+#include "ingest/session/hostsettings.h"
 #include "ingest/session/identitymanager.h"
 #include "ingest/session/session.h"
 #include "tests/support/fakehost.h"

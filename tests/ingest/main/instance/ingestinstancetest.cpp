@@ -25,7 +25,7 @@ class InstanceTest : public testing::Test {
 protected:
     InstanceTest() { Filesystem::setRootPath(Path(root_.path())); }
 
-    void start() { instance_ = makeIngestInstance(session_, "guid", "{}", nullptr); }
+    void start() { instance_ = makeIngestInstance(session_, nullptr, "guid", "{}", nullptr); }
 
     // Of one subtype for each of the three lines that are sent.
     void submitOneOfEach() {

@@ -1,11 +1,8 @@
-#include "ingest/session/globalconfig.h"
+#include "ingest/session/hostsettings.h"
 
-#include <memory>
-#include <utility>
 #include <vector>
 
 #include "core/json/validjson.h"
-#include "core/types/mutex.h"
 #include "core/utils/strings.h"
 
 namespace velmora {
@@ -15,29 +12,14 @@ using Config = service::config::session::Config;
 
 constexpr char kLogLevelVariable[] = "VELMORA_CONFIG_RESERVED_LOG_LEVEL";
 
-using SharedConfig = std::shared_ptr<const Config>;
-
-Mutex globalConfigMutex;  // stands alone; held for a look or an exchange
-
-SharedConfig& globalConfig() VELMORA_REQUIRES(globalConfigMutex) {
-    static auto& config = *new SharedConfig(std::make_shared<Config>());  // outlives the session, whose end reads it
+// Never destroyed: the session's end reads it.
+Published<Config>& globalConfig() {
+    static auto& config = *new Published<Config>;
     return config;
 }
 
-SharedConfig presentConfig() {
-    const MutexLock lock(globalConfigMutex);
-    return globalConfig();
-}
-
-// On a copy and without the mutex, since the parser logs; once more if another change has come between.
-SharedConfig overwrite(const std::string& document) {
-    while (true) {
-        const SharedConfig before = presentConfig();
-        auto after = std::make_shared<Config>(*before);
-        after->overwriteWith(document);
-        const MutexLock lock(globalConfigMutex);
-        if (globalConfig() == before) return globalConfig() = std::move(after);
-    }
+Published<Config>::Shared overwrite(const std::string& document) {
+    return globalConfig().change([&](Config& config) { config.overwriteWith(document); });
 }
 
 std::vector<std::string> splitPath(const std::string& path) {
@@ -66,6 +48,21 @@ std::string unquoted(const std::string& segment) {
 
 }  // namespace
 
+Published<IngestSettings::Config>::Shared IngestSettings::get(const std::string& configGuid) const {
+    const MutexLock lock(mutex_);
+    const auto found = configs_.find(configGuid);
+    return found == configs_.end() ? defaults_ : found->second.get();
+}
+
+void IngestSettings::change(const std::string& configGuid, const std::function<void(Config&)>& change) {
+    Published<Config>* config = nullptr;
+    {
+        const MutexLock lock(mutex_);
+        config = &configs_[configGuid];
+    }
+    config->change(change);
+}
+
 std::string jsonFromPath(const std::string& path, const std::string& value) {
     const std::vector<std::string> segments = splitPath(path);
     std::string document;
@@ -81,7 +78,7 @@ std::string jsonFromPath(const std::string& path, const std::string& value) {
 Config getGlobalConfig() {
     std::string level;
     const bool isOverridden = getEnvironmentVariable(kLogLevelVariable, level) && !level.empty();
-    return isOverridden ? *overwrite(jsonFromPath("reserved.log.level", level)) : *presentConfig();
+    return isOverridden ? *overwrite(jsonFromPath("reserved.log.level", level)) : *globalConfig().get();
 }
 
 void overwriteGlobalConfig(const std::string& json) { static_cast<void>(overwrite(json)); }
