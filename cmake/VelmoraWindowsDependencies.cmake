@@ -3,7 +3,7 @@
 if(CMAKE_CROSSCOMPILING)
     set(linked_headers ${PROJECT_BINARY_DIR}/headers)
     file(MAKE_DIRECTORY ${linked_headers})
-    foreach(library boost rapidjson CLI)
+    foreach(library boost rapidjson CLI nlohmann)
         if(NOT EXISTS /usr/include/${library})
             message(FATAL_ERROR "/usr/include/${library} is missing: run ./dev setup windows-x64")
         endif()

@@ -1,0 +1,11 @@
+#include <stdexcept>
+
+#include "tools/velmora/store.h"
+
+namespace velmora::tool {
+
+std::unique_ptr<Store> openJetStreamStore(const StoreOptions&) {
+    throw std::runtime_error("this build of velmora has no JetStream store; give --store a file");
+}
+
+}  // namespace velmora::tool
