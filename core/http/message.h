@@ -1,13 +1,41 @@
-// The two sides of an HTTP exchange, as values.
+// The two sides of an HTTP exchange, as values, and the judgement on its status.
 #pragma once
 
 #include <cstdint>
 #include <iosfwd>
 #include <map>
+#include <memory>
 #include <string>
 #include <system_error>
 
-#include "core/http/httpstatus.h"
+#include "core/json/jsonparser.h"
+
+namespace velmora::http {
+
+// Holds the number itself; any number is allowed, 0 means that none came.
+enum class Status : int32_t { None = 0, Ok = 200, BadRequest = 400, Unauthorized = 401, Forbidden = 403 };
+
+// Prints the number, a blank and the name: "200 Ok"; the name of a number without one is "unknown".
+std::ostream& operator<<(std::ostream& out, Status status);
+
+// "http_error". Its messages know 0 and the 4xx and 5xx numbers.
+const std::error_category& httpCategory() noexcept;
+
+inline std::error_code make_error_code(Status status) noexcept { return {static_cast<int>(status), httpCategory()}; }
+
+[[nodiscard]] bool isHttpError(const std::error_code& error) noexcept;    // http_error, 400 to 599
+[[nodiscard]] bool isForbidden(const std::error_code& error) noexcept;    // http_error, 403
+[[nodiscard]] bool isServerError(const std::error_code& error) noexcept;  // http_error, at least 500
+
+// What the status of a completed exchange says: no error for 2xx; the "http_error" of that number for 400 to 599; for
+// everything else, such as a redirect that nobody has followed or no status at all, `retriable` of the transport's
+// domain, with a warning: such an answer did not come from the service.
+[[nodiscard]] std::error_code judgeStatus(int status);
+
+}  // namespace velmora::http
+
+template <>
+struct std::is_error_code_enum<velmora::http::Status> : std::true_type {};
 
 namespace velmora::http {
 
@@ -31,25 +59,22 @@ struct Request {
     std::string body;  // bytes
 };
 
-class Response {
-public:
-    // A status from 400 to 599 also sets the error, to that number of the "http_error" domain.
-    void setStatus(int value);
-    void setError(std::error_code value) { error = value; }
-    void setHeader(const std::string& key, const std::string& value) { headers[key] = value; }
-    [[nodiscard]] bool hasHeader(const std::string& key) const { return headers.count(key) != 0; }
-
-    // Inserts the chunk at an offset that the body already reaches; a chunk behind a hole is dropped and logged.
-    void addBodyChunk(uint64_t offset, const char* data, uint64_t length);
-
-    // The header "retry-after" in whole seconds: 0 without the header, -1 if it is no number.
-    [[nodiscard]] int getRetryAfter() const;
-
+struct Response {
     int32_t status = 0;  // 0 when none came
     Headers headers;
     std::string body;  // bytes
     std::error_code error;
+
+    // The header "retry-after" in whole seconds: 0 without the header, -1 if it is no number.
+    [[nodiscard]] int getRetryAfter() const;
 };
+
+// Reads the body of a response without an error into `record`, with a Parser, a JsonDefaultParser that is made from a
+// Record&. The response's own error, or the parser's.
+template <typename Parser, typename Record>
+[[nodiscard]] std::error_code parseBody(const Response& response, Record& record) {
+    return response.error ? response.error : JsonParser::parse(response.body, std::make_shared<Parser>(record));
+}
 
 // Base and path with exactly one "/" between them.
 [[nodiscard]] std::string joinUrl(const std::string& base, const std::string& path);

@@ -14,11 +14,11 @@ namespace velmora::http {
 
 class RetryHandler {
 public:
-    // `delay` is what the response asks for, else the default; `attempt` counts from 0. True: the retry is under way.
+    // `delay` is what the response asks for, else 0; `attempt` counts from 0. True: the retry is under way.
     using RetryCallback = std::function<bool(std::chrono::milliseconds delay, uint32_t attempt)>;
 
-    // 408, 429, 500, 502, 503 and 504 are retriable from the start. `maxRetries` is kept, not enforced.
-    RetryHandler(uint32_t maxRetries, std::chrono::milliseconds defaultDelay, RetryCallback retry);
+    // 408, 429, 500, 502, 503 and 504 are retriable from the start.
+    explicit RetryHandler(RetryCallback retry);
 
     void addRetriable(std::error_code error) { retriable_.insert(error); }
 
@@ -28,8 +28,6 @@ public:
 
 private:
     uint32_t attempt_ = 0;
-    [[maybe_unused]] uint32_t maxRetries_;
-    std::chrono::milliseconds defaultDelay_;
     std::set<std::error_code> retriable_;
     RetryCallback retry_;
 };

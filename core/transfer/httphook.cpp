@@ -4,9 +4,8 @@
 #include <stdexcept>
 #include <string>
 
-#include "core/transfer/hostcallbacks.h"
-#include "core/transfer/hostcontext.h"
-#include "core/transfer/transferengineimpl.h"
+#include "core/transfer/transfer.h"
+#include "core/transfer/transferengine.h"
 #include "core/types/errors.h"
 #include "core/types/logger.h"
 #include "velmora/http.h"
@@ -14,36 +13,12 @@
 namespace velmora::transfer {
 namespace {
 
-// Both null, or neither.
-struct Validated {
-    std::shared_ptr<HostContext> context;
-    std::shared_ptr<TransferEngineImpl> engine;
-};
-
-Validated validateContext(const void* session, void* token) {
-    std::shared_ptr<HostContext> context = findHostContext(token);
-    if (!context) {
-        VELMORA_LOG(error, "transfer") << "No context!";
-        return {};
-    }
-    std::shared_ptr<TransferEngineImpl> engine = context->engine.lock();
-    if (!engine) {
-        VELMORA_LOG(error, "transfer") << "No TransferEngineImpl in context";
-        return {};
-    }
-    if (engine->session() != session) {
-        VELMORA_LOG(error, "transfer") << "Mismatch in session";
-        return {};
-    }
-    return {std::move(context), std::move(engine)};
-}
-
-// The frame of every notification: nothing is done for a context that does not validate, and nothing is thrown.
-template <typename Notification>
-int32_t notify(const void* session, void* token, Notification notification) {
-    const NotificationVisit visit;
-    return exceptionToVelmoraError([&] {
-        if (const Validated valid = validateContext(session, token); valid.context) notification(valid);
+// The frame of every notification: nothing is done for a context that is refused, and nothing is thrown.
+template <typename Notify>
+int32_t notify(const void* session, const void* context, Notify notify) {
+    return velmora::exceptionToVelmoraError([&] {
+        Notification notification(session, context);
+        if (notification) notify(notification);
     });
 }
 
@@ -106,9 +81,9 @@ int32_t velmora_http_setCancelRequestCallback(velmora_http_cancel_request_callba
 
 int32_t velmora_http_onRequestHeaders(void* session, velmora_http_header* buffer, uint32_t capacity, uint32_t* count,
                                       void* context) {
-    return notify(session, context, [&](const Validated& valid) {
+    return notify(session, context, [&](Notification& notification) {
         velmora::http::Headers headers;
-        valid.context->responder->onRequestHeaders(headers);
+        notification.transfer().onRequestHeaders(headers);
         requireOutput(count);
         *count = 0;
         if (headers.size() > capacity || headers.empty()) return;
@@ -118,45 +93,44 @@ int32_t velmora_http_onRequestHeaders(void* session, velmora_http_header* buffer
 }
 
 int32_t velmora_http_onRequestBodyLength(void* session, uint64_t* length, void* context) {
-    return notify(session, context, [&](const Validated& valid) {
+    return notify(session, context, [&](Notification& notification) {
         requireOutput(length);
         *length = 0;
-        valid.context->responder->onRequestBodyLength(length);
+        notification.transfer().onRequestBodyLength(*length);
     });
 }
 
 int32_t velmora_http_onRequestBody(void* session, uint64_t offset, char* buffer, uint64_t* written, uint64_t capacity,
                                    void* context) {
-    return notify(session, context, [&](const Validated& valid) {
+    return notify(session, context, [&](Notification& notification) {
         requireOutput(written);
         *written = 0;
         if (capacity != 0) requireOutput(buffer);
-        valid.context->responder->onRequestBody(offset, buffer, written, capacity);
+        notification.transfer().onRequestBody(offset, buffer, *written, capacity);
     });
 }
 
-int32_t velmora_http_onResponseStatus(void* session, const char* protocol, uint32_t status, const char* reason,
-                                      void* context) {
-    return notify(session, context, [&](const Validated& valid) {
-        valid.context->responder->onResponseStatus(textOf(protocol), static_cast<int>(status), textOf(reason));
+int32_t velmora_http_onResponseStatus(void* session, const char*, uint32_t status, const char*, void* context) {
+    return notify(session, context, [&](Notification& notification) {
+        notification.transfer().onResponseStatus(static_cast<int>(status));
     });
 }
 
 int32_t velmora_http_onResponseHeaders(void* session, const char** pairs, uint32_t count, void* context) {
-    return notify(session, context, [&](const Validated& valid) {
-        valid.context->responder->onResponseHeaders(pairs ? collectHeaders(pairs, count) : velmora::http::Headers());
+    return notify(session, context, [&](Notification& notification) {
+        notification.transfer().onResponseHeaders(pairs ? collectHeaders(pairs, count) : velmora::http::Headers());
     });
 }
 
 int32_t velmora_http_onResponseBody(void* session, uint64_t offset, const char* data, uint64_t length, void* context) {
-    return notify(session, context, [&](const Validated& valid) {
-        valid.context->responder->onResponseBody(offset, data, data ? length : 0);
+    return notify(session, context, [&](Notification& notification) {
+        notification.transfer().onResponseBody(offset, {data, data ? length : 0});
     });
 }
 
 int32_t velmora_http_onCompletion(void* session, uint32_t result, const char* message, void* context) {
     return notify(session, context,
-                  [&](const Validated& valid) { valid.engine->complete(*valid.context, result, textOf(message)); });
+                  [&](Notification& notification) { notification.complete(result, textOf(message)); });
 }
 
 }  // extern "C"

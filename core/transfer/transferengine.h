@@ -1,41 +1,98 @@
-// The bridge between transfers and the HTTP stack.
+// The bridge between transfers and the host's HTTP callbacks (velmora/http.h).
 #pragma once
 
+#include <atomic>
 #include <cstdint>
 #include <functional>
 #include <memory>
 #include <string>
 #include <system_error>
 
-#include "core/http/message.h"
+#include "core/utils/gate.h"
+#include "velmora/http.h"
 
 namespace velmora::transfer {
 
-class TransferResponder;
+class Transfer;
 
-// Threads: any. Nothing is called back under a lock.
-class TransferEngine {
-public:
-    virtual ~TransferEngine() = default;
-
-    // Asks for a request to be sent; `out` tells whether it was taken over, and `requestId` then names it.
-    virtual void sendRequest(std::error_code& out, http::Verb verb, const std::string& url,
-                             std::shared_ptr<TransferResponder> responder, uint32_t* requestId) = 0;
-    virtual void cancelRequest(std::error_code& out, uint32_t requestId) = 0;
-
-    // Allow and forbid sending; an engine begins on line. offline() returns when no send is under way.
-    virtual void online() = 0;
-    virtual void offline() = 0;
-
-    // Told of every request that fails below HTTP; empty for nobody. Returns when the former callback runs no more, and
-    // so must not be called from within it.
-    using ErrorCallback = std::function<void(std::error_code, const std::string&)>;
-    virtual void setErrorCallback(ErrorCallback callback) = 0;
+// The host's callbacks. Exchanged by the host at any time; a change acts on the next use. Null means that there is
+// none.
+struct HostCallbacks {
+    std::atomic<velmora_http_new_session_callback> newSession = nullptr;
+    std::atomic<velmora_http_delete_session_callback> deleteSession = nullptr;
+    std::atomic<velmora_http_send_request_callback> sendRequest = nullptr;
+    std::atomic<velmora_http_cancel_request_callback> cancelRequest = nullptr;
 };
 
-// The engine over the host's callbacks (velmora/http.h). Opens the host's session: throws `http_callback_not_set` or
-// `http_session_creation_failed`. Whoever drops the last reference gives the session back there: notifications under
-// way are waited for, requests still with the host are cancelled, and what the host reports afterwards is refused.
-[[nodiscard]] std::shared_ptr<TransferEngine> makeTransferEngine();
+inline constinit HostCallbacks hostCallbacks;
+
+// Owns the host's session, from its construction to its destruction, and lists the transfers for which the host may
+// report something. What the host holds of a transfer is a token that is never null and never used twice, so a host
+// that reports something for a transfer that is over, against the rules, is refused instead of meeting freed memory.
+//
+// Threads: any. The host's callbacks and the error callback are called under no lock, and may enter the library.
+class TransferEngine {
+public:
+    // Told of every request that fails below HTTP. Runs no more once the engine is destroyed.
+    using ErrorCallback = std::function<void(std::error_code, const std::string&)>;
+
+    // Opens the host's session: throws `http_callback_not_set` or `http_session_creation_failed`.
+    explicit TransferEngine(ErrorCallback onError);
+
+    // Waits for the notifications under way, those of the calling thread aside, gives the session back, and tells the
+    // transfers that are still with the host that they are cancelled. What the host reports afterwards is refused.
+    ~TransferEngine();
+    TransferEngine(const TransferEngine&) = delete;
+    TransferEngine& operator=(const TransferEngine&) = delete;
+
+    struct Sent {
+        std::error_code error;   // 0: the host has taken the request over
+        uint32_t requestId = 0;  // its name for the host; not 0 without an error
+    };
+
+    // Throws `http_callback_not_set`.
+    [[nodiscard]] Sent sendRequest(Transfer& transfer);
+
+    // Asks the host to cancel. After `invalid_input` no completion is to come. Throws `http_callback_not_set`.
+    [[nodiscard]] std::error_code cancelRequest(const Transfer& transfer);
+
+    // Allow and forbid sending; an engine begins on line. offline() returns when no send callback is under way; within
+    // one it waits for none.
+    void online() { sends_.open(); }
+    void offline();
+
+private:
+    friend class Notification;
+
+    void reportError(std::error_code error, const std::string& message) const;
+
+    void* const session_;
+    const ErrorCallback onError_;
+    Gate sends_;
+    Gate notifications_;
+};
+
+// One notification of the host, while it is under way: the transfer that it names, and a hold on that one's engine.
+class Notification {
+public:
+    // Empty, and logged, if the token names no transfer of that session.
+    Notification(const void* session, const void* token);
+    ~Notification();
+    Notification(const Notification&) = delete;
+    Notification& operator=(const Notification&) = delete;
+
+    explicit operator bool() const noexcept { return transfer_ != nullptr; }
+    [[nodiscard]] Transfer& transfer() const noexcept { return *transfer_; }
+
+    // The host has ended the exchange with a velmora_http_result. Nothing is accepted for the token afterwards.
+    void complete(uint32_t result, const std::string& message);
+
+private:
+    const void* const token_;
+    std::shared_ptr<Transfer> transfer_;
+    TransferEngine* engine_ = nullptr;
+};
+
+[[nodiscard]] std::shared_ptr<TransferEngine> makeTransferEngine(TransferEngine::ErrorCallback onError = {});
 
 }  // namespace velmora::transfer

@@ -3,7 +3,6 @@
 #include <algorithm>
 #include <utility>
 
-#include "core/http/parsingresponder.h"
 #include "core/types/errors.h"
 #include "core/types/logger.h"
 #include "core/utils/strings.h"
@@ -144,31 +143,19 @@ std::optional<IdentityManager::Start> IdentityManager::beginRequest(Service serv
     return start;
 }
 
-IdentityManager::Responder IdentityManager::makeResponder(Service service, uint64_t exchange) {
-    if (service == Service::profile) {
-        return makeResponder<Profile, service::oswin::ProfileParser>(exchange, &IdentityManager::onProfileAnswer);
-    }
-    return makeResponder<TrackingFlag, service::selby::TrackingFlagParser>(exchange,
-                                                                           &IdentityManager::onTrackingAnswer);
-}
-
 // Answers go home to the engine: they come on threads of the host.
-template <typename Record, typename Parser, typename OnAnswer>
-IdentityManager::Responder IdentityManager::makeResponder(uint64_t exchange, OnAnswer onAnswer) {
-    const auto answer = [this, exchange, onAnswer](const Record& record, const http::Response& response,
-                                                   const std::error_code& error) {
-        engine_.schedule(Task([=, this] { (this->*onAnswer)(exchange, record, response, error); }));
+transfer::Responder IdentityManager::makeResponder(Service service, uint64_t exchange) {
+    return [this, service, exchange](http::Response response) {
+        engine_.schedule(
+            Task([this, service, exchange, response = std::move(response)] { onAnswer(service, exchange, response); }));
     };
-    return std::make_shared<http::JsonResponder<Record, Parser>>(
-        [answer](const Record& record, const http::Response& response) { answer(record, response, {}); },
-        [answer](std::error_code error, const http::Response& response) { answer({}, response, error); });
 }
 
 void IdentityManager::send(Service service, Start start) {
     const uint64_t exchange = start.exchange;
     try {
-        transfer::ExecutorImpl executor(transferEngine_());
-        const auto handle = executor.createContext(std::move(start.request), makeResponder(service, exchange));
+        const auto handle = std::make_shared<transfer::RequestHandle>(transferEngine_(), std::move(start.request),
+                                                                      makeResponder(service, exchange));
         {
             const MutexLock lock(mutex_);
             Request& request = requestOf(service);
@@ -176,19 +163,19 @@ void IdentityManager::send(Service service, Start start) {
             request.transfer = handle;
         }
         std::error_code error;
-        executor.execute(handle, error);  // a refusal reaches the responder as well
+        handle->execute(error);  // a refusal reaches the responder as well
     } catch (...) {
-        failAtOnce(service, exchange, currentExceptionToErrorCode("identitymanager", "velmora::IdentityManager::send"));
+        http::Response response;
+        response.error = currentExceptionToErrorCode("identitymanager", "velmora::IdentityManager::send");
+        onAnswer(service, exchange, response);
     }
 }
 
-void IdentityManager::failAtOnce(Service service, uint64_t exchange, const std::error_code& error) {
-    http::Response response;
-    response.setError(error);
+void IdentityManager::onAnswer(Service service, uint64_t exchange, const http::Response& response) {
     if (service == Service::profile) {
-        onProfileAnswer(exchange, {}, response, error);
+        onProfileAnswer(exchange, response);
     } else {
-        onTrackingAnswer(exchange, {}, response, error);
+        onTrackingAnswer(exchange, response);
     }
 }
 
@@ -201,8 +188,11 @@ bool IdentityManager::endRequest(Service service, uint64_t exchange,
     return true;
 }
 
-void IdentityManager::onProfileAnswer(uint64_t exchange, const Profile& profile, const http::Response& response,
-                                      const std::error_code& error) {
+void IdentityManager::onProfileAnswer(uint64_t exchange, const http::Response& answer) {
+    http::Response response = answer;
+    Profile profile;
+    response.error = http::parseBody<service::oswin::ProfileParser>(response, profile);
+    const std::error_code error = response.error;
     const std::shared_ptr<Profile> fresh = error ? nullptr : std::make_shared<Profile>(profile);
     const std::vector<uint64_t> intervals = retryIntervals();
     std::shared_ptr<transfer::RequestHandle> finished;
@@ -222,8 +212,11 @@ void IdentityManager::onProfileAnswer(uint64_t exchange, const Profile& profile,
         number(error == http::Status::Unauthorized ? VelmoraError::oswin_unauthorized : VelmoraError::oswin_error));
 }
 
-void IdentityManager::onTrackingAnswer(uint64_t exchange, const TrackingFlag& flag, const http::Response& response,
-                                       const std::error_code& error) {
+void IdentityManager::onTrackingAnswer(uint64_t exchange, const http::Response& answer) {
+    http::Response response = answer;
+    TrackingFlag flag;
+    response.error = http::parseBody<service::selby::TrackingFlagParser>(response, flag);
+    const std::error_code error = response.error;
     const std::vector<uint64_t> intervals = retryIntervals();
     std::shared_ptr<transfer::RequestHandle> finished;
     bool willRetry = false;
@@ -246,7 +239,6 @@ bool IdentityManager::checkAndSetupRetry(const http::Response& response, Service
     std::unique_ptr<http::RetryHandler>& handler = requestOf(service).retry;
     if (!handler) {
         handler = std::make_unique<http::RetryHandler>(
-            static_cast<uint32_t>(intervals.size()), std::chrono::milliseconds(0),
             [this, service, intervals](std::chrono::milliseconds delay, uint32_t attempt)
                 VELMORA_REQUIRES(mutex_) { return armRetry(service, intervals, delay, attempt); });
     }

@@ -15,7 +15,7 @@
 
 #include "core/http/message.h"
 #include "core/http/retryhandler.h"
-#include "core/transfer/executor.h"
+#include "core/transfer/transfer.h"
 #include "core/transfer/transferengine.h"
 #include "core/types/mutex.h"
 #include "core/utils/taskengine.h"
@@ -84,7 +84,6 @@ private:
 
     using Profile = service::oswin::Profile;
     using TrackingFlag = service::selby::TrackingFlag;
-    using Responder = std::shared_ptr<http::Responder>;
 
     // What was under way for the old user comes back to be dropped: that may call the host, and wait for it.
     [[nodiscard]] Handles reset(std::string token);
@@ -95,16 +94,11 @@ private:
     void doRequest(Service service, Exchange retried);
     std::optional<Start> beginRequest(Service service, Exchange retried);
     bool isKnown(Service service) const VELMORA_REQUIRES(mutex_);
-    Responder makeResponder(Service service, uint64_t exchange);
-    template <typename Record, typename Parser, typename OnAnswer>
-    Responder makeResponder(uint64_t exchange, OnAnswer onAnswer);
+    transfer::Responder makeResponder(Service service, uint64_t exchange);
     void send(Service service, Start start);
-    void failAtOnce(Service service, uint64_t exchange, const std::error_code& error);
-
-    void onProfileAnswer(uint64_t exchange, const Profile& profile, const http::Response& response,
-                         const std::error_code& error);
-    void onTrackingAnswer(uint64_t exchange, const TrackingFlag& flag, const http::Response& response,
-                          const std::error_code& error);
+    void onAnswer(Service service, uint64_t exchange, const http::Response& response);
+    void onProfileAnswer(uint64_t exchange, const http::Response& response);
+    void onTrackingAnswer(uint64_t exchange, const http::Response& response);
     bool endRequest(Service service, uint64_t exchange, std::shared_ptr<transfer::RequestHandle>& finished)
         VELMORA_REQUIRES(mutex_);
     bool checkAndSetupRetry(const http::Response& response, Service service,

@@ -118,7 +118,9 @@ Session::~Session() {
         instances_.stopAll();
     });
     exceptionSafeWrapper([this] {
-        if (const auto engine = presentTransferEngine()) engine->setErrorCallback(nullptr);
+        std::shared_ptr<transfer::TransferEngine> engine;  // ends here: its errors come to this session
+        const MutexLock lock(dataMutex_);
+        engine.swap(transferEngine_);
     });
 }
 
@@ -230,8 +232,7 @@ std::shared_ptr<transfer::TransferEngine> Session::createTransferEngine() {
             engineState_ = engine ? EngineState::ready : EngineState::none;
             engineCreated_.notifyAll();
         });
-        auto created = transfer::makeTransferEngine();
-        created->setErrorCallback(
+        auto created = transfer::makeTransferEngine(
             [this](std::error_code, const std::string&) { schedule(Task([this] { networkMonitor_->poll(); })); });
         tellOnline(*created);  // before anybody sends
         engine = std::move(created);

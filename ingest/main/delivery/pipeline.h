@@ -19,7 +19,7 @@
 #include "core/filesystem/path.h"
 #include "core/http/message.h"
 #include "core/http/retryhandler.h"
-#include "core/transfer/executor.h"
+#include "core/transfer/transfer.h"
 #include "core/types/mutex.h"
 #include "core/utils/taskengine.h"
 #include "ingest/event/eventmodel.h"

@@ -3,7 +3,6 @@
 
 #include <utility>
 
-#include "core/http/responder.h"
 #include "core/types/errors.h"
 #include "core/types/logger.h"
 #include "ingest/main/delivery/pipeline.h"
@@ -15,23 +14,9 @@ namespace {
 
 http::Response failedResponse(std::error_code error) {
     http::Response response;
-    response.setError(error);
+    response.error = error;
     return response;
 }
-
-// Answers once, also for a failed exchange with what had arrived: the server may have named a pause before it broke.
-class AnswerResponder final : public http::CollectingResponder {
-public:
-    explicit AnswerResponder(std::function<void(const http::Response&)> onAnswer) : onAnswer_(std::move(onAnswer)) {}
-    void onSuccess() override { onAnswer_(response_); }
-    void onFailure(std::error_code error) override {
-        response_.setError(error);
-        onAnswer_(response_);
-    }
-
-private:
-    const std::function<void(const http::Response&)> onAnswer_;
-};
 
 // What log lines say of any response.
 std::string describe(const http::Response& response, const std::string& name) {
@@ -104,7 +89,6 @@ void Pipeline::doHandleSuccess() {
 bool Pipeline::doRetry(const http::Response& response) {
     if (!retryHandler_) {
         retryHandler_ = std::make_unique<http::RetryHandler>(
-            static_cast<uint32_t>(session_.getRetryIntervals().size()), std::chrono::milliseconds(0),
             [this](std::chrono::milliseconds delay, uint32_t attempt) { return armRetry(delay, attempt); });
         retryInProgress_ = true;
     }
@@ -147,10 +131,10 @@ void Pipeline::logHTTPResponse(const http::Response& response) const {
 
 void Pipeline::post(http::Request request, const Answer& onAnswer, Transfer& transfer) {
     try {
-        transfer::ExecutorImpl executor(session_.getTransferEngine());
-        transfer = executor.createContext(std::move(request), std::make_shared<AnswerResponder>(onAnswer));
+        transfer =
+            std::make_shared<transfer::RequestHandle>(session_.getTransferEngine(), std::move(request), onAnswer);
         std::error_code error;
-        executor.execute(transfer, error);  // a refusal reaches the responder as well
+        transfer->execute(error);  // a refusal reaches the responder as well
     } catch (const std::system_error& e) {
         // The request never left, for want of the host's callbacks: as recoverable as any failure of transport.
         if (e.code().category() != velmoraCategory()) throw;
@@ -161,12 +145,11 @@ void Pipeline::post(http::Request request, const Answer& onAnswer, Transfer& tra
 http::Response Pipeline::doPost(http::Request request) {
     VELMORA_LOG(trace, "pipeline") << "Http request (sync): name=" << name_;
     http::Response answer;
-    transfer::ExecutorImpl executor(session_.getTransferEngine());
-    const Transfer transfer = executor.createContext(
-        std::move(request),
-        std::make_shared<AnswerResponder>([&answer](const http::Response& response) { answer = response; }));
+    const auto onAnswer = [&answer](http::Response response) { answer = std::move(response); };
+    const auto transfer =
+        std::make_shared<transfer::RequestHandle>(session_.getTransferEngine(), std::move(request), onAnswer);
     std::error_code error;
-    executor.execute(transfer, error);
+    transfer->execute(error);
     transfer->waitForCompletion();
     return answer;
 }

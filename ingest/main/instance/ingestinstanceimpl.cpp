@@ -3,7 +3,7 @@
 #include <algorithm>
 #include <utility>
 
-#include "core/http/httpstatus.h"
+#include "core/http/message.h"
 #include "core/json/mergejson.h"
 #include "core/types/errors.h"
 #include "core/types/logger.h"

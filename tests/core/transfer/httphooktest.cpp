@@ -5,10 +5,8 @@
 #include <thread>
 #include <vector>
 
-#include "core/transfer/executor.h"
-#include "core/transfer/transferengine.h"
-#include "core/transfer/transferresponder.h"
-#include "tests/core/transfer/recordingresponder.h"
+#include "tests/core/transfer/exchange.h"
+#include "tests/core/transfer/scriptedhost.h"
 #include "tests/support/capturedlog.h"
 #include "tests/support/fakehost.h"
 
@@ -17,29 +15,13 @@ namespace {
 
 using test::Answer;
 using test::CapturedLog;
+using test::Exchange;
 using test::FakeHost;
 using test::HostRequest;
+using test::kCancelled;
+using test::kSuccess;
 using test::OnCancel;
-using test::RecordingResponder;
-
-constexpr const char* kSuccess = "success";
-constexpr const char* kCancelled = "velmora_http_error:4";
-
-struct Sent {
-    bool execute(http::Request request = {}) {
-        handle = ExecutorImpl(engine).createContext(std::move(request), responder);
-        return ExecutorImpl(engine).execute(handle, error);
-    }
-    std::string outcome() {
-        handle->waitForCompletion();
-        return responder->outcome();
-    }
-
-    std::shared_ptr<TransferEngine> engine;
-    std::shared_ptr<RecordingResponder> responder = std::make_shared<RecordingResponder>();
-    std::shared_ptr<RequestHandle> handle = nullptr;
-    std::error_code error = {};
-};
+using test::ScriptedHost;
 
 TEST(HttpHook, CarriesARequestOutAndItsAnswerBack) {
     FakeHost host;
@@ -51,12 +33,12 @@ TEST(HttpHook, CarriesARequestOutAndItsAnswerBack) {
                                 .verb = http::Verb::POST,
                                 .headers = {{"content-type", "text"}, {"b", "2"}},
                                 .body = std::string(10000, 'x') + '\0'};
-    Sent sent{engine};
-    ASSERT_TRUE(sent.execute(request));
+    Exchange sent(engine, request);
+    ASSERT_TRUE(sent.execute());
     EXPECT_EQ(sent.outcome(), kSuccess);
-    EXPECT_EQ(sent.responder->response().status, 201);
-    EXPECT_EQ(sent.responder->response().body, "helloworld");
-    EXPECT_EQ(sent.responder->response().headers.at("x-REQUEST-id"), "18");
+    EXPECT_EQ(sent.heard->response.status, 201);
+    EXPECT_EQ(sent.heard->response.body, "helloworld");
+    EXPECT_EQ(sent.heard->response.headers.at("x-REQUEST-id"), "18");
 
     const std::vector<HostRequest> seen = host.requests();
     ASSERT_EQ(seen.size(), 1u);
@@ -93,23 +75,22 @@ TEST(HttpHook, EveryKindOfAnswerGivesOneOutcomeAndLeavesNothingBehind) {
         {"refused", Answer::refusal(6), false, "velmora_http_error:6", "velmora_http_error:6 failed to send request"},
     };
     FakeHost host;
-    const auto engine = makeTransferEngine();
     std::string hint;
-    engine->setErrorCallback(
+    const auto engine = makeTransferEngine(
         [&](std::error_code error, const std::string& message) { hint = toString(error) + " " + message; });
     for (const auto& row : rows) {
         SCOPED_TRACE(row.what);
         hint.clear();
         host.answer(row.answer);
-        Sent sent{engine};
+        Exchange sent(engine);
         EXPECT_EQ(sent.execute(), row.isTaken);
         EXPECT_EQ(sent.outcome(), row.outcome);
         const size_t id = host.sends();
         EXPECT_TRUE(!row.isTaken || host.waitUntil([&] { return host.requests()[id - 1].completed; }));
         EXPECT_EQ(hint, row.hint);
         sent.handle.reset();
-        EXPECT_EQ(sent.responder->outcome(), row.outcome);
-        EXPECT_EQ(sent.responder.use_count(), 1);
+        EXPECT_EQ(sent.heard->outcome, row.outcome);
+        EXPECT_EQ(sent.heard.use_count(), 1);
     }
     EXPECT_EQ(host.cancels(), 0u);
 }
@@ -131,7 +112,7 @@ TEST(HttpHook, DroppingAHandleEndsTheRequestWhateverTheHostSaysToTheCancel) {
         host.onCancel(row.behaviour);
         host.hold();
         auto engine = makeTransferEngine();
-        Sent sent{engine};
+        Exchange sent(engine);
         ASSERT_TRUE(sent.execute());
         std::thread late([&] {
             host.waitUntil([&] { return host.cancels() == 1; });
@@ -139,15 +120,15 @@ TEST(HttpHook, DroppingAHandleEndsTheRequestWhateverTheHostSaysToTheCancel) {
         });
         sent.handle.reset();
         late.join();
-        EXPECT_EQ(sent.responder->outcome(), row.outcome);
+        EXPECT_EQ(sent.heard->outcome, row.outcome);
         if (row.isCompletedByHost) {
             EXPECT_TRUE(host.waitForCompletions(1));
         }
-        EXPECT_TRUE(row.behaviour != OnCancel::unknown || sent.responder.use_count() == 1);
+        EXPECT_TRUE(row.behaviour != OnCancel::unknown || sent.heard.use_count() == 1);
         engine.reset();
         sent.engine.reset();
         EXPECT_EQ(host.deletedSessions(), 1u);
-        EXPECT_EQ(sent.responder->outcome(), row.outcome);
+        EXPECT_EQ(sent.heard->outcome, row.outcome);
     }
 }
 
@@ -167,9 +148,9 @@ TEST(HttpHook, MissingCallbacksAndSessionsAreReportedByCode) {
     EXPECT_EQ(codeOf([] { (void)makeTransferEngine(); }),
               "velmora_error:8 failed to create http session: http_session_creation_failed");
     host.failNewSessions(false);
-    Sent sent{makeTransferEngine()};
+    Exchange sent(makeTransferEngine());
     host.hold();
-    Sent pending{sent.engine};
+    Exchange pending(sent.engine);
     ASSERT_TRUE(pending.execute());
     velmora_http_setSendRequestCallback(nullptr);
     velmora_http_setCancelRequestCallback(nullptr);
@@ -177,11 +158,11 @@ TEST(HttpHook, MissingCallbacksAndSessionsAreReportedByCode) {
     EXPECT_EQ(codeOf([&] { sent.execute(); }),
               "velmora_error:7 http send request callback not set: http_callback_not_set");
     sent.handle.reset();
-    EXPECT_EQ(sent.responder->outcome(), "none");
-    EXPECT_EQ(sent.responder.use_count(), 1);
+    EXPECT_EQ(sent.heard->outcome, "none");
+    EXPECT_EQ(sent.heard.use_count(), 1);
     sent.engine->offline();  // returns: the failed send is not under way any more
     pending.handle.reset();
-    EXPECT_EQ(pending.responder->outcome(), kCancelled);
+    EXPECT_EQ(pending.heard->outcome, kCancelled);
     const CapturedLog log(LogLevel::warn);
     pending.engine.reset();
     sent.engine.reset();
@@ -191,11 +172,11 @@ TEST(HttpHook, MissingCallbacksAndSessionsAreReportedByCode) {
 
 TEST(HttpHook, OfflineKeepsRequestsHereAndWaitsForSendsUnderWay) {
     FakeHost host;
-    Sent refused{makeTransferEngine()};
+    Exchange refused(makeTransferEngine());
     TransferEngine& engine = *refused.engine;
     engine.offline();
     EXPECT_FALSE(refused.execute());
-    EXPECT_EQ(refused.responder->outcome(), "velmora_http_error:7");
+    EXPECT_EQ(refused.heard->outcome, "velmora_http_error:7");
     EXPECT_EQ(host.sends(), 0u);
 
     engine.online();
@@ -212,9 +193,9 @@ TEST(HttpHook, OfflineKeepsRequestsHereAndWaitsForSendsUnderWay) {
         isReturning = true;
         return Answer{};
     });
-    Sent reentrant{refused.engine};
-    EXPECT_TRUE(reentrant.execute({.url = "reentrant", .verb = http::Verb::GET, .headers = {}, .body = {}}));
-    Sent slow{refused.engine};
+    Exchange reentrant(refused.engine, {.url = "reentrant", .verb = http::Verb::GET, .headers = {}, .body = {}});
+    EXPECT_TRUE(reentrant.execute());
+    Exchange slow(refused.engine);
     std::thread sender([&] { slow.execute(); });
     inSend.get_future().wait();
     engine.offline();
@@ -223,128 +204,92 @@ TEST(HttpHook, OfflineKeepsRequestsHereAndWaitsForSendsUnderWay) {
     EXPECT_EQ(slow.outcome(), kSuccess);
 }
 
-// The notifications one by one, under a host that keeps each context.
-struct ContextHost {
-    std::vector<void*> contexts;
-    uint32_t id = 1;  // the same for every request
-    int session = 0;
-};
-
-class Notifications : public ::testing::Test {
-protected:
-    Notifications() {
-        host_ = {};
-        velmora_http_setNewSessionCallback([]() -> void* { return &host_.session; });
-        velmora_http_setDeleteSessionCallback([](void*) {});
-        velmora_http_setSendRequestCallback([](void*, int32_t, const char*, int32_t, void* context, uint32_t* id) {
-            host_.contexts.push_back(context);
-            *id = host_.id;
-            return int32_t{0};
-        });
-        velmora_http_setCancelRequestCallback([](void*, uint32_t) { return int32_t{VELMORA_HTTP_INVALID_INPUT}; });
-        engine_ = makeTransferEngine();
-    }
-
-    static int32_t complete(void* context, uint32_t result = VELMORA_HTTP_OK) {
-        return velmora_http_onCompletion(&host_.session, result, nullptr, context);
-    }
-
-    static inline ContextHost host_;
-    std::shared_ptr<TransferEngine> engine_;
-};
-
-TEST_F(Notifications, ContextsThatAreNotValidAreRefused) {
+TEST(Notifications, ContextsThatAreNotValidAreRefused) {
     const CapturedLog log(LogLevel::error);
-    Sent sent{engine_};
-    sent.execute({.url = "u", .verb = http::Verb::POST, .headers = {}, .body = "body"});
+    ScriptedHost host;
+    Exchange sent(makeTransferEngine(), {.url = "u", .verb = http::Verb::POST, .headers = {}, .body = "body"});
+    sent.execute();
     uint64_t length = 99;
     int otherSession = 0;
-    void* const context = host_.contexts.at(0);
-    EXPECT_EQ(velmora_http_onRequestBodyLength(&host_.session, &length, nullptr), 0);
+    void* const context = host.contexts.at(0);
+    EXPECT_EQ(velmora_http_onRequestBodyLength(&host, &length, nullptr), 0);
     EXPECT_EQ(velmora_http_onRequestBodyLength(&otherSession, &length, context), 0);
     EXPECT_EQ(length, 99u);
-    EXPECT_EQ(velmora_http_onRequestBodyLength(&host_.session, &length, context), 0);
+    EXPECT_EQ(velmora_http_onRequestBodyLength(&host, &length, context), 0);
     EXPECT_EQ(length, 4u);
-    EXPECT_EQ(complete(context), 0);
-    EXPECT_EQ(complete(context, VELMORA_HTTP_RETRIABLE), 0);
+    EXPECT_EQ(host.status(200), 0);
+    EXPECT_EQ(host.complete(), 0);
+    EXPECT_EQ(host.complete(VELMORA_HTTP_RETRIABLE), 0);
     EXPECT_EQ(sent.outcome(), kSuccess);
     EXPECT_EQ(log.messages("transfer"),
               (std::vector<std::string>{"No context!", "Mismatch in session", "No context!"}));
 }
 
-TEST_F(Notifications, HeadersAreCopiedIfTheyFit) {
-    Sent sent{engine_};
-    sent.execute({.url = "u",
-                  .verb = http::Verb::GET,
-                  .headers = {{"a", std::string(8191, 'v')},
-                              {"b", std::string(8192, 'v')},
-                              {std::string(1023, 'k'), "1"},
-                              {std::string(1024, 'l'), "2"}},
-                  .body = {}});
+TEST(Notifications, HeadersAreCopiedIfTheyFit) {
+    ScriptedHost host;
+    Exchange sent(makeTransferEngine(), {.url = "u",
+                                         .verb = http::Verb::GET,
+                                         .headers = {{"a", std::string(8191, 'v')},
+                                                     {"b", std::string(8192, 'v')},
+                                                     {std::string(1023, 'k'), "1"},
+                                                     {std::string(1024, 'l'), "2"}},
+                                         .body = {}});
+    sent.execute();
     std::vector<velmora_http_header> buffer(4);
     uint32_t count = 99;
-    EXPECT_EQ(velmora_http_onRequestHeaders(&host_.session, buffer.data(), 3, &count, host_.contexts.at(0)), 0);
+    EXPECT_EQ(velmora_http_onRequestHeaders(&host, buffer.data(), 3, &count, host.contexts.at(0)), 0);
     EXPECT_EQ(count, 0u);
-    EXPECT_EQ(velmora_http_onRequestHeaders(&host_.session, buffer.data(), 4, &count, host_.contexts.at(0)), 0);
+    EXPECT_EQ(velmora_http_onRequestHeaders(&host, buffer.data(), 4, &count, host.contexts.at(0)), 0);
     ASSERT_EQ(count, 2u);
     EXPECT_EQ(std::string(buffer[0].value), std::string(8191, 'v'));
     EXPECT_EQ(std::string(buffer[1].key), std::string(1023, 'k'));
-    complete(host_.contexts.at(0));
+    host.complete();
 }
 
-TEST_F(Notifications, RequestsThatShareAnIdAreCompletedEachByItsOwnContext) {
-    Sent first{engine_};
-    Sent second{engine_};
+TEST(Notifications, RequestsThatShareAnIdAreCompletedEachByItsOwnContext) {
+    ScriptedHost host;
+    const auto engine = makeTransferEngine();
+    Exchange first(engine);
+    Exchange second(engine);
     first.execute();
     second.execute();
-    complete(host_.contexts.at(1));
+    host.status(200, 1);
+    host.complete(VELMORA_HTTP_OK, 1);
     EXPECT_EQ(second.outcome(), kSuccess);
-    EXPECT_EQ(first.responder->outcome(), "none");
-    complete(host_.contexts.at(0));
+    EXPECT_EQ(first.heard->outcome, "none");
+    host.status(200, 0);
+    host.complete(VELMORA_HTTP_OK, 0);
     EXPECT_EQ(first.outcome(), kSuccess);
 }
 
-TEST_F(Notifications, TheEngineEndsOnItsOwnersThreadOnceTheHostHasLeft) {
-    struct Slow : RecordingResponder {
-        void setStatus(int) override {
-            isInside.set_value();
-            std::this_thread::sleep_for(std::chrono::milliseconds(20));  // for the engine's end to come first
-            isLeaving = true;
-        }
-        std::promise<void> isInside;
-        std::atomic<bool> isLeaving = false;
-    };
-    const auto responder = std::make_shared<Slow>();
-    const auto handle = ExecutorImpl(engine_).createContext({}, responder);
-    std::error_code error;
-    ASSERT_TRUE(ExecutorImpl(engine_).execute(handle, error));
-    static std::thread::id ender;
-    velmora_http_setDeleteSessionCallback([](void*) { ender = std::this_thread::get_id(); });
-    std::thread notifier(
-        [] { velmora_http_onResponseStatus(&host_.session, nullptr, 200, nullptr, host_.contexts.at(0)); });
-    responder->isInside.get_future().wait();
-    engine_.reset();
-    EXPECT_TRUE(responder->isLeaving);
-    EXPECT_EQ(ender, std::this_thread::get_id());
-    notifier.join();
-    EXPECT_EQ(responder->outcome(), kCancelled);
-}
-
-TEST_F(Notifications, AnErrorCallbackRunsNoMoreOnceItHasBeenExchanged) {
+// The outcome is told within a notification, so a responder that takes its time holds the engine's end back.
+TEST(Notifications, AnEngineEndsOnceTheHostHasLeftAndCancelsWhatIsStillWithIt) {
+    ScriptedHost host;
+    auto engine = makeTransferEngine();
     std::promise<void> isInside;
     std::atomic<bool> isLeaving = false;
-    engine_->setErrorCallback([&](std::error_code, const std::string&) {
+    const auto slow = std::make_unique<RequestHandle>(engine, http::Request{}, [&](const http::Response&) {
         isInside.set_value();
-        std::this_thread::sleep_for(std::chrono::milliseconds(20));
+        std::this_thread::sleep_for(std::chrono::milliseconds(20));  // for the engine's end to come first
         isLeaving = true;
     });
-    Sent sent{engine_};
-    sent.execute();
-    std::thread notifier([] { complete(host_.contexts.at(0), VELMORA_HTTP_RETRIABLE); });
+    std::error_code error;
+    ASSERT_TRUE(slow->execute(error));
+    Exchange pending(engine);
+    ASSERT_TRUE(pending.execute());
+    static std::atomic<bool> isDeleted = false;
+    velmora_http_setDeleteSessionCallback([](void*) { isDeleted = true; });
+    std::thread notifier([&] { host.complete(); });
     isInside.get_future().wait();
-    engine_->setErrorCallback(nullptr);
+    pending.engine.reset();
+    EXPECT_FALSE(isDeleted);
+    engine.reset();
     EXPECT_TRUE(isLeaving);
+    EXPECT_TRUE(isDeleted);
     notifier.join();
+    EXPECT_EQ(pending.outcome(), kCancelled);
+    EXPECT_EQ(host.complete(VELMORA_HTTP_OK, 1), 0);
+    EXPECT_EQ(pending.outcome(), kCancelled);
 }
 
 // Several host threads answer while handles are waited for or dropped.
@@ -366,15 +311,14 @@ TEST(HttpHookRace, EveryRequestHasItsOutcomeWhenItsHandleHasGone) {
         std::minstd_rand random(seed);
         for (int round = 0; round < kRounds; ++round) {
             host.onCancel(kBehaviours[random() % 4]);
-            Sent sent{engine};
+            Exchange sent(engine);
             sent.execute();
             if (random() % 3 == 0) sent.handle->waitForCompletion();
             for (auto spin = random() % 3000; spin > 0; --spin) std::atomic_signal_fence(std::memory_order_seq_cst);
             sent.handle.reset();
-            EXPECT_TRUE(sent.responder->outcome() == kSuccess || sent.responder->outcome() == kCancelled ||
-                        sent.responder->outcome() == "velmora_http_error:5" ||
-                        sent.responder->outcome() == "velmora_http_error:6")
-                << sent.responder->outcome();
+            EXPECT_TRUE(sent.heard->outcome == kSuccess || sent.heard->outcome == kCancelled ||
+                        sent.heard->outcome == "velmora_http_error:5" || sent.heard->outcome == "velmora_http_error:6")
+                << sent.heard->outcome;
         }
     };
     std::thread other(send, 1);

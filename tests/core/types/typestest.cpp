@@ -8,7 +8,7 @@
 #include <stdexcept>
 #include <utility>
 
-#include "core/http/httpstatus.h"
+#include "core/http/message.h"
 #include "core/types/errors.h"
 #include "core/types/logger.h"
 #include "tests/support/capturedlog.h"
