@@ -1,26 +1,42 @@
 #include "core/types/logger.h"
 
 #include <atomic>
+#include <chrono>
 #include <locale>
 #include <string_view>
-#include <utility>
+#include <thread>
 
 namespace velmora {
 namespace {
 
-// Owned by hand: a smart pointer with static storage would be destroyed before the last objects that log. Atomic, since
-// a logger's own engine may look while the logger is being installed; nobody else may log while it is exchanged.
+// How long an exchanged logger is waited for.
+constexpr std::chrono::seconds kUsePatience(2);
+
+// Owned by hand: a smart pointer with static storage would be destroyed before the last objects that log.
 std::atomic<Logger*> installed = nullptr;
+std::atomic<LogLevel> levelInForce = LogLevel::off;  // of the installed logger; off if there is none
+std::atomic<uint32_t> uses = 0;                      // raised before the logger is looked at
 
 // A line that can't be written is lost; nobody above could do anything about it.
 void writeLine(LogLevel level, const LogSite& site, std::ostringstream& message) noexcept {
     try {
-        Logger* const present = installed;
-        if (present == nullptr) return;
-        present->log(level, site.channel, logFunctionName(site.function).c_str(), logFileName(site.file).c_str(),
-                     site.line, message);
+        const LoggerUse used;
+        if (!used) return;
+        used->log(level, site.channel, logFunctionName(site.function).c_str(), logFileName(site.file).c_str(),
+                  site.line, message);
     } catch (...) {
     }
+}
+
+void exchangeLogger(Logger* next) {
+    Logger* const old = installed.exchange(next);
+    if (old == nullptr || old == next) return;
+    const auto deadline = std::chrono::steady_clock::now() + kUsePatience;
+    while (uses != 0) {
+        if (std::chrono::steady_clock::now() > deadline) return;  // left alive
+        std::this_thread::sleep_for(std::chrono::milliseconds(1));
+    }
+    delete old;
 }
 
 std::string without(std::string text, std::string_view unwanted) {
@@ -34,23 +50,34 @@ std::string without(std::string text, std::string_view unwanted) {
 
 Logger* logger() noexcept { return installed; }
 
-bool logs(LogLevel level) noexcept {
-    Logger* const present = installed;
-    return present != nullptr && present->getLogLevel() >= level;
+bool logs(LogLevel level) noexcept { return levelInForce.load(std::memory_order_relaxed) >= level; }
+
+LoggerUse::LoggerUse() noexcept {
+    ++uses;
+    logger_ = installed;
+}
+
+LoggerUse::~LoggerUse() { --uses; }
+
+void setLogLevel(LogLevel level) {
+    const LoggerUse used;
+    if (!used) return;
+    used->setLogLevel(level);
+    levelInForce = level;
 }
 
 void setLogger(std::unique_ptr<Logger> next) {
     if (next) {
-        Logger* const fresh = next.release();
-        Logger* const old = installed.exchange(fresh);
-        if (old != fresh) delete old;
+        const LogLevel level = next->getLogLevel();
+        exchangeLogger(next.release());
+        levelInForce = level;
         VELMORA_LOG_AT(info, "log", "velmora::setLogger") << "start logger";
         return;
     }
-    if (logger() == nullptr) return;
     VELMORA_LOG_AT(info, "log", "velmora::setLogger") << "stop logger";
-    logger()->stop();
-    delete installed.exchange(nullptr);
+    if (const LoggerUse used; used) used->stop();
+    levelInForce = LogLevel::off;
+    exchangeLogger(nullptr);
 }
 
 void setDefaultLogger(std::unique_ptr<Logger> next) {
@@ -87,29 +114,11 @@ LogStatement::LogStatement(LogLevel level, const char* channel, const char* func
 
 LogStatement::~LogStatement() { writeLine(level_, site_, message_); }
 
-LogScope::LogScope(LogLevel level, const char* channel, const char* function, const char* file, int line)
-    : level_(level), site_{channel, function, file, line} {
-    if (logs(level)) message_.emplace().imbue(std::locale::classic());
-}
-
-LogScope::LogScope(LogScope&& other) noexcept
-    : message_(std::move(other.message_)),
-      level_(other.level_),
-      site_(other.site_),
-      armed_(std::exchange(other.armed_, false)) {}
-
-LogScope::~LogScope() {
-    if (armed_) write("End ");
-}
-
-void LogScope::begin() noexcept { write("Begin "); }
-
-void LogScope::write(const char* prefix) noexcept {
-    if (!message_ || !logs(level_)) return;
+void writeScopeLine(LogLevel level, const LogSite& site, const char* prefix, const std::string& text) noexcept {
     try {
         std::ostringstream line;
-        line << prefix << message_->str();
-        writeLine(level_, site_, line);
+        line << prefix << text;
+        writeLine(level, site, line);
     } catch (...) {
         // As in writeLine.
     }

@@ -12,15 +12,18 @@
 // The process has one logger. What a statement or scope streams is formatted by the "C" locale, whatever the host's is.
 // A logger that throws loses the line and disturbs nobody.
 //
-// The installed logger is read without a lock: setLogger and setDefaultLogger are called only while nothing else runs
-// in the library, at start and at the end of a run. Its level may change at any time on any thread.
+// The logger may be exchanged and removed at any time: whoever writes a line is counted, and the old logger is waited
+// for until nobody writes to it. One that a line does not leave in time, since a callback of the host hangs in it, is
+// left alive. The level stands beside the logger, so that a line which it drops costs one look.
 #pragma once
 
 #include <cstdint>
+#include <locale>
 #include <memory>
 #include <optional>
 #include <sstream>
 #include <string>
+#include <utility>
 
 #include "core/types/types.h"
 
@@ -54,7 +57,7 @@ public:
     virtual void stop() {}
 };
 
-// The installed logger, or null.
+// The installed logger, or null. Only for a caller that knows it to stay: lines go through the macros.
 [[nodiscard]] Logger* logger() noexcept;
 
 // Installs a logger in place of the present one, which is destroyed; null removes it.
@@ -63,8 +66,26 @@ void setLogger(std::unique_ptr<Logger> logger);
 // Installs a logger only if there is none; otherwise it is destroyed at once. A host's callback thus always wins.
 void setDefaultLogger(std::unique_ptr<Logger> logger);
 
+// Changes the level of the installed logger; without effect if there is none.
+void setLogLevel(LogLevel level);
+
 // Whether a line of this level would be written.
 [[nodiscard]] bool logs(LogLevel level) noexcept;
+
+// The installed logger for as long as the object lives, or null.
+class LoggerUse {
+public:
+    LoggerUse() noexcept;
+    ~LoggerUse();
+    LoggerUse(const LoggerUse&) = delete;
+    LoggerUse& operator=(const LoggerUse&) = delete;
+
+    [[nodiscard]] explicit operator bool() const noexcept { return logger_ != nullptr; }
+    Logger* operator->() const noexcept { return logger_; }
+
+private:
+    Logger* logger_;
+};
 
 // Where a log statement stands.
 struct LogSite {
@@ -84,8 +105,10 @@ std::string logFunctionName(const char* prettyFunction);
 template <typename... Args>
 void logFormatted(LogLevel level, const LogSite& site, const char* format, Args... args) noexcept {
     try {
-        logger()->logf(level, site.channel, logFunctionName(site.function).c_str(), logFileName(site.file).c_str(),
-                       site.line, format, args...);
+        const LoggerUse used;
+        if (!used) return;
+        used->logf(level, site.channel, logFunctionName(site.function).c_str(), logFileName(site.file).c_str(),
+                   site.line, format, args...);
     } catch (...) {
     }
 }
@@ -106,34 +129,42 @@ private:
     std::ostringstream message_;
 };
 
-// A timed section: begin() writes "Begin " and the text, the destructor "End " and the text. Movable; what has been
-// moved from writes nothing.
+// Writes a line of a scope; what can't be written is lost.
+void writeScopeLine(LogLevel level, const LogSite& site, const char* prefix, const std::string& text) noexcept;
+
+// A timed section: "Begin " and the text here, "End " and the same text at its end. Each decides for itself whether the
+// level lets it pass; the text is made by the first that does.
+template <typename Describe>
 class LogScope {
 public:
-    LogScope(LogLevel level, const char* channel, const char* function, const char* file, int line);
-
-    // The text is what `describe` streams, which is called only if the level lets the scope pass; begins at once.
-    template <typename Describe>
+    // `describe` streams the text, and may be called as late as at the end of the scope.
     LogScope(LogLevel level, const char* channel, const char* function, const char* file, int line, Describe describe)
-        : LogScope(level, channel, function, file, line) {
-        if (message_) describe(*message_);
-        begin();
+        : level_(level), site_{channel, function, file, line}, describe_(std::move(describe)) {
+        write("Begin ");
     }
-    LogScope(LogScope&& other) noexcept;
-    LogScope& operator=(LogScope&&) = delete;
-    ~LogScope();
-
-    // Null when the level drops the scope, so that nothing is formatted.
-    std::ostringstream* stream() { return message_ ? &*message_ : nullptr; }
-    void begin() noexcept;
+    ~LogScope() { write("End "); }
+    LogScope(const LogScope&) = delete;
+    LogScope& operator=(const LogScope&) = delete;
 
 private:
-    void write(const char* prefix) noexcept;
+    void write(const char* prefix) noexcept {
+        if (!logs(level_)) return;
+        try {
+            if (!text_) {
+                std::ostringstream out;
+                out.imbue(std::locale::classic());
+                describe_(out);
+                text_ = out.str();
+            }
+            writeScopeLine(level_, site_, prefix, *text_);
+        } catch (...) {
+        }
+    }
 
-    std::optional<std::ostringstream> message_;
-    LogLevel level_;
-    LogSite site_;
-    bool armed_ = true;
+    const LogLevel level_;
+    const LogSite site_;
+    Describe describe_;
+    std::optional<std::string> text_;
 };
 
 // Gives a statement and the unwritten one the same type, void, and binds weaker than <<.

@@ -78,7 +78,7 @@ Session::Session()
       identityManager_(*this, *configProvider_, [this] { return getTransferEngine(); }) {
     VELMORA_LOGF(info, "session", "initialize session: sdk-version=%s session-guid=%s", kSdkVersion,
                  getSessionGuid().c_str());
-    if (logger() != nullptr) logger()->start();
+    if (const LoggerUse used; used) used->start();
     connect();
     configProvider_->start();
     currentSession = this;

@@ -43,10 +43,11 @@ void SessionConfigProvider::restart() {
 
 void SessionConfigProvider::refresh() {
     updateConfig(fetch_());
-    if (logger() == nullptr) return;
+    const LoggerUse used;
+    if (!used) return;
     const auto [level, limits] = read([](const Config& c) { return std::make_pair(c.logLevel, logConfigOf(c)); });
-    logger()->setLogLevel(level);
-    logger()->setConfig(limits);
+    setLogLevel(level);
+    used->setConfig(limits);
 }
 
 void SessionConfigProvider::refreshAndRearm() {

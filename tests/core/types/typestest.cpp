@@ -2,11 +2,15 @@
 
 #include <gtest/gtest.h>
 
+#include <atomic>
 #include <functional>
 #include <locale>
+#include <memory>
 #include <sstream>
 #include <stdexcept>
+#include <thread>
 #include <utility>
+#include <vector>
 
 #include "core/http/message.h"
 #include "core/types/errors.h"
@@ -144,12 +148,34 @@ private:
     const bool throws_;
 };
 
+// Counts the lines that reach it after its end.
+struct LimpLogger : Logger {
+    explicit LimpLogger(LifeOfALogger& life) : life_(life) {}
+    ~LimpLogger() override { *alive_ = false; }
+    LogLevel getLogLevel() override { return LogLevel::info; }
+    void setLogLevel(LogLevel) override {}
+    void logf(LogLevel, const char*, const char*, const char*, int, const char*, ...) override { line(); }
+    void log(LogLevel, const char*, const char*, const char*, int, std::ostringstream&) override { line(); }
+
+private:
+    void line() {
+        const std::shared_ptr<std::atomic<bool>> alive = alive_;
+        LifeOfALogger& life = life_;
+        std::this_thread::yield();
+        if (!*alive) ++life.lines;
+    }
+
+    LifeOfALogger& life_;
+    const std::shared_ptr<std::atomic<bool>> alive_ = std::make_shared<std::atomic<bool>>(true);
+};
+
 TEST(LogStatements, EvaluateNothingBelowTheLevelOrWithoutALogger) {
+    evaluations = 0;
     logInEveryForm();
     {
         const CapturedLog log(LogLevel::warn);
         logInEveryForm();
-        logger()->setLogLevel(LogLevel::off);
+        setLogLevel(LogLevel::off);
         EXPECT_FALSE(logs(LogLevel::always));
         EXPECT_TRUE(log.lines().empty());
     }
@@ -181,16 +207,39 @@ TEST(LogStatements, FormatNumbersWhateverTheHostsLocale) {
     EXPECT_EQ(log.messages(), (Messages{"1234567", "Begin 7654321", "End 7654321"}));
 }
 
-TEST(LogScope, WritesAPairAlsoWhenItIsMoved) {
-    const CapturedLog log;
+TEST(LogScope, BeginAndEndDecideEachForThemselves) {
+    const CapturedLog log(LogLevel::info);
     {
-        LogScope first(LogLevel::info, "log", "velmora::f", __FILE__, __LINE__);
-        *first.stream() << "work";
-        first.begin();
-        const LogScope second(std::move(first));
-        EXPECT_EQ(log.messages(), Messages{"Begin work"});
+        VELMORA_LOG_SCOPE(info, "log", "quiet end");
+        setLogLevel(LogLevel::warn);
     }
-    EXPECT_EQ(log.messages(), (Messages{"Begin work", "End work"}));
+    {
+        VELMORA_LOG_SCOPE(info, "log", "quiet begin");
+        setLogLevel(LogLevel::info);
+    }
+    EXPECT_EQ(log.messages(), (Messages{"Begin quiet end", "End quiet begin"}));
+}
+
+TEST(SetLogger, NobodyMeetsALoggerThatHasGone) {
+    std::atomic<bool> done = false;
+    std::vector<std::thread> writers;
+    for (int i = 0; i < 3; ++i) {
+        writers.emplace_back([&] {
+            while (!done) {
+                VELMORA_LOG(info, "log") << "line";
+                VELMORA_LOGF(info, "log", "%d", 1);
+            }
+        });
+    }
+    LifeOfALogger life;
+    for (int round = 0; round < 50; ++round) {
+        setLogger(std::make_unique<LimpLogger>(life));
+        setLogger(round % 2 == 0 ? nullptr : std::make_unique<LimpLogger>(life));
+    }
+    done = true;
+    for (std::thread& writer : writers) writer.join();
+    setLogger(nullptr);
+    EXPECT_EQ(life.lines, 0) << "lines of a logger whose destructor has begun";
 }
 
 TEST(SetLogger, EndsThePredecessorAndStopsTheLast) {
