@@ -6,40 +6,40 @@
 namespace velmora::httpstack {
 
 void Mailbox::postStart(std::shared_ptr<Exchange> exchange) {
-    const MutexLock lock(mutex_);
+    const std::lock_guard lock(mutex_);
     contents_.started.push_back(std::move(exchange));
-    changed_.notifyAll();
+    changed_.notify_all();
 }
 
 void Mailbox::postCancel(uint32_t id) {
-    const MutexLock lock(mutex_);
+    const std::lock_guard lock(mutex_);
     contents_.cancelled.push_back(id);
-    changed_.notifyAll();
+    changed_.notify_all();
 }
 
 void Mailbox::postEnd() {
-    const MutexLock lock(mutex_);
+    const std::lock_guard lock(mutex_);
     contents_.ending = true;
-    changed_.notifyAll();
+    changed_.notify_all();
 }
 
 void Mailbox::postProgress(const Progress& progress) noexcept {
-    const MutexLock lock(mutex_);
+    const std::lock_guard lock(mutex_);
     try {
         contents_.progress.push_back(progress);
     } catch (const std::bad_alloc&) {
         return;
     }
-    changed_.notifyAll();
+    changed_.notify_all();
 }
 
 Mailbox::Contents Mailbox::take(std::optional<std::chrono::steady_clock::time_point> deadline) {
-    const MutexLock lock(mutex_);
-    const auto hasMail = [this]() VELMORA_REQUIRES(mutex_) { return !isEmptyLocked(); };
+    std::unique_lock lock(mutex_);
+    const auto hasMail = [this] { return !isEmptyLocked(); };
     if (deadline)
-        changed_.waitUntil(mutex_, *deadline, hasMail);
+        changed_.wait_until(lock, *deadline, hasMail);
     else
-        changed_.wait(mutex_, hasMail);
+        changed_.wait(lock, hasMail);
     Contents taken = std::exchange(contents_, {});
     contents_.ending = taken.ending;
     return taken;
@@ -50,20 +50,19 @@ bool Mailbox::isEmptyLocked() const {
 }
 
 void Mailbox::handleOpened() {
-    const MutexLock lock(mutex_);
+    const std::lock_guard lock(mutex_);
     ++openHandles_;
 }
 
 void Mailbox::handleClosed() noexcept {
-    const MutexLock lock(mutex_);
+    const std::lock_guard lock(mutex_);
     --openHandles_;
-    changed_.notifyAll();
+    changed_.notify_all();
 }
 
 bool Mailbox::waitUntilClosed(std::chrono::milliseconds limit) {
-    const MutexLock lock(mutex_);
-    return changed_.waitUntil(mutex_, std::chrono::steady_clock::now() + limit,
-                              [this]() VELMORA_REQUIRES(mutex_) { return openHandles_ == 0; });
+    std::unique_lock lock(mutex_);
+    return changed_.wait_for(lock, limit, [this] { return openHandles_ == 0; });
 }
 
 }  // namespace velmora::httpstack

@@ -2,6 +2,7 @@
 
 #include <exception>
 #include <functional>
+#include <new>
 #include <utility>
 
 #include "core/json/jsontext.h"
@@ -24,14 +25,15 @@ QueueConfig Pipeline::queueConfig(const IngestConfigProvider& config, const std:
 }
 
 Pipeline::Pipeline(SessionView& session, const IngestConfigProvider& config, const Path& folder, DropCallback onDrop,
-                   std::string name, PipelineKind kind)
+                   std::string name, PipelineKind kind, bool adopted)
     : session_(session),
       config_(config),
       name_(std::move(name)),
       folderName_(folder.parent().filename().string()),
       crypt_(config.read([](const Config& c) { return c.encryptionPassphrase; })),
       store_(folder, std::move(onDrop), queueConfig(config, name_, kind)),
-      kind_(kind) {
+      kind_(kind),
+      adopted_(adopted) {
     VELMORA_LOG(info, "pipeline") << "Open pipeline: num_events=" << store_.size() << " name=" << name_;
 }
 
@@ -62,6 +64,9 @@ void Pipeline::changeState(PipelineState next) {
 
 void Pipeline::discardAll() {
     VELMORA_LOG(warn, "pipeline") << "Discard all events: reason=optout name=" << name_;
+    // A submit that has seen the state before may still be on its way to the store; none is after this.
+    submitting_.lock();
+    submitting_.unlock();
     discardDirectPosts();
     schedule(Task([this] {
         const uint64_t count = store_.size();
@@ -76,11 +81,17 @@ void Pipeline::submitEvent(std::string event, bool batch) {
         VELMORA_LOG(warn, "pipeline") << "Skip empty event: name=" << name_;
         return;
     }
+    if (acceptEvent(event, batch)) maybeStartBatch(true);
+}
+
+bool Pipeline::acceptEvent(const std::string& event, bool batch) {
+    submitting_.lock_shared();
+    const ScopeExit submitted([this] { submitting_.unlock_shared(); });
     const PipelineState state = state_;
     if (state == PipelineState::Off) throw std::system_error(VelmoraError::opt_out, "pipeline is in off state");
-    if (!batch && state == PipelineState::On) return scheduleDirectPost(std::move(event));
+    if (!batch && state == PipelineState::On && scheduleDirectPost(event)) return false;
     storeEvent(event);
-    maybeStartBatch(true);
+    return true;
 }
 
 bool Pipeline::isEnciphered() const {
@@ -100,10 +111,15 @@ void Pipeline::push(const std::string& stored) {
 }
 
 void Pipeline::maybeStartBatch(bool useBatchSize) {
-    const uint64_t threshold = useBatchSize ? config_.read([](const Config& c) { return c.batchSize; }) : 1;
+    const bool waitsForFull = useBatchSize && !adopted_;  // nobody adds to an adopted store: what is there goes at once
+    const uint64_t threshold = waitsForFull ? config_.read([](const Config& c) { return c.batchSize; }) : 1;
     const uint64_t stored = store_.size();
     if (state_ == PipelineState::On && stored >= threshold && takeSlot(BatchSlot::free)) {
-        enqueueTask(Task([this] { doInitiateRequest(); }));
+        try {
+            enqueueTask(Task([this] { doInitiateRequest(); }));
+        } catch (const std::bad_alloc&) {
+            slot_ = BatchSlot::free;  // the event is stored: the next submit or interval tries again
+        }
     }
     if (stored == 0 && emptyCallback_) emptyCallback_();
 }

@@ -36,6 +36,9 @@ public:
     // was, for a text that is no JSON object: whoever transforms an event has parsed it.
     using EventTransform = std::function<bool(std::string& event, bool includeIdentity)>;
 
+    // Events that are posted directly at a time; further ones are stored, and go with the next batch.
+    static constexpr size_t kDirectPosts = 64;
+
     // Told of what happens to events and requests, on any thread; the first argument names the instance folder.
     using DebugCallback = std::function<void(const std::string& folderName, PipelineKind, debug::Item, debug::Action,
                                              debug::Reason, uint64_t count)>;
@@ -46,10 +49,11 @@ public:
     using BatchErrorCallback = std::function<void(const std::error_code& error, const std::vector<std::string>& valid,
                                                   const std::vector<std::string>& invalid)>;
 
-    // Loads the store in `folder` and starts in SaveOnly. `name` is that of the store in logs and drop reports. Throws
-    // what the store raises.
+    // Loads the store in `folder` and starts in SaveOnly. `name` is that of the store in logs and drop reports. A line
+    // of an adopted folder, to which nobody adds, sends what is there at once instead of waiting for full batches.
+    // Throws what the store raises.
     Pipeline(SessionView& session, const IngestConfigProvider& config, const Path& folder, DropCallback onDrop,
-             std::string name, PipelineKind kind);
+             std::string name, PipelineKind kind, bool adopted = false);
 
     // Stops all work. Stored events stay on disk; events posted directly that have not been answered are stored.
     ~Pipeline() override;
@@ -65,7 +69,8 @@ public:
     // two threads at once.
     void changeState(PipelineState state);
 
-    // Stores an event; with `batch` false and sending on, posts it at once instead, and stores it only if that fails.
+    // Stores an event; with `batch` false and sending on, posts it at once instead, and stores it only if that fails or
+    // if kDirectPosts are under way.
     // An empty event is skipped with a warning. Throws `opt_out` in state Off, `event_too_big`, and what the store
     // raises.
     void submitEvent(std::string event, bool batch);
@@ -99,6 +104,7 @@ private:
 
     static QueueConfig queueConfig(const IngestConfigProvider& config, const std::string& name, PipelineKind kind);
 
+    bool acceptEvent(const std::string& event, bool batch);  // false if it is posted directly
     bool isEnciphered() const;
     void storeEvent(const std::string& event);
     void push(const std::string& stored);
@@ -139,12 +145,13 @@ private:
     std::error_code doFlush(bool retrySeen);
     void flushBatches();
 
-    void scheduleDirectPost(std::string event);
+    bool scheduleDirectPost(const std::string& event);
     void discardDirectPosts();
     std::string directEvent(uint64_t id);
     void doDirectPost(uint64_t id);
     void onDirectAnswer(uint64_t id, const http::Response& response);
-    void storeAnsweredWithError(std::string event);
+    void storeAnsweredWithError(const std::string& event);
+    void countUnstored(const std::error_code& why);
     void storeDirectPosts();
 
     void report(debug::Item item, debug::Action action, debug::Reason reason, uint64_t count) const;
@@ -161,6 +168,7 @@ private:
     BatchErrorCallback batchErrorCallback_;
     std::function<void()> emptyCallback_;
     const PipelineKind kind_;
+    const bool adopted_;
     const bool compressionEnabled_ = true;
     std::atomic<BatchSlot> slot_ = BatchSlot::free;  // taken by exchange on any thread
 
@@ -176,6 +184,8 @@ private:
     uint64_t awaited_ = 0;  // the exchange whose answer counts; 0 for none
     std::unique_ptr<http::RetryHandler> retryHandler_;
     std::atomic<bool> retryInProgress_ = false;  // retryHandler_ exists; written on the engine, read by flush
+
+    SharedMutex submitting_;  // shared by each submit while it acts by the state; an opt-out waits for those before it
 
     Mutex directMutex_;
     uint64_t directRequestId_ VELMORA_GUARDED_BY(directMutex_) = 0;

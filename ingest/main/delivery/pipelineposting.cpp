@@ -1,6 +1,7 @@
 // The part of a line that begins where a batch's request has been formed: posting, judging the response, retry, and
 // giving up.
 
+#include <new>
 #include <utility>
 
 #include "core/types/errors.h"
@@ -16,6 +17,15 @@ http::Response failedResponse(std::error_code error) {
     http::Response response;
     response.error = error;
     return response;
+}
+
+// The text of an answer may be of any length: a line shows its beginning, cut between two characters.
+std::string shownBody(const std::string& body) {
+    constexpr size_t kShown = 1024;
+    if (body.size() <= kShown) return body;
+    size_t end = kShown;
+    while (end != 0 && (static_cast<unsigned char>(body[end]) & 0xC0U) == 0x80U) --end;
+    return body.substr(0, end) + " ... (" + std::to_string(body.size()) + " bytes)";
 }
 
 // What log lines say of any response.
@@ -123,7 +133,7 @@ void Pipeline::doHandleError() {
 void Pipeline::logHTTPResponse(const http::Response& response) const {
     if (response.error) {
         VELMORA_LOG(error, "pipeline") << describe(response, name_) << " error=" << toString(response.error)
-                                       << " body=" << response.body;
+                                       << " body=" << shownBody(response.body);
     } else {
         VELMORA_LOG(info, "pipeline") << describe(response, name_);
     }
@@ -154,14 +164,22 @@ http::Response Pipeline::doPost(http::Request request) {
     return answer;
 }
 
-void Pipeline::scheduleDirectPost(std::string event) {
+bool Pipeline::scheduleDirectPost(const std::string& event) {
     uint64_t id = 0;
     {
         const MutexLock lock(directMutex_);
+        if (directRequests_.size() >= kDirectPosts) return false;
         id = ++directRequestId_;
-        directRequests_.emplace(id, DirectPost{std::move(event), nullptr});
+        directRequests_.emplace(id, DirectPost{event, nullptr});
     }
-    schedule(Task([this, id] { doDirectPost(id); }));
+    try {
+        schedule(Task([this, id] { doDirectPost(id); }));
+        return true;
+    } catch (const std::bad_alloc&) {
+        const MutexLock lock(directMutex_);
+        directRequests_.erase(id);
+        return false;
+    }
 }
 
 void Pipeline::discardDirectPosts() {
@@ -213,17 +231,22 @@ void Pipeline::onDirectAnswer(uint64_t id, const http::Response& response) {
     }
     report(Item::http, Action::request, Reason::error, 1);
     if (answered.event.empty()) return report(Item::event, Action::discarded, Reason::opt_out, 1);
-    storeAnsweredWithError(std::move(answered.event));
+    storeAnsweredWithError(answered.event);
 }
 
-void Pipeline::storeAnsweredWithError(std::string event) {
+void Pipeline::storeAnsweredWithError(const std::string& event) {
     try {
-        submitEvent(std::move(event), true);
-    } catch (const std::system_error& e) {
-        report(Item::event, Action::discarded, e.code() == VelmoraError::opt_out ? Reason::opt_out : Reason::error, 1);
-        throw;
+        submitEvent(event, true);
+    } catch (...) {
+        return countUnstored(currentExceptionToErrorCode("pipeline", "velmora::Pipeline::storeAnsweredWithError"));
     }
     report(Item::event, Action::saved, Reason::success, 1);
+}
+
+void Pipeline::countUnstored(const std::error_code& why) {
+    const bool isOptOut = why == VelmoraError::opt_out;
+    VELMORA_LOG(warn, "pipeline") << "Discard event: name=" << name_ << " error=" << toString(why);
+    report(Item::event, Action::discarded, isOptOut ? Reason::opt_out : Reason::error, 1);
 }
 
 void Pipeline::storeDirectPosts() {
@@ -234,7 +257,15 @@ void Pipeline::storeDirectPosts() {
     }
     for (auto& [id, post] : unanswered) {
         post.transfer.reset();
-        if (!post.event.empty()) exceptionSafeWrapper([&, &event = post.event] { storeEvent(event); });
+        if (post.event.empty()) {
+            report(Item::event, Action::discarded, Reason::opt_out, 1);
+            continue;
+        }
+        try {
+            storeEvent(post.event);
+        } catch (...) {
+            countUnstored(currentExceptionToErrorCode("pipeline", "velmora::Pipeline::storeDirectPosts"));
+        }
     }
 }
 

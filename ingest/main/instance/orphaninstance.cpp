@@ -99,7 +99,7 @@ void OrphanInstance::openLines() {
 
 void OrphanInstance::openLine(PipelineKind kind) {
     auto pipeline = std::make_unique<Pipeline>(session_, config_, *folder_ / storeFolderName(kind), callbacks_.onDrop,
-                                               "orphan", kind);
+                                               "orphan", kind, true);
     pipeline->setDebugCallback(callbacks_.onDebug);
     if (!isInvalidLine(kind)) pipeline->setEventTransform(callbacks_.eventTransform);
     if (kind != PipelineKind::meta) {

@@ -3,6 +3,7 @@
 #include <gtest/gtest.h>
 
 #include <boost/filesystem/operations.hpp>
+#include <fstream>
 #include <functional>
 #include <future>
 #include <thread>
@@ -58,9 +59,10 @@ protected:
         provider_->refresh();
     }
 
-    Pipeline& open(PipelineKind kind = PipelineKind::anon) {
+    Pipeline& open(PipelineKind kind = PipelineKind::anon, bool adopted = false) {
+        pipeline_.reset();
         const Path folder = Path(folder_.path()) / "7" / storeFolderName(kind);
-        pipeline_ = std::make_unique<Pipeline>(session_, *provider_, folder, DropCallback(), "main", kind);
+        pipeline_ = std::make_unique<Pipeline>(session_, *provider_, folder, DropCallback(), "main", kind, adopted);
         pipeline_->setEventTransform([](std::string& text, bool) { return validJSON(text); });
         pipeline_->setDebugCallback(
             [this](const std::string& name, PipelineKind k, Item i, Action a, Reason r, uint64_t count) {
@@ -284,6 +286,29 @@ TEST_F(PipelineStates, AnAnswerOfAnEarlierBatchDoesNotCountForTheNext) {
     EXPECT_EQ(counted(Item::http, Action::request, Reason::error), 0U);
     host_.release();
     ASSERT_TRUE(drive([&] { return pipeline_->size() == 0; }));
+}
+
+TEST_F(PipelineStates, NoEventOfTheUserOutlivesAnOptOutThatRacesItsSubmit) {
+    open(PipelineKind::auth);
+    for (int round = 0; round < 300; ++round) {
+        std::thread submitter([&] {
+            while (!test::codeOf([&] { pipeline_->submitEvent(event(round), true); })) continue;
+        });
+        while (pipeline_->size() < 2) std::this_thread::yield();
+        pipeline_->changeState(PipelineState::Off);
+        pools_.runAll();
+        submitter.join();
+        ASSERT_EQ(pipeline_->size(), 0U) << round;
+        pipeline_->changeState(PipelineState::SaveOnly);
+    }
+}
+
+TEST_F(PipelineStates, ALineOfAnAdoptedFolderWaitsForNoFullBatch) {
+    open();
+    submit(0, 4);
+    open(PipelineKind::anon, true).changeState(PipelineState::On);
+    ASSERT_TRUE(drive([&] { return pipeline_->size() == 0; }));
+    EXPECT_EQ(sent(1), batchOf(3, 4)) << "no full batch, and no interval";
 }
 
 using PipelineOutcomes = PipelineTest;
@@ -572,6 +597,22 @@ TEST_F(PipelineDirectPosts, PassTheStoreUnlessTheyFail) {
     pipeline_->submitEvent(event(3), false);
     pools_.runAll();
     EXPECT_EQ(pipeline_->size(), 2U) << "an event that can't be handed over is kept";
+}
+
+TEST_F(PipelineDirectPosts, AreLimitedInNumberAndThoseThatCannotBeStoredAreCounted) {
+    open().changeState(PipelineState::On);
+    host_.hold();
+    pipeline_->submitEvent(event(0), false);
+    ASSERT_TRUE(driveToSends(1));
+    boost::filesystem::remove_all(folder_.path());
+    std::ofstream(folder_.path().string()) << "in the way";
+    close();
+    boost::filesystem::remove(folder_.path());
+    EXPECT_EQ(counted(Item::event, Action::discarded, Reason::error), 1U);
+    open().changeState(PipelineState::On);
+    for (int i = 0; i < 66; ++i) pipeline_->submitEvent(event(i), false);
+    ASSERT_TRUE(driveToSends(65));
+    EXPECT_EQ(pipeline_->size(), 2U) << "beyond the limit";
 }
 
 TEST_F(PipelineDirectPosts, AreStoredWhenTheLineEndsBeforeTheAnswer) {
