@@ -1,18 +1,25 @@
 #include "tools/velmora/collector.h"
 
 #include <gtest/gtest.h>
-#include <httplib.h>
 #include <rapidjson/document.h>
+
+#include <algorithm>
+#include <thread>
 
 #include "core/json/jsontext.h"
 #include "service/ingest/ingestrequest.h"
+#include "tests/support/files.h"
 #include "tests/support/tempfolder.h"
+#include "tests/tools/httpclient.h"
 
 namespace velmora::tool {
 namespace {
 
 constexpr size_t kMaxBatch = 200000;
-const httplib::Headers kKey{{"x-api-key", "k"}};
+using test::HttpHeaders;
+using test::HttpReply;
+
+const HttpHeaders kKey{{"x-api-key", "k"}};
 
 std::string gzip(const std::string& text) { return service::ingest::compressGzip(text.data(), text.size(), 9); }
 
@@ -43,24 +50,22 @@ protected:
         collector_->start();
     }
 
-    httplib::Client client() const {
-        httplib::Client client("127.0.0.1", collector_->port());
-        client.set_read_timeout(10);
-        return client;
+    HttpReply ask(const std::string& method, const std::string& target, const HttpHeaders& headers = {},
+                  const std::string& body = "", std::chrono::milliseconds limit = std::chrono::seconds(10)) const {
+        return test::exchange(collector_->port(), method, target, headers, body, limit);
     }
 
     // The status; 0 if there was no complete answer.
-    int post(const std::string& body, httplib::Headers headers = kKey, const std::string& encoding = "") const {
-        if (!encoding.empty()) headers.emplace("Content-Encoding", encoding);
-        const auto result = client().Post("/ingest", headers, body, "application/json");
-        return result ? result->status : 0;
+    int post(const std::string& body, HttpHeaders headers = kKey, const std::string& encoding = "") const {
+        if (!encoding.empty()) headers.emplace_back("Content-Encoding", encoding);
+        return ask("POST", "/ingest", headers, body).status;
     }
 
     rapidjson::Document get(const std::string& path) const {
         rapidjson::Document document;
-        const auto result = client().Get(path);
-        EXPECT_TRUE(result && result->status == 200) << path;
-        EXPECT_FALSE(!result || parseValue(document, result->body).IsError());
+        const HttpReply reply = ask("GET", path);
+        EXPECT_EQ(reply.status, 200) << path << reply.body;
+        EXPECT_FALSE(parseValue(document, reply.body).IsError()) << reply.body;
         return document;
     }
 
@@ -86,6 +91,10 @@ TEST_F(CollectorTest, KeepsWhatArrivesInOrderAndFindsItAgain) {
         {"?event.workflow=other", "b"},
         {"?event.workflow=w&event.count=3&project=p", "aa"},
         {"?event.none=w", ""},
+        {"?event.none=!w&order=desc", "caba"},
+        {"?event.workflow=*&batch=1", "ab"},
+        {"?text=OTHER", "b"},
+        {"?signedIn=1", ""},
     };
     for (const auto& row : rows) {
         SCOPED_TRACE(row.query);
@@ -114,7 +123,7 @@ TEST_F(CollectorTest, RefusesWhatIsNoBatchAndStaysUsable) {
     const struct {
         const char* what;
         std::string body;
-        httplib::Headers headers;
+        HttpHeaders headers;
         const char* encoding;
         int status;
     } rows[] = {
@@ -152,15 +161,11 @@ TEST_F(CollectorTest, DemandsItsKey) {
 
 TEST_F(CollectorTest, MisbehavesAsTheScriptSays) {
     const std::string body = batch(event("a"));
-    auto script = [&](const std::string& json) {
-        const auto result = client().Post("/script", json, "application/json");
-        return result ? result->status : 0;
-    };
+    auto script = [&](const std::string& json) { return ask("POST", "/script", {}, json).status; };
     EXPECT_EQ(script(R"({"fail":2,"status":503,"retryAfter":7})"), 200);
-    const auto failed = client().Post("/ingest", kKey, body, "application/json");
-    ASSERT_TRUE(failed);
-    EXPECT_EQ(failed->status, 503);
-    EXPECT_EQ(failed->get_header_value("Retry-After"), "7");
+    const HttpReply failed = ask("POST", "/ingest", kKey, body);
+    EXPECT_EQ(failed.status, 503);
+    EXPECT_EQ(failed.retryAfter, "7");
     EXPECT_EQ(post(body), 503);
     EXPECT_EQ(post(body), 200);
     EXPECT_EQ(stat("events"), 1);
@@ -170,9 +175,7 @@ TEST_F(CollectorTest, MisbehavesAsTheScriptSays) {
     EXPECT_EQ(stat("events"), 1);
 
     EXPECT_EQ(script(R"({"lateAnswer":true,"delayMs":60000})"), 200);
-    httplib::Client impatient = client();
-    impatient.set_read_timeout(0, 200000);
-    EXPECT_FALSE(impatient.Post("/ingest", kKey, body, "application/json"));
+    EXPECT_EQ(ask("POST", "/ingest", kKey, body, std::chrono::milliseconds(200)).status, 0);
     EXPECT_EQ(stat("events"), 2);
 
     EXPECT_EQ(script(R"({"fail":5})"), 200);
@@ -184,16 +187,95 @@ TEST_F(CollectorTest, MisbehavesAsTheScriptSays) {
 }
 
 TEST_F(CollectorTest, AnswersForIdentityAndTracking) {
-    EXPECT_EQ(client().Get("/oswin/profile")->status, 401);
-    EXPECT_EQ(client().Get("/fetch_user_tracking_flag", {{"Access-Token", "t"}})->body, R"({"tracking_flag":"PII"})");
-    EXPECT_EQ(client().Get("/fetch_user_tracking_flag")->status, 401);
+    EXPECT_EQ(ask("GET", "/oswin/profile").status, 401);
+    EXPECT_EQ(ask("GET", "/fetch_user_tracking_flag", {{"Access-Token", "t"}}).body, R"({"tracking_flag":"PII"})");
+    EXPECT_EQ(ask("GET", "/fetch_user_tracking_flag").status, 401);
 
     CollectorOptions failing = options();
     failing.identityStatus = 401;
     restart(failing);
-    EXPECT_EQ(client().Get("/oswin/profile", {{"Authorization", "Bearer t"}})->status, 401);
+    EXPECT_EQ(ask("GET", "/oswin/profile", {{"Authorization", "Bearer t"}}).status, 401);
     failing.profile = "no JSON";
     EXPECT_THROW(Collector{failing}, std::invalid_argument);
+}
+
+TEST_F(CollectorTest, HoldsKeysToTheirProjectsEnvironmentsAndRates) {
+    CollectorOptions ruled = options();
+    ruled.keysFile = (folder_ / "keys.json").string();
+    ruled.retryAfter = 5;
+    ruled.retrySpread = 1;
+    test::writeFile(
+        folder_ / "keys.json",
+        R"({"keys":[{"key":"a","project":"p"},{"key":"b","environments":["prod"]},{"key":"c","rate":0.1}]})");
+    restart(ruled);
+    const auto status = [&](const char* key, const std::string& text) {
+        return post(batch(text), {{"x-api-key", key}});
+    };
+    EXPECT_EQ(status("a", event("1")), 200);
+    EXPECT_EQ(status("a", event("1", "w", "q")), 403);
+    EXPECT_EQ(status("b", event("1")), 403);
+    EXPECT_EQ(status("d", event("1")), 403);
+    EXPECT_EQ(status("c", event("1") + "," + event("2")), 200);
+    const HttpReply over = ask("POST", "/ingest", {{"x-api-key", "c"}}, batch(event("3")));
+    EXPECT_EQ(over.status, 429);
+    EXPECT_TRUE(over.retryAfter == "5" || over.retryAfter == "6") << over.retryAfter;
+    EXPECT_EQ(stat("events"), 3);
+    EXPECT_EQ(get("/rejections")["rejections"].Size(), 4U);
+
+    test::writeFile(folder_ / "keys.json", R"({"keys":[{"key":"d","project":"other"},{"key":"dd"}]})");
+    for (int tries = 0; tries < 100 && status("dd", event("4")) != 200; ++tries)
+        std::this_thread::sleep_for(std::chrono::milliseconds(50));
+    EXPECT_EQ(status("a", event("1")), 403);
+    test::writeFile(folder_ / "keys.json", "{\"keys\":[{}]}");
+    EXPECT_THROW(Collector{ruled}, std::invalid_argument);
+}
+
+TEST_F(CollectorTest, KeepsOtherSitesOutAndPagesWithoutEnd) {
+    std::string many = event("g0");
+    for (int i = 1; i < 1300; ++i) many += "," + event("g" + std::to_string(i));
+    EXPECT_EQ(post(gzip(batch(many)), kKey, "gzip"), 200);
+    EXPECT_EQ(get("/events?limit=1300")["events"].Size(), 1300U);
+    const rapidjson::Document page = get("/events");
+    EXPECT_EQ(page["events"].Size(), 1000U);
+    EXPECT_EQ(get("/events?since=" + std::to_string(page["next"].GetInt()))["events"].Size(), 300U);
+    const HttpReply lines = ask("GET", "/events?format=ndjson");
+    EXPECT_EQ(std::count(lines.body.begin(), lines.body.end(), '\n'), 1300);
+
+    EXPECT_EQ(ask("GET", "/events", {{"Host", "evil.example"}}).status, 403);
+    EXPECT_EQ(ask("DELETE", "/events", {{"Origin", "http://evil.example"}}).status, 403);
+    CollectorOptions open = options();
+    open.host = "0.0.0.0";
+    open.token = "t0";
+    restart(open);
+    EXPECT_EQ(ask("DELETE", "/events").status, 401);
+    EXPECT_EQ(ask("DELETE", "/events", {{"Authorization", "Bearer t0"}}).status, 200);
+    EXPECT_EQ(stat("events"), 0);
+}
+
+TEST_F(CollectorTest, SharesItsPortWithNobodyAndBoundsWhatItHolds) {
+    CollectorOptions second = options();
+    second.port = collector_->port();
+    EXPECT_THROW(Collector{second}, std::runtime_error);
+
+    CollectorOptions tight = options();
+    tight.server.maxMemory = 10000;
+    restart(tight);
+    EXPECT_EQ(post(batch(std::string(20000, ' ') + event("a"))), 503);
+    EXPECT_EQ(ask("POST", "/script", {{"Content-Encoding", "gzip"}}, gzip(std::string(1 << 20, ' '))).status, 400);
+    EXPECT_EQ(ask("GET", "/readyz").status, 200);
+    EXPECT_NE(ask("GET", "/metrics").body.find("velmora_collect_requests_total{status=\"503\"} 1\n"),
+              std::string::npos);
+    EXPECT_EQ(post(batch(event("a"))), 200);
+}
+
+TEST_F(CollectorTest, AnswersWhatWasBegunWhenItStops) {
+    collector_->playScript(R"({"lateAnswer":true,"delayMs":60000})");
+    int status = -1;
+    std::thread poster([&] { status = post(batch(event("a"))); });
+    while (stat("events") == 0) std::this_thread::yield();
+    collector_->stop();
+    poster.join();
+    EXPECT_EQ(status, 200);
 }
 
 }  // namespace

@@ -1,6 +1,5 @@
 // From the command line, or from an example host, through the library and real HTTP to the collector.
 #include <gtest/gtest.h>
-#include <httplib.h>
 #include <rapidjson/document.h>
 
 #include <boost/process.hpp>
@@ -13,6 +12,7 @@
 #include "core/json/jsontext.h"
 #include "tests/support/files.h"
 #include "tests/support/tempfolder.h"
+#include "tests/tools/httpclient.h"
 #include "tools/velmora/collector.h"
 
 namespace velmora::tool {
@@ -84,11 +84,10 @@ protected:
     }
 
     rapidjson::Document get(const std::string& path) const {
-        httplib::Client client("127.0.0.1", collector_->port());
         rapidjson::Document document;
-        const auto result = client.Get(path);
-        EXPECT_TRUE(result && result->status == 200) << path;
-        EXPECT_FALSE(!result || parseValue(document, result->body).IsError());
+        const test::HttpReply reply = test::exchange(collector_->port(), "GET", path);
+        EXPECT_EQ(reply.status, 200) << path;
+        EXPECT_FALSE(parseValue(document, reply.body).IsError());
         return document;
     }
 

@@ -54,7 +54,7 @@ public:
 
 struct HttpServerCore {
     HttpServerCore(const HttpServerOptions& chosen, HttpHandler& receiver)
-        : options(chosen), handler(receiver), memory(chosen.maxMemory), acceptor(context) {}
+        : options(chosen), handler(receiver), memory(chosen.maxMemory), acceptor(asio::make_strand(context)) {}
 
     void add(const std::shared_ptr<HttpConnectionBase>& connection);
     void remove(HttpConnectionBase* connection);

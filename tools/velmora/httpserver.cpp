@@ -119,7 +119,7 @@ void HttpServerCore::accept() {
             return accept();
         }
         // Out of descriptors, most likely: at once it would only fail again.
-        const auto pause = std::make_shared<asio::steady_timer>(context, kAcceptPause);
+        const auto pause = std::make_shared<asio::steady_timer>(acceptor.get_executor(), kAcceptPause);
         pause->async_wait([this, pause](ErrorCode) { accept(); });
     });
 }
@@ -233,6 +233,9 @@ void HttpServer::stop() {
     core_->context.stop();
     for (std::thread& thread : core_->threads) thread.join();
     core_->threads.clear();
+    decltype(core_->timers) timers;
+    const std::lock_guard lock(core_->mutex);
+    timers.swap(core_->timers);  // before the context that they belong to
 }
 
 }  // namespace velmora::tool

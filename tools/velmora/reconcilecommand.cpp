@@ -6,8 +6,8 @@
 #include <unordered_set>
 
 #include "tools/velmora/command.h"
-#include "tools/velmora/eventdb.h"
 #include "tools/velmora/files.h"
+#include "tools/velmora/sqlitestore.h"
 
 namespace velmora::tool {
 namespace {
@@ -37,7 +37,7 @@ std::unordered_set<std::string> readJournal(const std::string& path) {
 Reconciliation reconcile(const ReconcileArguments& arguments) {
     std::ifstream present;
     openToRead(present, arguments.store);
-    const auto arrivals = EventDb(arguments.store).arrivals();
+    const auto arrivals = SqliteStore(arguments.store, 0).arrivals();
     Reconciliation result;
     for (const std::string& guid : readJournal(arguments.journal)) {
         ++result.submitted;

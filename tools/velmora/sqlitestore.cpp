@@ -96,6 +96,7 @@ Filter filterOf(const EventQuery& query) {
     if (query.guid) filter.add("guid = ?", {*query.guid});
     if (query.batch) filter.add("batch = " + std::to_string(*query.batch), {});
     if (query.since) filter.add(isNumber(*query.since) ? "id > CAST(? AS INTEGER)" : "received >= ?", {*query.since});
+    if (query.after) filter.add("id > " + std::to_string(*query.after), {});
     if (query.before) filter.add("id < " + std::to_string(*query.before), {});
     if (query.signedIn) {
         filter.add(

@@ -44,6 +44,7 @@ struct EventQuery {
     std::optional<int64_t> batch;
     std::optional<std::string> since;  // an arrival number, exclusive, or a UTC time in ISO form, inclusive
     std::optional<int64_t> before;     // an arrival number, exclusive
+    std::optional<int64_t> after;      // the same
     std::optional<bool> signedIn;
     std::optional<std::string> text;  // somewhere in the event's JSON, ASCII letters in either case
     std::vector<std::pair<std::string, std::string>> data;  // keys of the event's data and their values; * for any
