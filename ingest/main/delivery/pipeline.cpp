@@ -39,16 +39,29 @@ Pipeline::Pipeline(SessionView& session, const IngestConfigProvider& config, con
 
 Pipeline::~Pipeline() {
     exceptionSafeWrapper([this] {
-        changeState(PipelineState::SaveOnly);
+        beginStop();
+        ender_.stop();
         stop();
-        transfer_.reset();
+        if (transfer_) transfer_->stop(stopDeadline_);
         storeDirectPosts();
         VELMORA_LOG_AT(info, "pipeline", "velmora::Pipeline::~Pipeline")
             << "Close pipeline: num_events=" << store_.size() << " name=" << name_;
     });
 }
 
+void Pipeline::beginStop() noexcept {
+    exceptionSafeWrapper([this] {
+        if (stopping_) return;
+        stopDeadline_ = transfer::Transfer::Clock::now() + transfer::kCancelPatience;
+        if (stopping_.exchange(true)) return;
+        changeState(PipelineState::SaveOnly);
+        ender_.schedule(std::chrono::milliseconds(0), Task([this] { endFlushExchange(); }));
+        schedule(Task([this] { endExchanges(); }));
+    });
+}
+
 void Pipeline::changeState(PipelineState next) {
+    if (stopping_ && next == PipelineState::On) return;
     if (state_.exchange(next) == next) return;
     VELMORA_LOG(info, "pipeline") << "Change state: name=" << name_ << " state=" << toString(next);
     if (next == PipelineState::On) {
@@ -290,6 +303,7 @@ void Pipeline::flushBatches() {
         const http::Response response = doPost(request_);
         lastError_ = response.error;
         logHTTPResponse(response);
+        if (lastError_ && stopping_) throw std::system_error(VelmoraError::precondition_failed, "line is stopping");
         if (lastError_) return;
         doHandleSuccess();
     }

@@ -69,6 +69,11 @@ public:
     // two threads at once.
     void changeState(PipelineState state);
 
+    // The first half of the end: takes the line from On for good, asks the host for the end of what is under way, and
+    // gives it up after transfer::kCancelPatience; a running flush then ends with `precondition_failed`. Returns at
+    // once. Only the first call acts. The destructor is the second half, and waits no longer than that either.
+    void beginStop() noexcept;
+
     // Stores an event; with `batch` false and sending on, posts it at once instead, and stores it only if that fails or
     // if kDirectPosts are under way.
     // An empty event is skipped with a warning. Throws `opt_out` in state Off, `event_too_big`, and what the store
@@ -141,12 +146,15 @@ private:
     // within the call; `transfer` receives what keeps the exchange alive.
     void post(http::Request request, const Answer& onAnswer, Transfer& transfer);
     http::Response doPost(http::Request request);
+    void endExchanges();
+    void endFlushExchange();
 
     std::error_code doFlush(bool retrySeen);
     void flushBatches();
 
     bool scheduleDirectPost(const std::string& event);
     void discardDirectPosts();
+    void cancelDirectPosts();
     std::string directEvent(uint64_t id);
     void doDirectPost(uint64_t id);
     void onDirectAnswer(uint64_t id, const http::Response& response);
@@ -185,6 +193,11 @@ private:
     std::unique_ptr<http::RetryHandler> retryHandler_;
     std::atomic<bool> retryInProgress_ = false;  // retryHandler_ exists; written on the engine, read by flush
 
+    std::atomic<bool> stopping_ = false;                    // set once, by beginStop
+    transfer::Transfer::Clock::time_point stopDeadline_{};  // written before stopping_
+    Mutex flushMutex_;
+    Transfer flushTransfer_ VELMORA_GUARDED_BY(flushMutex_);  // what a flush waits for; null for nothing
+
     SharedMutex submitting_;  // shared by each submit while it acts by the state; an opt-out waits for those before it
 
     Mutex directMutex_;
@@ -192,6 +205,7 @@ private:
     std::map<uint64_t, DirectPost> directRequests_ VELMORA_GUARDED_BY(directMutex_);
 
     TaskEngine timer_;
+    TaskEngine ender_;  // ends the exchange of a flush, for which the engine itself waits
 };
 
 // What the owner of lines connects them to, those of an adopted folder like its own.

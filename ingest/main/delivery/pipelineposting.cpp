@@ -158,10 +158,44 @@ http::Response Pipeline::doPost(http::Request request) {
     const auto onAnswer = [&answer](http::Response response) { answer = std::move(response); };
     const auto transfer =
         std::make_shared<transfer::RequestHandle>(session_.getTransferEngine(), std::move(request), onAnswer);
+    {
+        const MutexLock lock(flushMutex_);
+        flushTransfer_ = transfer;
+    }
+    const ScopeExit over([this] {
+        const MutexLock lock(flushMutex_);
+        flushTransfer_.reset();
+    });
+    if (stopping_) return failedResponse(VelmoraHttpError::cancelled);  // nobody would end it any more
     std::error_code error;
     transfer->execute(error);
     transfer->waitForCompletion();
     return answer;
+}
+
+void Pipeline::endFlushExchange() {
+    Transfer underWay;
+    {
+        const MutexLock lock(flushMutex_);
+        underWay = flushTransfer_;
+    }
+    if (underWay) underWay->stop(stopDeadline_);
+}
+
+void Pipeline::endExchanges() {
+    if (transfer_) exceptionSafeWrapper([this] { transfer_->cancel(); });
+    cancelDirectPosts();
+}
+
+void Pipeline::cancelDirectPosts() {
+    std::vector<Transfer> underWay;
+    {
+        const MutexLock lock(directMutex_);
+        for (const auto& [id, post] : directRequests_) underWay.push_back(post.transfer);
+    }
+    for (const Transfer& transfer : underWay) {
+        if (transfer) exceptionSafeWrapper([&] { transfer->cancel(); });
+    }
 }
 
 bool Pipeline::scheduleDirectPost(const std::string& event) {
@@ -256,6 +290,10 @@ void Pipeline::storeDirectPosts() {
         unanswered.swap(directRequests_);
     }
     for (auto& [id, post] : unanswered) {
+        if (post.transfer) exceptionSafeWrapper([&, &transfer = post.transfer] { transfer->cancel(); });
+    }
+    for (auto& [id, post] : unanswered) {
+        if (post.transfer) post.transfer->stop(stopDeadline_);
         post.transfer.reset();
         if (post.event.empty()) {
             report(Item::event, Action::discarded, Reason::opt_out, 1);

@@ -118,10 +118,7 @@ void IngestInstanceImpl::connectLines() {
     for (Pipeline* line : {metaPipeline_.get(), authPipeline_.get(), anonPipeline_.get()}) {
         line->setEventTransform(callbacks.eventTransform);
     }
-    for (Pipeline* line : {metaPipeline_.get(), authInvalidPipeline_.get(), authPipeline_.get(),
-                           anonInvalidPipeline_.get(), anonPipeline_.get()}) {
-        line->setDebugCallback(callbacks.onDebug);
-    }
+    for (Pipeline* line : lines()) line->setDebugCallback(callbacks.onDebug);
     authPipeline_->setBatchErrorCallback(callbacks.onAuthError);
     anonPipeline_->setBatchErrorCallback(callbacks.onAnonError);
 }
@@ -137,8 +134,10 @@ void IngestInstanceImpl::begin() {
 }
 
 IngestInstanceImpl::~IngestInstanceImpl() {
+    beginStop();
     exceptionSafeWrapper([this] {
         engine_.stop();
+        dropPendingFlushes();
         changeState(static_cast<int32_t>(PipelineState::SaveOnly), static_cast<int32_t>(PipelineState::SaveOnly));
     });
     exceptionSafeWrapper([this] { healthCheck_.stop(); });
@@ -252,18 +251,61 @@ void IngestInstanceImpl::flush(velmora_ingest_completion_callback callback, void
         if (const std::error_code result = doFlush()) throw std::system_error(result);
         return;
     }
-    engine_.schedule(Task([this, callback, userData] {
-        std::error_code result;
-        try {
-            result = doFlush();
-        } catch (...) {
-            result = currentExceptionToErrorCode("ingestinstance", "velmora::IngestInstanceImpl::flush");
-        }
-        VELMORA_LOG_SCOPE_AT(info, "ingestinstance", "velmora::IngestInstanceImpl::flush",
-                             "invoke flush completion callback");
-        const CallbackScope scope(handle_);
-        callback(handle_, toVelmoraError(result), userData);
-    }));
+    uint64_t id = 0;
+    {
+        const MutexLock lock(flushMutex_);
+        id = ++lastFlush_;
+        pendingFlushes_.emplace(id, PendingFlush{callback, userData});
+    }
+    engine_.schedule(Task([this, id] { runFlush(id); }));
+}
+
+void IngestInstanceImpl::runFlush(uint64_t id) {
+    PendingFlush flush{};
+    {
+        const MutexLock lock(flushMutex_);
+        const auto found = pendingFlushes_.find(id);
+        if (found == pendingFlushes_.end()) return;
+        flush = found->second;
+        pendingFlushes_.erase(found);
+    }
+    std::error_code result;
+    try {
+        result = doFlush();
+    } catch (...) {
+        result = currentExceptionToErrorCode("ingestinstance", "velmora::IngestInstanceImpl::flush");
+    }
+    complete(flush, toVelmoraError(result));
+}
+
+void IngestInstanceImpl::complete(const PendingFlush& flush, int32_t result) {
+    VELMORA_LOG_SCOPE_AT(info, "ingestinstance", "velmora::IngestInstanceImpl::flush",
+                         "invoke flush completion callback");
+    const CallbackScope scope(handle_);
+    flush.callback(handle_, result, flush.userData);
+}
+
+// Those whose turn never came: the engine has stopped.
+void IngestInstanceImpl::dropPendingFlushes() {
+    std::map<uint64_t, PendingFlush> dropped;
+    {
+        const MutexLock lock(flushMutex_);
+        dropped.swap(pendingFlushes_);
+    }
+    for (const auto& [id, flush] : dropped) {
+        complete(flush, static_cast<int32_t>(VelmoraError::ingest_instance_not_found));
+    }
+}
+
+void IngestInstanceImpl::beginStop() noexcept {
+    if (stopping_.exchange(true)) return;
+    for (Pipeline* line : lines()) line->beginStop();
+    orphanInstance_.beginStop();
+}
+
+std::array<Pipeline*, kPipelineKinds> IngestInstanceImpl::lines() const {
+    return {metaPipeline_.get(), authInvalidPipeline_.get(), authPipeline_.get(), anonInvalidPipeline_.get(),
+            anonPipeline_.get()};
 }
 
 std::error_code IngestInstanceImpl::doFlush() {
@@ -308,8 +350,10 @@ Environment IngestInstanceImpl::getEnvironment() {
 }
 
 std::array<uint64_t, kPipelineKinds> IngestInstanceImpl::storedEvents() {
-    return {metaPipeline_->size(), authInvalidPipeline_->size(), authPipeline_->size(), anonInvalidPipeline_->size(),
-            anonPipeline_->size()};
+    std::array<uint64_t, kPipelineKinds> stored{};
+    const auto all = lines();
+    std::transform(all.begin(), all.end(), stored.begin(), [](Pipeline* line) { return line->size(); });
+    return stored;
 }
 
 service::config::ingest::Config IngestInstanceImpl::fetchConfig(const std::string& configGuid) {

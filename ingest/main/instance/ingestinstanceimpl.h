@@ -7,6 +7,8 @@
 #pragma once
 
 #include <array>
+#include <atomic>
+#include <map>
 #include <memory>
 #include <string>
 #include <vector>
@@ -34,6 +36,7 @@ public:
     void removeCommonAttribute(const char* key) override;
     void submitEvent(const char* json, bool batch, bool auth, int32_t validate, const char* configOverride) override;
     void flush(velmora_ingest_completion_callback callback, void* userData) override;
+    void beginStop() noexcept override;
     std::string getConfigGuid() override { return configGuid_; }
     void setProfile(std::shared_ptr<service::oswin::Profile> profile) override;
     void changeState(int32_t state, int32_t authState) override;
@@ -67,7 +70,17 @@ private:
     void doUpdateState();
     void onDropped(const std::string& storeName, const std::string& reason, uint64_t count, uint64_t folderSize);
 
+    // A flush with a callback, until its turn comes.
+    struct PendingFlush {
+        velmora_ingest_completion_callback callback;
+        void* userData;
+    };
+
     std::error_code doFlush();
+    void runFlush(uint64_t id);
+    void complete(const PendingFlush& flush, int32_t result);
+    void dropPendingFlushes();
+    std::array<Pipeline*, kPipelineKinds> lines() const;
     std::array<uint64_t, kPipelineKinds> storedEvents();
     service::config::ingest::Config fetchConfig(const std::string& configGuid);
 
@@ -90,6 +103,10 @@ private:
     const std::unique_ptr<Pipeline> anonPipeline_;
     OrphanInstance orphanInstance_;
     HealthCheck healthCheck_;
+    std::atomic<bool> stopping_ = false;  // set once, by beginStop
+    Mutex flushMutex_;
+    uint64_t lastFlush_ VELMORA_GUARDED_BY(flushMutex_) = 0;
+    std::map<uint64_t, PendingFlush> pendingFlushes_ VELMORA_GUARDED_BY(flushMutex_);
     TaskEngine timer_;  // the resume after a server error
 };
 

@@ -39,9 +39,16 @@ OrphanInstance::OrphanInstance(SessionView& session, const IngestConfigProvider&
 
 OrphanInstance::~OrphanInstance() {
     exceptionSafeWrapper([this] {
+        beginStop();
         timer_.stop();
         stop();
+        giveUpFolder();
     });
+}
+
+void OrphanInstance::beginStop() noexcept {
+    stopping_ = true;
+    exceptionSafeWrapper([this] { changeState(PipelineState::SaveOnly, PipelineState::SaveOnly); });
 }
 
 void OrphanInstance::changeState(PipelineState authState, PipelineState anonState) {
@@ -49,10 +56,10 @@ void OrphanInstance::changeState(PipelineState authState, PipelineState anonStat
 }
 
 void OrphanInstance::doChangeState(PipelineState authState, PipelineState anonState) {
-    authState_ = authState;
-    anonState_ = anonState;
+    authState_ = stopping_ ? PipelineState::SaveOnly : authState;
+    anonState_ = stopping_ ? PipelineState::SaveOnly : anonState;
     applyStates();
-    const bool on = std::max(authState, anonState) == PipelineState::On;
+    const bool on = std::max(authState_, anonState_) == PipelineState::On;
     if (std::exchange(stopped_, !on) == !on) return;
     if (on) {
         timer_.start();
@@ -137,6 +144,9 @@ void OrphanInstance::deleteFolder() {
 }
 
 void OrphanInstance::giveUpFolder() {
+    for (Line& each : lines_) {
+        if (each.pipeline) each.pipeline->beginStop();
+    }
     for (Line& each : lines_) each.pipeline.reset();
     folder_.reset();
 }

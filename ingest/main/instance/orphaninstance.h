@@ -3,6 +3,7 @@
 #pragma once
 
 #include <array>
+#include <atomic>
 #include <memory>
 #include <string>
 
@@ -21,6 +22,9 @@ public:
 
     // Gives up the folder that it holds; what is not sent stays there.
     ~OrphanInstance() override;
+
+    // Ends searching and draining for good, and asks the host for the end of what is under way. Returns at once.
+    void beginStop() noexcept;
 
     // Searching and draining take place only while at least one of the two is On.
     void changeState(PipelineState authState, PipelineState anonState);
@@ -49,7 +53,8 @@ private:
     const LineCallbacks callbacks_;
     PipelineState authState_ = PipelineState::SaveOnly;
     PipelineState anonState_ = PipelineState::SaveOnly;
-    bool stopped_ = true;  // neither of the two states is On
+    std::atomic<bool> stopping_ = false;  // set once, by beginStop
+    bool stopped_ = true;                 // neither of the two states is On
     std::unique_ptr<LockedPath> folder_;
     std::array<Line, kPipelineKinds> lines_;  // by kind; destroyed before the folder's hold
     TaskEngine timer_;

@@ -97,6 +97,34 @@ TEST_F(InstanceStop, AFlushThatCannotBeDoneIsLoggedAndKeepsEverything) {
     EXPECT_EQ(stored(PipelineKind::auth), 1U);
 }
 
+TEST_F(InstanceStop, EndsTheFlushUnderWayAndTellsThoseWhoseTurnNeverCame) {
+    start();
+    ASSERT_TRUE(host_.waitUntil([&] { return flush() == 0; }));
+    for (const test::OnCancel behaviour : {test::OnCancel::complete, test::OnCancel::ignored}) {
+        if (!instance_) start();
+        ASSERT_TRUE(host_.waitUntil([&] { return flush() == 0; }));
+        host_.hold();
+        host_.onCancel(behaviour);
+        const size_t sends = host_.sends();
+        instance_->submitMetaEvent("{}");
+        std::vector<int32_t> told;
+        for (int i = 0; i < 2; ++i) {
+            instance_->flush([](velmora_ingest_instance, int32_t result,
+                                void* list) { static_cast<std::vector<int32_t>*>(list)->push_back(result); },
+                             &told);
+        }
+        ASSERT_TRUE(host_.waitForRequests(sends + 1));
+        instance_->beginStop();
+        instance_->updateState();  // asks for On, in vain
+        instance_.reset();
+        ASSERT_EQ(told.size(), 2U);
+        EXPECT_EQ(told[0], VELMORA_ERROR_PRECONDITION_FAILED);
+        EXPECT_TRUE(told[1] == VELMORA_ERROR_INGEST_INSTANCE_NOT_FOUND || told[1] == VELMORA_ERROR_PRECONDITION_FAILED);
+        host_.onCancel(test::OnCancel::complete);
+        host_.release();
+    }
+}
+
 using namespace std::chrono_literals;
 
 TEST(HealthCheck, BeatsAtTheIntervalOfTheLastBeatWhateverBecomesOfItAndOnceAtTheEnd) {
