@@ -13,7 +13,7 @@ if(TARGET velmora_tool)
 endif()
 if(WIN32 AND CMAKE_CROSSCOMPILING)
     # Everything beside the system's own libraries is linked in, and its terms travel with it.
-    foreach(package libboost1.81-dev rapidjson-dev libz-mingw-w64-dev libcpp-httplib-dev libsqlite3-dev libcli11-dev
+    foreach(package libboost1.81-dev rapidjson-dev libz-mingw-w64-dev libsqlite3-dev libsqlitecpp-dev nlohmann-json3-dev libcli11-dev
             gcc-mingw-w64-base mingw-w64-common)
         install(FILES /usr/share/doc/${package}/copyright OPTIONAL
             DESTINATION ${CMAKE_INSTALL_DOCDIR}/licences RENAME ${package}.txt)

@@ -3,16 +3,10 @@
 include(VelmoraGoogleTest)
 include(GoogleTest)
 
-set(VELMORA_TEST_ENVIRONMENT "")
-if(VELMORA_SANITIZE MATCHES "thread")
-    set(VELMORA_TEST_ENVIRONMENT "TSAN_OPTIONS=suppressions=${PROJECT_SOURCE_DIR}/tests/tsan.supp")
-endif()
-
 function(velmora_test name)
     cmake_parse_arguments(ARG "" "" "SOURCES;LIBRARIES" ${ARGN})
     add_executable(${name} ${ARG_SOURCES})
     target_compile_options(${name} PRIVATE -O0)  # the suite's own code: built often, run once
     target_link_libraries(${name} PRIVATE velmora_internal velmora_testsupport ${ARG_LIBRARIES} GTest::gtest GTest::gtest_main)
-    gtest_discover_tests(${name} DISCOVERY_TIMEOUT 60 DISCOVERY_MODE PRE_TEST PROPERTIES TIMEOUT 300
-        ENVIRONMENT "${VELMORA_TEST_ENVIRONMENT}")
+    gtest_discover_tests(${name} DISCOVERY_TIMEOUT 60 DISCOVERY_MODE PRE_TEST PROPERTIES TIMEOUT 300)
 endfunction()

@@ -102,6 +102,28 @@ void addServiceOptions(CLI::App& command, CollectorOptions& options) {
         ->capture_default_str();
 }
 
+void addStorageOptions(CLI::App& command, StoreOptions& storage) {
+    const auto addSeconds = [&](const char* name, const char* text, std::optional<std::chrono::seconds>& value) {
+        command
+            .add_option_function<int64_t>(
+                name, [&value](const int64_t& seconds) { value = std::chrono::seconds(seconds); }, text)
+            ->check(CLI::NonNegativeNumber);
+    };
+    command
+        .add_option_function<int64_t>(
+            "--store-timeout", [&storage](const int64_t& given) { storage.timeout = std::chrono::milliseconds(given); },
+            "Milliseconds that a stream may take to acknowledge a batch; 5000 by default")
+        ->check(CLI::PositiveNumber);
+    command
+        .add_option("--max-pending", storage.maxPendingBytes, "Bytes of batches that the store has not acknowledged")
+        ->capture_default_str();
+    command.add_option("--nats-credentials", storage.credentials, "File of credentials for a stream");
+    command.add_option("--replicas", storage.replicas, "Of a stream, as are the following");
+    addSeconds("--retention", "Seconds; 0 until delivered", storage.retention);
+    addSeconds("--duplicate-window", "Seconds in which a repeated event is recognised", storage.duplicateWindow);
+    command.add_option("--max-stream-bytes", storage.maxStreamBytes);
+}
+
 }  // namespace
 
 void registerCollect(CLI::App& program, int& exitCode) {
@@ -130,6 +152,7 @@ void registerCollect(CLI::App& program, int& exitCode) {
                         "Misbehave: JSON of fail, status, retryAfter, delayMs, drop, lateAnswer");
     command->add_flag("--quiet", options.quiet, "No log lines");
     addServiceOptions(*command, options);
+    addStorageOptions(*command, options.storage);
     command->add_option("--config", arguments->configuration, "File of lines NAME = VALUE with the options' names");
     command->callback([command, arguments, &exitCode] {
         readConfiguration(*command, arguments->configuration);
