@@ -124,10 +124,11 @@ void Pipeline::push(const std::string& stored) {
 }
 
 void Pipeline::maybeStartBatch(bool useBatchSize) {
+    if (!useBatchSize) waitsForInterval_ = false;
     const bool waitsForFull = useBatchSize && !adopted_;  // nobody adds to an adopted store: what is there goes at once
     const uint64_t threshold = waitsForFull ? config_.read([](const Config& c) { return c.batchSize; }) : 1;
     const uint64_t stored = store_.size();
-    if (state_ == PipelineState::On && stored >= threshold && takeSlot(BatchSlot::free)) {
+    if (state_ == PipelineState::On && stored >= threshold && !waitsForInterval_ && takeSlot(BatchSlot::free)) {
         try {
             enqueueTask(Task([this] { doInitiateRequest(); }));
         } catch (const std::bad_alloc&) {
@@ -156,7 +157,7 @@ void Pipeline::enqueueTask(Task step) {
         } catch (...) {
             lastError_ = currentExceptionToErrorCode("pipeline", "velmora::Pipeline::enqueueTask");
             const ScopeExit done([this] { slot_ = BatchSlot::free; });
-            doHandleError();
+            if (!settled_) doHandleError();
         }
     }));
 }
@@ -187,7 +188,8 @@ bool Pipeline::formBatch() {
     batchSize_ = records.size();
     if (records.empty()) return false;
     std::vector<std::string> plain = doDecrypt(records);
-    request_ = makeRequest(doFilterInvalidEvents(std::move(records), std::move(plain)));
+    events_ = doFilterInvalidEvents(std::move(records), std::move(plain));
+    request_ = makeRequest(addBatchAttributes(events_));
     return true;
 }
 
@@ -202,37 +204,31 @@ std::vector<std::string> Pipeline::doDecrypt(const std::vector<std::string>& rec
     return plain;
 }
 
-// The transform parses each event, and so is the test of what is a JSON object, too: what it takes goes into the batch.
-// If it throws, the batch is given up as a whole: the rest is sorted before the exception goes on.
-std::vector<std::string> Pipeline::doFilterInvalidEvents(std::vector<std::string> records,
-                                                         std::vector<std::string> plain) {
-    validEvents_.clear();
-    invalidEvents_.clear();
-    std::vector<std::string> transformed;
-    for (auto* list : {&validEvents_, &invalidEvents_, &transformed}) list->reserve(plain.size());
-    std::exception_ptr failure;
+std::vector<Pipeline::BatchEvent> Pipeline::doFilterInvalidEvents(std::vector<std::string> records,
+                                                                  std::vector<std::string> plain) {
+    std::vector<BatchEvent> events;
+    events.reserve(plain.size());
+    uint64_t invalid = 0;
     for (size_t i = 0; i < plain.size(); ++i) {
-        bool valid = false;
-        try {
-            valid = failure ? validJSON(plain[i]) : appendTransformed(plain[i], transformed);
-        } catch (...) {
-            failure = std::current_exception();
-            valid = validJSON(plain[i]);
-        }
-        auto& list = valid ? validEvents_ : invalidEvents_;
-        list.push_back(std::move(valid ? plain[i] : records[i]));
+        const bool readable = validJSON(plain[i]);
+        events.push_back({std::move(readable ? plain[i] : records[i]), readable});
+        if (!readable) ++invalid;
     }
-    if (!invalidEvents_.empty()) {
-        VELMORA_LOG(warn, "pipeline") << "Filter out events: count=" << invalidEvents_.size() << " name=" << name_;
+    if (invalid != 0) {
+        VELMORA_LOG(warn, "pipeline") << "Filter out events: count=" << invalid << " name=" << name_;
     }
-    if (failure) std::rethrow_exception(failure);
-    return transformed;
+    return events;
 }
 
-bool Pipeline::appendTransformed(std::string event, std::vector<std::string>& transformed) const {
-    const bool valid = transform(event);
-    if (valid) transformed.push_back(std::move(event));
-    return valid;
+std::vector<std::string> Pipeline::addBatchAttributes(const std::vector<BatchEvent>& events) const {
+    std::vector<std::string> outgoing;
+    outgoing.reserve(events.size());
+    for (const BatchEvent& event : events) {
+        if (!event.readable) continue;
+        outgoing.push_back(event.text);
+        static_cast<void>(transform(outgoing.back()));
+    }
+    return outgoing;
 }
 
 bool Pipeline::transform(std::string& event) const {

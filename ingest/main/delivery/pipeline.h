@@ -43,11 +43,17 @@ public:
     using DebugCallback = std::function<void(const std::string& folderName, PipelineKind, debug::Item, debug::Action,
                                              debug::Reason, uint64_t count)>;
 
-    // Takes over the events of a batch that is given up, in plain text, and records that could not be deciphered, in
-    // stored form. Runs on the line's engine; both leave the store when it returns. A clean code means that only the
-    // invalid ones are handed over.
-    using BatchErrorCallback = std::function<void(const std::error_code& error, const std::vector<std::string>& valid,
-                                                  const std::vector<std::string>& invalid)>;
+    // One record of a batch.
+    struct BatchEvent {
+        std::string text;      // in plain text; of a record that can't be read the stored form
+        bool readable = true;  // a JSON object
+    };
+
+    // Takes over the events of a batch that is given up, on the line's engine and at most once for a batch. Returns how
+    // many it has settled, counted from the front: these leave the store, the rest stays where it is, and the line's
+    // next batch waits for the batch interval. With a clean code the readable events have been delivered, and only the
+    // others are to be taken over.
+    using BatchErrorCallback = std::function<uint64_t(const std::error_code& error, const std::vector<BatchEvent>&)>;
 
     // Loads the store in `folder` and starts in SaveOnly. `name` is that of the store in logs and drop reports. A line
     // of an adopted folder, to which nobody adds, sends what is there at once instead of waiting for full batches.
@@ -125,8 +131,8 @@ private:
     void doInitiateRequest();
     bool formBatch();  // false if there is nothing to post
     std::vector<std::string> doDecrypt(const std::vector<std::string>& records) const;
-    std::vector<std::string> doFilterInvalidEvents(std::vector<std::string> records, std::vector<std::string> plain);
-    bool appendTransformed(std::string event, std::vector<std::string>& transformed) const;
+    std::vector<BatchEvent> doFilterInvalidEvents(std::vector<std::string> records, std::vector<std::string> plain);
+    std::vector<std::string> addBatchAttributes(const std::vector<BatchEvent>& events) const;
     bool transform(std::string& event) const;
     std::string doBatch(const std::vector<std::string>& events) const;
     http::Request makeRequest(const std::vector<std::string>& transformed) const;
@@ -139,6 +145,7 @@ private:
     bool armRetry(std::chrono::milliseconds delay, uint32_t attempt);
     void onRetryTimeout(uint64_t exchange);
     void doHandleError();
+    void settle(const std::error_code& error);
     void doResetState();
     void logHTTPResponse(const http::Response& response) const;
 
@@ -184,8 +191,8 @@ private:
     Queue::Batch batch_;
     uint64_t batchSize_ = 0;  // of its events, or how many are wanted before there is one
     std::error_code lastError_;
-    std::vector<std::string> validEvents_;
-    std::vector<std::string> invalidEvents_;
+    std::vector<BatchEvent> events_;
+    bool settled_ = false;  // an answer or the owner has decided about the events: nobody else may
     http::Request request_;
     Transfer transfer_;
     uint64_t lastExchange_ = 0;
@@ -193,6 +200,7 @@ private:
     std::unique_ptr<http::RetryHandler> retryHandler_;
     std::atomic<bool> retryInProgress_ = false;  // retryHandler_ exists; written on the engine, read by flush
 
+    std::atomic<bool> waitsForInterval_ = false;            // the store took nothing back: no batch before the interval
     std::atomic<bool> stopping_ = false;                    // set once, by beginStop
     transfer::Transfer::Clock::time_point stopDeadline_{};  // written before stopping_
     Mutex flushMutex_;

@@ -1,6 +1,7 @@
 // The part of a line that begins where a batch's request has been formed: posting, judging the response, retry, and
 // giving up.
 
+#include <algorithm>
 #include <new>
 #include <utility>
 
@@ -46,8 +47,8 @@ using debug::Reason;
 
 void Pipeline::doResetState() {
     lastError_.clear();
-    validEvents_.clear();
-    invalidEvents_.clear();
+    events_.clear();
+    settled_ = false;
     batch_ = Queue::Batch();
     batchSize_ = config_.read([](const Config& c) { return c.batchSize; });
     request_ = http::Request();
@@ -91,9 +92,23 @@ void Pipeline::doHandleResponse(uint64_t exchange, const http::Response& respons
 }
 
 void Pipeline::doHandleSuccess() {
-    if (batchErrorCallback_ && !invalidEvents_.empty()) batchErrorCallback_(std::error_code(), {}, invalidEvents_);
-    store_.pop(batch_, batchSize_);
-    report(Item::event, Action::sent, Reason::success, batchSize_ - invalidEvents_.size());
+    settle({});
+    report(Item::event, Action::sent, Reason::success,
+           static_cast<uint64_t>(
+               std::count_if(events_.begin(), events_.end(), [](const BatchEvent& event) { return event.readable; })));
+}
+
+// Decides once what leaves the store. What was delivered, or refused with nobody to take it over, leaves it; after an
+// exception only what the owner has taken.
+void Pipeline::settle(const std::error_code& error) {
+    settled_ = true;
+    const bool isAnswered = !error || http::isHttpError(error);
+    const bool isRead = std::all_of(events_.begin(), events_.end(), [](const auto& event) { return event.readable; });
+    uint64_t settled = isAnswered ? events_.size() : 0;
+    waitsForInterval_ = true;  // also if what follows throws
+    if (batchErrorCallback_ && (error || !isRead)) settled = batchErrorCallback_(error, events_);
+    store_.pop(batch_, settled);
+    waitsForInterval_ = settled < events_.size();
 }
 
 bool Pipeline::doRetry(const http::Response& response) {
@@ -126,8 +141,7 @@ void Pipeline::onRetryTimeout(uint64_t exchange) {
 
 void Pipeline::doHandleError() {
     VELMORA_LOG(error, "pipeline") << "name=" << name_ << " err=" << lastError_.message();
-    if (lastError_ && batchErrorCallback_) batchErrorCallback_(lastError_, validEvents_, invalidEvents_);
-    store_.pop(batch_, batchSize_);
+    settle(lastError_);
 }
 
 void Pipeline::logHTTPResponse(const http::Response& response) const {

@@ -90,7 +90,6 @@ std::unique_ptr<Pipeline> IngestInstanceImpl::makeLine(PipelineKind kind) {
 }
 
 LineCallbacks IngestInstanceImpl::lineCallbacks() {
-    using Events = std::vector<std::string>;
     return {
         [this](const std::string& storeName, const std::string& reason, uint64_t count, uint64_t size) {
             onDropped(storeName, reason, count, size);
@@ -98,12 +97,8 @@ LineCallbacks IngestInstanceImpl::lineCallbacks() {
         [this](std::string& event, bool includeIdentity) {
             return preset_.tryApplyBatchAttributes(event, includeIdentity);
         },
-        [this](const std::error_code& error, const Events& valid, const Events& invalid) {
-            onErrorFromLine(true, error, valid, invalid);
-        },
-        [this](const std::error_code& error, const Events& valid, const Events& invalid) {
-            onErrorFromLine(false, error, valid, invalid);
-        },
+        [this](const std::error_code& error, const Events& events) { return onErrorFromLine(true, error, events); },
+        [this](const std::error_code& error, const Events& events) { return onErrorFromLine(false, error, events); },
         [this](const std::string& folderName, PipelineKind kind, Item item, Action action, Reason reason,
                uint64_t count) { debugCounters_.add(folderName, kind, item, action, reason, count); },
     };
@@ -207,23 +202,44 @@ void IngestInstanceImpl::doUpdateState() {
     changeState(static_cast<int32_t>(session_.getOnlineLimit()), static_cast<int32_t>(authState));
 }
 
-void IngestInstanceImpl::onErrorFromLine(bool auth, const std::error_code& error,
-                                         const std::vector<std::string>& validEvents,
-                                         const std::vector<std::string>& invalidEvents) {
+uint64_t IngestInstanceImpl::onErrorFromLine(bool auth, const std::error_code& error, const Events& events) {
     engine_.schedule(Task([this, error] { handleError(error); }));
+    const auto invalid = static_cast<uint64_t>(
+        std::count_if(events.begin(), events.end(), [](const auto& event) { return !event.readable; }));
     VELMORA_LOG_AT(
         error, "ingestinstance",
         auth ? "velmora::IngestInstanceImpl::onErrorFromAuthLine" : "velmora::IngestInstanceImpl::onErrorFromAnonLine")
-        << "Resubmitting " << validEvents.size() << " valid events and " << invalidEvents.size()
+        << "Resubmitting " << (error ? events.size() - invalid : 0) << " valid events and " << invalid
         << " invalid events at the back of " << (auth ? "auth" : "anon")
         << "(_invalid) queues: error=" << error.message();
     Pipeline& line = auth ? *authPipeline_ : *anonPipeline_;
     Pipeline& invalidLine = auth ? *authInvalidPipeline_ : *anonInvalidPipeline_;
-    for (const std::string& event : validEvents) line.submitEvent(event, true);
-    if (invalidEvents.empty()) return;
-    submitMetaEvent(MetaEvent::makeLifecycle(sourceType_, "warn", "decrypt", invalidEvents.size()).json());
-    for (const std::string& event : invalidEvents) invalidLine.submitEvent(event, true);
-    debugCounters_.add(name_, invalidLine.kind(), Item::event, Action::saved, Reason::success, invalidEvents.size());
+    uint64_t moved = 0;
+    uint64_t movedInvalid = 0;
+    for (const Pipeline::BatchEvent& event : events) {
+        const bool isDelivered = event.readable && !error;
+        if (!isDelivered && !moveBack(event.readable ? line : invalidLine, event.text)) break;
+        ++moved;
+        if (!event.readable) ++movedInvalid;
+    }
+    if (movedInvalid == 0) return moved;
+    exceptionSafeWrapper(
+        [&] { submitMetaEvent(MetaEvent::makeLifecycle(sourceType_, "warn", "decrypt", movedInvalid).json()); });
+    debugCounters_.add(name_, invalidLine.kind(), Item::event, Action::saved, Reason::success, movedInvalid);
+    return moved;
+}
+
+bool IngestInstanceImpl::moveBack(Pipeline& line, const std::string& event) {
+    try {
+        line.submitEvent(event, true);
+    } catch (...) {
+        const std::error_code why =
+            currentExceptionToErrorCode("ingestinstance", "velmora::IngestInstanceImpl::moveBack");
+        if (why != VelmoraError::opt_out && why != VelmoraError::event_too_big) return false;
+        VELMORA_LOG(warn, "ingestinstance") << "Discard event: error=" << toString(why);
+        debugCounters_.add(name_, line.kind(), Item::event, Action::discarded, rejectionReason(why), 1);
+    }
+    return true;
 }
 
 void IngestInstanceImpl::handleError(const std::error_code& code) {

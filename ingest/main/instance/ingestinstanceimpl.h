@@ -51,6 +51,7 @@ public:
     Environment getEnvironment() override;
 
 private:
+    using Events = std::vector<Pipeline::BatchEvent>;
     using StringMap = SessionView::StringMap;
 
     static StringMap effectiveCommonData(const std::string& commonData, const StringMap& hostData);
@@ -64,8 +65,11 @@ private:
                                const std::string& configOverride);
     void countRejected(PipelineKind kind, const std::error_code& code);
 
-    void onErrorFromLine(bool auth, const std::error_code& error, const std::vector<std::string>& validEvents,
-                         const std::vector<std::string>& invalidEvents);
+    uint64_t onErrorFromLine(bool auth, const std::error_code& error, const Events& events);
+
+    // Takes an event of a batch back into a line. False if the system refuses, and so will for the next ones. One that
+    // the line can never take is dropped, and counted.
+    bool moveBack(Pipeline& line, const std::string& event);
     void handleError(const std::error_code& code);
     void doUpdateState();
     void onDropped(const std::string& storeName, const std::string& reason, uint64_t count, uint64_t folderSize);

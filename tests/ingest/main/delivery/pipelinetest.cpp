@@ -69,9 +69,15 @@ protected:
                 EXPECT_EQ(name, "7");
                 counts_[{k, i, a, r}] += count;
             });
-        pipeline_->setBatchErrorCallback([this](const std::error_code& error, const std::vector<std::string>& valid,
-                                                const std::vector<std::string>& invalid) {
-            givenUp_.push_back({error, valid, invalid});
+        pipeline_->setBatchErrorCallback([this](const std::error_code& error, const auto& events) {
+            GivenUp given{error, {}, {}};
+            for (const auto& event : events) {
+                if (!event.readable) given.invalid.push_back(event.text);
+                if (event.readable && error) given.valid.push_back(event.text);
+            }
+            givenUp_.push_back(given);
+            storedAtCall_ = pipeline_->size();
+            return std::min<uint64_t>(taken_, events.size());
         });
         return *pipeline_;
     }
@@ -137,6 +143,8 @@ protected:
     std::unique_ptr<IngestConfigProvider> provider_;
     std::map<Report, uint64_t> counts_;
     std::vector<GivenUp> givenUp_;
+    uint64_t taken_ = 1000;  // of what is given up, at most
+    uint64_t storedAtCall_ = 0;
     std::unique_ptr<Pipeline> pipeline_;
 };
 
@@ -210,11 +218,6 @@ TEST_F(PipelineBatches, ThatCannotBeFormedAreHandedOverComplete) {
     const std::string undecipherable = Crypt("another").encrypt("x");
     open(PipelineKind::anon_invalid);
     pipeline_->setEventTransform(nullptr);
-    uint64_t storedAtCall = 0;
-    pipeline_->setBatchErrorCallback([&](const std::error_code& error, const auto& valid, const auto& invalid) {
-        storedAtCall = pipeline_->size();
-        givenUp_.push_back({error, valid, invalid});
-    });
     for (const auto& record : {undecipherable, event(1), undecipherable}) pipeline_->submitEvent(record, true);
     pipeline_->changeState(PipelineState::On);
     pools_.runAll();
@@ -222,7 +225,7 @@ TEST_F(PipelineBatches, ThatCannotBeFormedAreHandedOverComplete) {
     EXPECT_EQ(givenUp_[0].error, VelmoraError::unknown);
     EXPECT_EQ(givenUp_[0].valid, std::vector{event(1)});
     EXPECT_EQ(givenUp_[0].invalid, std::vector(2, undecipherable));
-    EXPECT_EQ(storedAtCall, 3U) << "nothing is popped before";
+    EXPECT_EQ(storedAtCall_, 3U) << "nothing is popped before";
     EXPECT_EQ(pipeline_->size(), 0U);
     EXPECT_EQ(host_.sends(), 0U);
 }
@@ -448,6 +451,24 @@ TEST_F(PipelineOutcomes, DamageThatLeavesNothingToReadIsNotPosted) {
     submit(8, 9);
     pools_.runAll();
     EXPECT_FALSE(flush()) << "ends, though it can read nothing";
+}
+
+// As on a full disk: what is not taken over keeps its place, and does not keep the line busy.
+TEST_F(PipelineOutcomes, OnlyWhatTheOwnerTakesOverLeavesTheStoreAndTheRestWaitsForTheInterval) {
+    open().changeState(PipelineState::On);
+    host_.answerAll({.status = 400});
+    taken_ = 1;
+    submit(0, 6);
+    ASSERT_TRUE(driveToCompletions(1));
+    submit(6, 9);
+    pools_.runAll();
+    EXPECT_EQ(pipeline_->size(), 8U);
+    EXPECT_EQ(host_.sends(), 1U) << "no batch before the interval";
+    host_.answerAll({.status = 200});
+    pools_.advance(30000ms);
+    ASSERT_TRUE(drive([&] { return pipeline_->size() == 2; }));
+    EXPECT_EQ(sent(1), batchOf(1, 4)) << "in their place";
+    ASSERT_EQ(givenUp_.size(), 1U);
 }
 
 TEST_F(PipelineOutcomes, AreToldInTheLog) {

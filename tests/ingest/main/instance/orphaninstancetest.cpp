@@ -156,7 +156,7 @@ protected:
         session_.config.batchSize = 1;
         session_.config.encryptionEnabled = false;
         provider_.refresh();
-        const auto ignore = [](const std::error_code&, const auto&, const auto&) {};
+        const auto ignore = [](const std::error_code&, const auto& events) -> uint64_t { return events.size(); };
         orphan_ = std::make_unique<OrphanInstance>(
             session_, provider_, "guid",
             LineCallbacks{nullptr, [](std::string&, bool) { return true; }, ignore, ignore, [](const auto&...) {}});
