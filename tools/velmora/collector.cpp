@@ -341,6 +341,7 @@ private:
             const char* path;
             void (Impl::*handle)(const Request&, const HttpRespond&);
         } routes[] = {
+            {verb::get, "/", &Impl::onPage},
             {verb::post, "/ingest", &Impl::onIngest},
             {verb::get, "/oswin/profile", &Impl::onProfile},
             {verb::get, "/fetch_user_tracking_flag", &Impl::onTrackingFlag},
@@ -505,6 +506,15 @@ private:
                 respond(reject(*request, {500, error.what()}));
             }
         });
+    }
+
+    // The page runs its own script and asks this server, nothing else, whatever an event's text says.
+    void onPage(const Request&, const HttpRespond& respond) {
+        HttpAnswer answer = plain(200, std::string(kCollectorPage), "text/html; charset=utf-8");
+        answer.headers.emplace_back("Content-Security-Policy",
+                                    "default-src 'none'; style-src 'unsafe-inline'; script-src 'unsafe-inline'; "
+                                    "connect-src 'self'; frame-ancestors 'none'");
+        respond(std::move(answer));
     }
 
     void onEvents(const Request& request, const HttpRespond& respond) {

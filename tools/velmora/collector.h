@@ -1,6 +1,7 @@
 // The three services that the library talks to, on one port: ingest, identity and tracking; and a view of what has
 // arrived, for developers, and of itself, for those who run it.
 //
+//   GET  /                           a page that shows what arrives as it arrives
 //   POST /ingest                     a batch, gzip or plain, with x-api-key
 //   GET  /oswin/profile              the profile of the options, for any bearer token
 //   GET  /fetch_user_tracking_flag   the tracking flag of the options
@@ -48,6 +49,9 @@ struct CollectorOptions {
     HttpServerOptions server;  // host, port and maxBodyBytes are taken from above
     StoreOptions storage;      // the target is taken from above
 };
+
+// The page, from page.html.
+extern const std::string_view kCollectorPage;
 
 class Collector {
 public:
