@@ -63,7 +63,7 @@ void Exchange::complete(int32_t result, const std::string& message) const {
 }
 
 std::shared_ptr<Exchange> ExchangeTable::open(int32_t verb, std::string url, void* session, void* context) {
-    const std::lock_guard lock(mutex_);
+    const MutexLock lock(mutex_);
     if (closed_) return nullptr;
     const uint32_t id = unusedIdLocked();
     auto exchange = std::make_shared<Exchange>(id, verb, std::move(url), session, context);
@@ -79,7 +79,7 @@ uint32_t ExchangeTable::unusedIdLocked() {
 }
 
 CancelAnswer ExchangeTable::cancel(uint32_t id) {
-    const std::lock_guard lock(mutex_);
+    const MutexLock lock(mutex_);
     const auto found = entries_.find(id);
     if (found == entries_.end()) return CancelAnswer::Unknown;
     if (found->second.state == State::Finishing) return CancelAnswer::TooLate;
@@ -88,7 +88,7 @@ CancelAnswer ExchangeTable::cancel(uint32_t id) {
 }
 
 bool ExchangeTable::isCancelled(uint32_t id) const {
-    const std::lock_guard lock(mutex_);
+    const MutexLock lock(mutex_);
     const auto found = entries_.find(id);
     return found != entries_.end() && found->second.state == State::Cancelled;
 }
@@ -97,7 +97,7 @@ void ExchangeTable::finish(const Exchange& exchange, int32_t result, const std::
     bool isCancel = false;
     std::shared_ptr<Exchange> kept;  // outlives the entry, and so the caller's reference
     {
-        const std::lock_guard lock(mutex_);
+        const MutexLock lock(mutex_);
         const auto found = entries_.find(exchange.id());
         if (found == entries_.end() || found->second.state == State::Finishing) return;
         isCancel = found->second.state == State::Cancelled;
@@ -108,13 +108,13 @@ void ExchangeTable::finish(const Exchange& exchange, int32_t result, const std::
         kept->complete(VELMORA_HTTP_CANCELLED, "cancelled");
     else
         kept->complete(result, message);
-    const std::lock_guard lock(mutex_);
+    const MutexLock lock(mutex_);
     entries_.erase(kept->id());
-    if (entries_.empty()) emptied_.notify_all();
+    if (entries_.empty()) emptied_.notifyAll();
 }
 
 std::vector<uint32_t> ExchangeTable::close() {
-    const std::lock_guard lock(mutex_);
+    const MutexLock lock(mutex_);
     closed_ = true;
     std::vector<uint32_t> open;
     for (auto& [id, entry] : entries_) {
@@ -126,8 +126,8 @@ std::vector<uint32_t> ExchangeTable::close() {
 }
 
 void ExchangeTable::waitUntilEmpty() {
-    std::unique_lock lock(mutex_);
-    emptied_.wait(lock, [this] { return entries_.empty(); });
+    const MutexLock lock(mutex_);
+    emptied_.wait(mutex_, [this]() VELMORA_REQUIRES(mutex_) { return entries_.empty(); });
 }
 
 }  // namespace velmora::httpstack

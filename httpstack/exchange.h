@@ -1,15 +1,15 @@
 // One request that the stack has accepted from the library, and the table of all of them.
 #pragma once
 
-#include <condition_variable>
 #include <cstdint>
 #include <map>
 #include <memory>
-#include <mutex>
 #include <optional>
 #include <string>
 #include <utility>
 #include <vector>
+
+#include "core/types/mutex.h"
 
 namespace velmora::httpstack {
 
@@ -78,13 +78,13 @@ private:
         State state;
     };
 
-    uint32_t unusedIdLocked();
+    uint32_t unusedIdLocked() VELMORA_REQUIRES(mutex_);
 
-    mutable std::mutex mutex_;  // a leaf: nothing is called while it is held
-    std::condition_variable emptied_;
-    std::map<uint32_t, Entry> entries_;
-    uint32_t lastId_ = 0;
-    bool closed_ = false;
+    mutable Mutex mutex_;  // a leaf: nothing is called while it is held
+    Condition emptied_;
+    std::map<uint32_t, Entry> entries_ VELMORA_GUARDED_BY(mutex_);
+    uint32_t lastId_ VELMORA_GUARDED_BY(mutex_) = 0;
+    bool closed_ VELMORA_GUARDED_BY(mutex_) = false;
 };
 
 }  // namespace velmora::httpstack

@@ -2,7 +2,6 @@
 
 #include <exception>
 #include <memory>
-#include <mutex>
 #include <stdexcept>
 #include <utility>
 
@@ -56,8 +55,8 @@ private:
 
 // The installed stack. Neither part is ever destroyed, since the library may still ask while the process ends.
 struct Installation {
-    std::mutex mutex;
-    std::shared_ptr<Stack> stack;
+    Mutex mutex;
+    std::shared_ptr<Stack> stack VELMORA_GUARDED_BY(mutex);
 };
 
 Installation& installation() {
@@ -67,13 +66,13 @@ Installation& installation() {
 
 std::shared_ptr<Stack> installedStack() {
     Installation& current = installation();
-    const std::lock_guard lock(current.mutex);
+    const MutexLock lock(current.mutex);
     return current.stack;
 }
 
 std::shared_ptr<Stack> takeStack() {
     Installation& current = installation();
-    const std::lock_guard lock(current.mutex);
+    const MutexLock lock(current.mutex);
     return std::exchange(current.stack, nullptr);
 }
 
@@ -126,7 +125,7 @@ int32_t install(const velmora_httpstack_options* options) {
     if (!settings) return VELMORA_ERROR_INVALID_ARGUMENT;
     Installation& current = installation();
     {
-        const std::lock_guard lock(current.mutex);
+        const MutexLock lock(current.mutex);
         if (current.stack != nullptr) return VELMORA_ERROR_PRECONDITION_FAILED;
         current.stack = std::make_shared<Stack>(std::move(*settings));
     }

@@ -3,8 +3,7 @@
 #include <ostream>
 #include <utility>
 
-#include "core/network/networkpoller.h"
-#include "core/network/platformnetworkmonitor.h"
+#include "core/platform/sysfacts.h"
 #include "core/types/logger.h"
 
 namespace velmora {
@@ -19,6 +18,14 @@ Factory& factory() {
     static Factory instance;
     return instance;
 }
+
+class PlatformNetworkMonitor final : public NetworkMonitor {
+public:
+    ~PlatformNetworkMonitor() override { stop(); }
+    NetworkState getNetworkState() override {
+        return platform::isNetworkAlive() ? NetworkState::online : NetworkState::offline;
+    }
+};
 
 }  // namespace
 
@@ -44,7 +51,7 @@ void NetworkMonitor::start() {
     VELMORA_LOGF(info, "netmon", "Starting network monitor");
     const bool isNotified = startListening();
     updateNetworkState(getNetworkState());
-    if (!isNotified) replacePoller(std::make_shared<NetworkPoller>(*this));
+    if (!isNotified) replacePoller(std::make_shared<Poller>(*this));
 }
 
 void NetworkMonitor::stop() {
@@ -55,7 +62,7 @@ void NetworkMonitor::stop() {
 }
 
 void NetworkMonitor::poll() {
-    std::shared_ptr<NetworkPoller> poller;
+    std::shared_ptr<Poller> poller;
     {
         const MutexLock lock(pollerMutex_);
         poller = poller_;
@@ -64,7 +71,7 @@ void NetworkMonitor::poll() {
 }
 
 // A stop() that has come meanwhile has found the old poller: the next one is not kept then.
-void NetworkMonitor::replacePoller(std::shared_ptr<NetworkPoller> next) {
+void NetworkMonitor::replacePoller(std::shared_ptr<Poller> next) {
     {
         const MutexLock lock(pollerMutex_);
         if (!stopped_ || !next) poller_.swap(next);
@@ -77,6 +84,46 @@ void NetworkMonitor::updateNetworkState(NetworkState state) {
     VELMORA_LOG(info, "netmon") << "network is " << state;
     if (onChange_) onChange_(state);
 }
+
+// ---- polling
+
+NetworkMonitor::Poller::Poller(NetworkMonitor& monitor) : monitor_(monitor) { start(); }
+
+void NetworkMonitor::Poller::start() {
+    if (running_.exchange(true)) {
+        VELMORA_LOG(trace, "netpoll") << "Network poller timer is already running";
+        return;
+    }
+    VELMORA_LOG(trace, "netpoll") << "Starting network poller";
+    engine_.start();
+    onPollTimeout();
+}
+
+void NetworkMonitor::Poller::stop() {
+    VELMORA_LOG_SCOPE(info, "netpoll", "Stopping network poller");
+    running_ = false;
+    engine_.stop();
+}
+
+void NetworkMonitor::Poller::onPollTimeout() {
+    try {
+        if (pollOnce()) return engine_.schedule(monitor_.pollInterval(), [this] { onPollTimeout(); });
+    } catch (...) {
+        running_ = false;  // no timer is set: the next start() may try again
+        throw;
+    }
+    running_ = false;
+}
+
+// True if the network is down.
+bool NetworkMonitor::Poller::pollOnce() {
+    const NetworkState state = monitor_.getNetworkState();
+    monitor_.updateNetworkState(state);
+    VELMORA_LOG(trace, "netpoll") << "network is " << state;
+    return state == NetworkState::offline;
+}
+
+// ---- who makes monitors
 
 std::unique_ptr<NetworkMonitor> createNetworkMonitor() {
     std::function<std::unique_ptr<NetworkMonitor>()> make;

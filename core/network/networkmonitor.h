@@ -9,16 +9,18 @@
 #include <memory>
 
 #include "core/types/mutex.h"
+#include "core/utils/taskengine.h"
 
 namespace velmora {
 
 enum class NetworkState : int32_t { unknown = -1, offline = 0, online = 1 };
 std::ostream& operator<<(std::ostream& out, NetworkState state);  // "offline", "online", "(unknown)"
 
-class NetworkPoller;
-
 // The callback runs on a timer thread, or on the thread that called start() or poll(); it must neither stop nor destroy
 // the monitor. A derived class calls stop() in its destructor, so that nothing asks it for the state any more.
+//
+// Owns the poller, between start() and stop(). The poller asks the platform again only while the last answer was
+// offline: polling ends when the network is back, and what is lost later is found by poll().
 //
 // Threads: any, except that setCallback comes first.
 class NetworkMonitor {
@@ -28,9 +30,9 @@ public:
     NetworkMonitor(const NetworkMonitor&) = delete;
     NetworkMonitor& operator=(const NetworkMonitor&) = delete;
 
-    virtual NetworkState getNetworkState() = 0;  // asks the platform now
-    virtual bool startListening() = 0;           // true if the platform will report changes by itself
-    virtual void stopListening() = 0;
+    virtual NetworkState getNetworkState() = 0;      // asks the platform now
+    virtual bool startListening() { return false; }  // true if the platform will report changes by itself
+    virtual void stopListening() {}
 
     // Before the first start().
     void setCallback(std::function<void(NetworkState)> callback);
@@ -50,7 +52,27 @@ public:
     void updateNetworkState(NetworkState state);
 
 private:
-    void replacePoller(std::shared_ptr<NetworkPoller> next) VELMORA_EXCLUDES(pollerMutex_);
+    // The monitor outlives it. stop() and the destructor wait for a poll on a timer thread, and so must not be called
+    // from one.
+    class Poller {
+    public:
+        explicit Poller(NetworkMonitor& monitor);  // starts
+
+        // Asks at once, on the calling thread, and goes on asking while the answer is offline. Without effect while it
+        // does.
+        void start();
+        void stop();
+
+    private:
+        void onPollTimeout();
+        [[nodiscard]] bool pollOnce();
+
+        std::atomic<bool> running_ = false;  // start() decides by exchanging it: a timer is set, or about to be
+        NetworkMonitor& monitor_;
+        TaskEngine engine_;  // last: its end, before that of the rest, waits for a poll
+    };
+
+    void replacePoller(std::shared_ptr<Poller> next) VELMORA_EXCLUDES(pollerMutex_);
 
     std::atomic<bool> stopped_ = true;                         // start and stop decide by exchanging it
     std::atomic<NetworkState> state_ = NetworkState::unknown;  // changes are found by exchanging it
@@ -58,10 +80,10 @@ private:
     std::atomic<std::chrono::milliseconds> pollInterval_ = std::chrono::milliseconds(30000);
 
     Mutex pollerMutex_;
-    std::shared_ptr<NetworkPoller> poller_ VELMORA_GUARDED_BY(pollerMutex_);
+    std::shared_ptr<Poller> poller_ VELMORA_GUARDED_BY(pollerMutex_);
 };
 
-// By the registered factory, else a monitor over the platform's network state.
+// By the registered factory, else a monitor over the platform's network state, which gives no notification.
 [[nodiscard]] std::unique_ptr<NetworkMonitor> createNetworkMonitor();
 void setNetworkMonitorFactory(std::function<std::unique_ptr<NetworkMonitor>()> factory);
 

@@ -73,7 +73,7 @@ CurlTransport::~CurlTransport() {
 
 void CurlTransport::start(std::shared_ptr<Exchange> exchange) {
     {
-        const std::lock_guard lock(mutex_);
+        const MutexLock lock(mutex_);
         inbox_.started.push_back(std::move(exchange));
     }
     curl_multi_wakeup(multi_);
@@ -81,7 +81,7 @@ void CurlTransport::start(std::shared_ptr<Exchange> exchange) {
 
 void CurlTransport::cancel(uint32_t id) {
     {
-        const std::lock_guard lock(mutex_);
+        const MutexLock lock(mutex_);
         inbox_.cancelled.push_back(id);
     }
     curl_multi_wakeup(multi_);
@@ -89,7 +89,7 @@ void CurlTransport::cancel(uint32_t id) {
 
 void CurlTransport::stop() {
     {
-        const std::lock_guard lock(mutex_);
+        const MutexLock lock(mutex_);
         inbox_.ending = true;
     }
     curl_multi_wakeup(multi_);
@@ -108,7 +108,7 @@ void CurlTransport::run() {
 bool CurlTransport::takeInbox() {
     Inbox taken;
     {
-        const std::lock_guard lock(mutex_);
+        const MutexLock lock(mutex_);
         taken.started.swap(inbox_.started);
         taken.cancelled.swap(inbox_.cancelled);
         taken.ending = inbox_.ending;

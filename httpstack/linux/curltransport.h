@@ -4,7 +4,6 @@
 #include <curl/curl.h>
 
 #include <map>
-#include <mutex>
 #include <thread>
 
 #include "httpstack/linux/curlexchange.h"
@@ -39,8 +38,8 @@ private:
     ExchangeTable& table_;
     CURLM* const multi_;
     std::map<uint32_t, std::unique_ptr<CurlExchange>> running_;  // the thread's own
-    std::mutex mutex_;
-    Inbox inbox_;  // guarded by mutex_
+    Mutex mutex_;
+    Inbox inbox_ VELMORA_GUARDED_BY(mutex_);
     std::thread thread_;
 };
 

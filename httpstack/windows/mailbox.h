@@ -2,10 +2,8 @@
 #pragma once
 
 #include <chrono>
-#include <condition_variable>
 #include <cstdint>
 #include <memory>
-#include <mutex>
 #include <optional>
 #include <vector>
 
@@ -49,12 +47,12 @@ public:
     [[nodiscard]] bool waitUntilClosed(std::chrono::milliseconds limit);
 
 private:
-    [[nodiscard]] bool isEmptyLocked() const;
+    [[nodiscard]] bool isEmptyLocked() const VELMORA_REQUIRES(mutex_);
 
-    std::mutex mutex_;
-    std::condition_variable changed_;
-    Contents contents_;
-    size_t openHandles_ = 0;
+    Mutex mutex_;
+    Condition changed_;
+    Contents contents_ VELMORA_GUARDED_BY(mutex_);
+    size_t openHandles_ VELMORA_GUARDED_BY(mutex_) = 0;
 };
 
 }  // namespace velmora::httpstack

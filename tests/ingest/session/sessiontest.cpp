@@ -6,7 +6,7 @@
 #include <thread>
 
 #include "core/json/jsontext.h"
-#include "core/network/platformnetworkmonitor.h"
+#include "core/network/networkmonitor.h"
 #include "core/types/logger.h"
 #include "ingest/session/hostsettings.h"
 #include "ingest/session/identitymanager.h"
@@ -248,7 +248,8 @@ TEST_F(SessionEntry, AHostsCommonDataReachesLaterComponentsUnlessItsStartFails) 
 TEST_F(SessionEntry, SettingsThatComeWhileTheSessionComesUpAreInForce) {
     setNetworkMonitorFactory([] {
         EXPECT_EQ(velmora_setConfig(nullptr, VELMORA_CONFIG_RETRY_INTERVAL, "[7]"), VELMORA_OK);
-        return std::make_unique<PlatformNetworkMonitor>();
+        setNetworkMonitorFactory(nullptr);
+        return createNetworkMonitor();
     });
     Session& session = Session::getInstance();
     EXPECT_TRUE(host_.waitUntil([&] { return session.getRetryIntervals() == std::vector<uint64_t>{7}; }));
