@@ -1,5 +1,8 @@
 #include "httpstack/exchange.h"
 
+#include <stdexcept>
+#include <string_view>
+
 #include "velmora/http.h"
 
 namespace velmora::httpstack {
@@ -23,7 +26,10 @@ std::vector<Header> Exchange::requestHeaders() const {
     std::vector<Header> headers;
     for (uint32_t i = 0; i < count && i < kHeaderCapacity; ++i) {
         const velmora_http_header& record = records[i];
-        if (!hasLineBreak(record.key) && !hasLineBreak(record.value)) headers.emplace_back(record.key, record.value);
+        if (hasLineBreak(record.key) || hasLineBreak(record.value)) {
+            throw std::invalid_argument("a request header holds a line break");
+        }
+        headers.emplace_back(record.key, record.value);
     }
     return headers;
 }
@@ -108,8 +114,12 @@ void ExchangeTable::finish(const Exchange& exchange, int32_t result, const std::
         kept->complete(VELMORA_HTTP_CANCELLED, "cancelled");
     else
         kept->complete(result, message);
+    discard(*kept);
+}
+
+void ExchangeTable::discard(const Exchange& exchange) {
     const MutexLock lock(mutex_);
-    entries_.erase(kept->id());
+    entries_.erase(exchange.id());
     if (entries_.empty()) emptied_.notifyAll();
 }
 

@@ -25,7 +25,7 @@ public:
     [[nodiscard]] bool isPost() const;
     [[nodiscard]] const std::string& url() const { return url_; }
 
-    // The request's headers; one with a line break, which would begin another header, is left out.
+    // The request's headers. Throws std::invalid_argument for one with a line break, which would begin another header.
     [[nodiscard]] std::vector<Header> requestHeaders() const;
     [[nodiscard]] uint64_t requestBodyLength() const;
 
@@ -61,6 +61,9 @@ public:
 
     [[nodiscard]] CancelAnswer cancel(uint32_t id);
     [[nodiscard]] bool isCancelled(uint32_t id) const;
+
+    // Forgets an exchange that could not be started, without a word.
+    void discard(const Exchange& exchange);
 
     // Completes the exchange. A second call for the same one does nothing.
     void finish(const Exchange& exchange, int32_t result, const std::string& message);

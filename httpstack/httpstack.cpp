@@ -1,5 +1,6 @@
 #include "velmora/httpstack.h"
 
+#include <cstring>
 #include <exception>
 #include <memory>
 #include <stdexcept>
@@ -24,7 +25,12 @@ public:
         const auto exchange = table_.open(verb, std::move(target), session, context);
         if (exchange == nullptr) return VELMORA_HTTP_RETRIABLE;
         requestId = exchange->id();
-        transport_->start(exchange);
+        try {
+            transport_->start(exchange);
+        } catch (...) {
+            table_.discard(*exchange);
+            throw;
+        }
         return VELMORA_HTTP_OK;
     }
 
@@ -142,8 +148,8 @@ extern "C" {
 void velmora_httpstack_defaults(velmora_httpstack_options* options) {
     if (options == nullptr) return;
     const velmora::httpstack::Settings defaults;
-    *options = velmora_httpstack_options{};
-    options->size = sizeof(velmora_httpstack_options);
+    std::memset(options, 0, velmora::httpstack::kFirstOptionsSize);  // the caller's struct may end there
+    options->size = static_cast<uint32_t>(velmora::httpstack::kFirstOptionsSize);
     options->connectTimeoutMs = static_cast<uint32_t>(defaults.connectTimeout.count());
     options->totalTimeoutMs = static_cast<uint32_t>(defaults.totalTimeout.count());
     options->maxRedirects = defaults.maxRedirects;

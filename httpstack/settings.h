@@ -2,6 +2,7 @@
 #pragma once
 
 #include <chrono>
+#include <cstddef>
 #include <cstdint>
 #include <optional>
 #include <string>
@@ -25,10 +26,17 @@ struct Settings {
     std::string caBundle;              // empty: the system's
     std::string userAgent = "velmora-httpstack";
     std::vector<Route> routes;
+    std::chrono::milliseconds stallTimeout{30000};  // without a byte moved
+    uint64_t maxResponseBytes = uint64_t{8} << 20;
 };
 
+inline constexpr uint64_t kMaxHeadBytes = uint64_t{256} << 10;  // of all heads on the way to one response
+
+// The size of the options' first version, which ends with routeCount; later ones are longer.
+inline constexpr size_t kFirstOptionsSize = offsetof(velmora_httpstack_options, stallTimeoutMs);
+
 // Copies the host's options; null stands for the defaults. Nothing if one of them is bad: a size that is not known, or
-// a route with a null or empty text.
+// a route whose texts are no absolute URLs.
 [[nodiscard]] std::optional<Settings> readOptions(const velmora_httpstack_options* options);
 
 // The URL that a request for `url` is sent to. A route fits where its `from` is followed by a path, a query or nothing,
@@ -37,5 +45,13 @@ struct Settings {
 
 // True for an absolute URL of http or https with a host: what the stack accepts to send.
 [[nodiscard]] bool isHttpUrl(std::string_view url);
+
+// Whether both are such URLs with the same scheme, host and port: where a redirect may lead.
+[[nodiscard]] bool isSameOrigin(std::string_view a, std::string_view b);
+
+// Whether a status is an answer of the service: final, not a redirect, and not a proxy's.
+[[nodiscard]] constexpr bool isServicesAnswer(long status) noexcept {
+    return status >= 200 && status != 407 && (status < 300 || status > 399);
+}
 
 }  // namespace velmora::httpstack

@@ -1,6 +1,10 @@
 #include "httpstack/linux/curlexchange.h"
 
+#include <strings.h>
+#include <sys/socket.h>
+
 #include <algorithm>
+#include <climits>
 #include <cstdio>
 #include <new>
 #include <utility>
@@ -19,16 +23,20 @@ std::string headerLine(const Header& header) {
     return header.second.empty() ? header.first + ";" : header.first + ": " + header.second;
 }
 
-bool isSecure(const std::string& url) { return url.size() > 4 && (url[4] == 's' || url[4] == 'S'); }
+bool isLocation(std::string_view name) {
+    constexpr std::string_view kName = "location";
+    return name.size() == kName.size() && ::strncasecmp(name.data(), kName.data(), kName.size()) == 0;
+}
 
 }  // namespace
 
 CurlExchange::CurlExchange(std::shared_ptr<Exchange> exchange, const Settings& settings)
-    : exchange_(std::move(exchange)), easy_(curl_easy_init()) {
+    : exchange_(std::move(exchange)), maxResponseBytes_(settings.maxResponseBytes), easy_(curl_easy_init()) {
     if (easy_ == nullptr) throw std::bad_alloc();
     set(CURLOPT_PRIVATE, this);
     set(CURLOPT_ERRORBUFFER, error_.data());
     setTransport(settings);
+    setLimits(settings);
     setRedirects(settings);
     setRequest();
     set(CURLOPT_HEADERFUNCTION, &CurlExchange::onHeader);
@@ -53,19 +61,34 @@ void CurlExchange::setTransport(const Settings& settings) {
     set(CURLOPT_PROTOCOLS_STR, "http,https");
     set(CURLOPT_NOSIGNAL, 1L);
     set(CURLOPT_QUICK_EXIT, 1L);  // a cancel does not wait for a name server
-    set(CURLOPT_CONNECTTIMEOUT_MS, static_cast<long>(settings.connectTimeout.count()));
-    set(CURLOPT_TIMEOUT_MS, static_cast<long>(settings.totalTimeout.count()));
+    set(CURLOPT_OPENSOCKETFUNCTION, &CurlExchange::onOpenSocket);
+    set(CURLOPT_SUPPRESS_CONNECT_HEADERS, 1L);
     set(CURLOPT_USERAGENT, settings.userAgent.c_str());
     if (settings.proxy) set(CURLOPT_PROXY, settings.proxy->c_str());
-    if (!settings.caBundle.empty()) set(CURLOPT_CAINFO, settings.caBundle.c_str());
+    if (settings.caBundle.empty()) return;
+    set(CURLOPT_CAINFO, settings.caBundle.c_str());
+    set(CURLOPT_CAPATH, static_cast<const char*>(nullptr));  // else the system's folder of certificates counts as well
 }
 
-// A redirect keeps the verb and the body, and never leads from https to http.
+// libcurl reads a connect time-out of 0 as one of its own.
+void CurlExchange::setLimits(const Settings& settings) {
+    const auto connect = settings.connectTimeout.count() == 0 ? INT_MAX : settings.connectTimeout.count();
+    set(CURLOPT_CONNECTTIMEOUT_MS, static_cast<long>(std::min<int64_t>(connect, INT_MAX)));
+    set(CURLOPT_TIMEOUT_MS, static_cast<long>(settings.totalTimeout.count()));
+    set(CURLOPT_LOW_SPEED_LIMIT, 1L);
+    set(CURLOPT_LOW_SPEED_TIME, static_cast<long>((settings.stallTimeout.count() + 999) / 1000));
+}
+
+// Not inherited by programs that the host executes.
+curl_socket_t CurlExchange::onOpenSocket(void*, curlsocktype, curl_sockaddr* address) {
+    return ::socket(address->family, address->socktype | SOCK_CLOEXEC, address->protocol);
+}
+
+// A redirect keeps the verb and the body. Where it leads is looked at when its head comes.
 void CurlExchange::setRedirects(const Settings& settings) {
     set(CURLOPT_FOLLOWLOCATION, settings.maxRedirects > 0 ? 1L : 0L);
     set(CURLOPT_MAXREDIRS, static_cast<long>(settings.maxRedirects));
     set(CURLOPT_POSTREDIR, static_cast<long>(CURL_REDIR_POST_ALL));
-    set(CURLOPT_REDIR_PROTOCOLS_STR, isSecure(exchange_->url()) ? "https" : "http,https");
 }
 
 void CurlExchange::setRequest() {
@@ -112,17 +135,42 @@ int CurlExchange::onSeek(void* self, curl_off_t offset, int origin) {
 }
 
 size_t CurlExchange::onHeader(char* line, size_t size, size_t count, void* self) {
-    static_cast<CurlExchange*>(self)->takeHeaderLine({line, size * count});
-    return size * count;
+    return static_cast<CurlExchange*>(self)->takeHeaderLine({line, size * count}) ? size * count : 0;
 }
 
-void CurlExchange::takeHeaderLine(std::string_view line) {
-    if (headReported_) return;  // a trailer
-    if (line.substr(0, 5) == "HTTP/") return beginResponse(trimmed(line));
+bool CurlExchange::takeHeaderLine(std::string_view line) {
+    headBytes_ += line.size();
+    if (headBytes_ > kMaxHeadBytes) return refuse("the response's head is too long");
+    if (headReported_) return true;  // a trailer
+    if (line.substr(0, 5) == "HTTP/") beginResponse(trimmed(line));
     if (trimmed(line).empty()) headComplete_ = true;
     const size_t colon = line.find(':');
-    if (colon == std::string_view::npos) return;
-    responseHeaders_.emplace_back(trimmed(line.substr(0, colon)), trimmed(line.substr(colon + 1)));
+    if (colon == std::string_view::npos) return true;
+    const std::string_view name = trimmed(line.substr(0, colon));
+    const std::string_view value = trimmed(line.substr(colon + 1));
+    if (isLocation(name) && !mayFollow(value)) return refuse("redirected to another server");
+    responseHeaders_.emplace_back(name, value);
+    return true;
+}
+
+// Whether this response is no redirect, or one that stays within the request's origin.
+bool CurlExchange::mayFollow(std::string_view location) const {
+    long status = 0;
+    curl_easy_getinfo(easy_.get(), CURLINFO_RESPONSE_CODE, &status);
+    if (status < 300 || status > 399) return true;
+    const std::unique_ptr<CURLU, void (*)(CURLU*)> url(curl_url(), curl_url_cleanup);
+    char* target = nullptr;
+    const bool isUrl =
+        url && curl_url_set(url.get(), CURLUPART_URL, exchange_->url().c_str(), 0) == CURLUE_OK &&
+        curl_url_set(url.get(), CURLUPART_URL, std::string(location).c_str(), CURLU_NON_SUPPORT_SCHEME) == CURLUE_OK &&
+        curl_url_get(url.get(), CURLUPART_URL, &target, 0) == CURLUE_OK;
+    const std::unique_ptr<char, void (*)(void*)> text(target, curl_free);
+    return isUrl && isSameOrigin(exchange_->url(), text.get());
+}
+
+bool CurlExchange::refuse(const char* why) {
+    refusal_ = why;
+    return false;
 }
 
 void CurlExchange::beginResponse(std::string_view statusLine) {
@@ -139,6 +187,8 @@ size_t CurlExchange::onWrite(char* data, size_t size, size_t count, void* self) 
 }
 
 size_t CurlExchange::takeBody(const char* data, size_t length) {
+    if (length > maxResponseBytes_ - responseOffset_ && !refuse("the response is too long"))
+        return CURL_WRITEFUNC_ERROR;
     if (!reportHead() || !exchange_->reportBody(responseOffset_, data, length)) return CURL_WRITEFUNC_ERROR;
     responseOffset_ += length;
     return length;
@@ -154,11 +204,15 @@ bool CurlExchange::reportHead() {
 
 CURLcode CurlExchange::reportEnd() {
     if (!headComplete_) return CURLE_PARTIAL_FILE;
-    return reportHead() ? CURLE_OK : CURLE_WRITE_ERROR;
+    if (!reportHead()) return CURLE_WRITE_ERROR;
+    long status = 0;
+    curl_easy_getinfo(easy_.get(), CURLINFO_RESPONSE_CODE, &status);
+    return isServicesAnswer(status) || refuse("the service has not answered") ? CURLE_OK : CURLE_WEIRD_SERVER_REPLY;
 }
 
 std::string CurlExchange::message(CURLcode code) const {
     if (code == CURLE_OK) return "";
+    if (refusal_ != nullptr) return refusal_;
     return error_[0] != '\0' ? error_.data() : curl_easy_strerror(code);
 }
 

@@ -14,7 +14,8 @@
 namespace velmora::httpstack {
 
 // Streams the request's body from the library and the response to it. Of a chain of interim and redirected responses
-// only the last one is reported, so status and headers wait until its first body byte or its end.
+// only the last one is reported, so status and headers wait until its first body byte or its end. A redirect to another
+// origin, a head or a body that is too long, and a last status that is no answer of the service fail the exchange.
 //
 // Threads: the transport's only.
 class CurlExchange {
@@ -45,6 +46,7 @@ private:
         void operator()(curl_slist* list) const { curl_slist_free_all(list); }
     };
 
+    static curl_socket_t onOpenSocket(void*, curlsocktype, curl_sockaddr* address);
     static size_t onRead(char* buffer, size_t size, size_t count, void* self);
     static int onSeek(void* self, curl_off_t offset, int origin);
     static size_t onHeader(char* line, size_t size, size_t count, void* self);
@@ -53,17 +55,23 @@ private:
     template <typename Value>
     void set(CURLoption option, Value value);
     void setTransport(const Settings& settings);
+    void setLimits(const Settings& settings);
     void setRedirects(const Settings& settings);
     void setRequest();
     void addHeader(const std::string& line);
 
     size_t readBody(char* buffer, size_t capacity);
-    void takeHeaderLine(std::string_view line);
+    [[nodiscard]] bool takeHeaderLine(std::string_view line);
+    [[nodiscard]] bool mayFollow(std::string_view location) const;
+    [[nodiscard]] bool refuse(const char* why);
     void beginResponse(std::string_view statusLine);
     bool reportHead();
     size_t takeBody(const char* data, size_t length);
 
     const std::shared_ptr<Exchange> exchange_;
+    const uint64_t maxResponseBytes_;
+    const char* refusal_ = nullptr;                         // why the exchange was ended here, if it was
+    uint64_t headBytes_ = 0;                                // of all heads so far
     std::unique_ptr<curl_slist, FreeList> requestHeaders_;  // used by the handle, so declared before it
     std::array<char, CURL_ERROR_SIZE> error_{};
     std::unique_ptr<CURL, FreeEasy> easy_;

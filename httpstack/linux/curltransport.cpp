@@ -14,6 +14,7 @@ namespace velmora::httpstack {
 namespace {
 
 constexpr int kPollMs = 1000;
+constexpr std::chrono::milliseconds kPauseAfterFailure{100};
 
 std::atomic<pid_t> processOfThread = 0;  // set by each transport; a child that is forked later has no such thread
 
@@ -41,6 +42,13 @@ private:
     sigset_t before_{};
 };
 
+// A scheme may be left out.
+bool isProxyUrl(const std::string& text) {
+    const std::unique_ptr<CURLU, void (*)(CURLU*)> url(curl_url(), curl_url_cleanup);
+    return url && curl_url_set(url.get(), CURLUPART_URL, text.c_str(), CURLU_GUESS_SCHEME | CURLU_NON_SUPPORT_SCHEME) ==
+                      CURLUE_OK;
+}
+
 int32_t resultOf(CURLcode code) {
     if (code == CURLE_OK) return VELMORA_HTTP_OK;
     return code == CURLE_URL_MALFORMAT ? VELMORA_HTTP_NON_RETRIABLE : VELMORA_HTTP_RETRIABLE;
@@ -49,6 +57,12 @@ int32_t resultOf(CURLcode code) {
 }  // namespace
 
 std::unique_ptr<Transport> makeTransport(const Settings& settings, ExchangeTable& table) {
+    if (settings.proxy && !settings.proxy->empty() && !isProxyUrl(*settings.proxy)) {
+        throw std::invalid_argument("the proxy is no URL");
+    }
+    if (!settings.caBundle.empty() && ::access(settings.caBundle.c_str(), R_OK) != 0) {
+        throw std::invalid_argument("the bundle of certificates can't be read");
+    }
     return std::make_unique<CurlTransport>(settings, table);
 }
 
@@ -101,7 +115,8 @@ void CurlTransport::run() {
         int stillRunning = 0;
         curl_multi_perform(multi_, &stillRunning);
         endDone();
-        curl_multi_poll(multi_, nullptr, 0, kPollMs, nullptr);
+        const CURLMcode polled = curl_multi_poll(multi_, nullptr, 0, kPollMs, nullptr);
+        if (polled != CURLM_OK) std::this_thread::sleep_for(kPauseAfterFailure);
     }
 }
 
@@ -127,6 +142,8 @@ void CurlTransport::begin(std::shared_ptr<Exchange> exchange) {
         running_.emplace(exchange->id(), std::move(handle));
         if (curl_multi_add_handle(multi_, easy) == CURLM_OK) return;
         running_.erase(exchange->id());
+    } catch (const std::invalid_argument& problem) {
+        return table_.finish(*exchange, VELMORA_HTTP_NON_RETRIABLE, problem.what());
     } catch (const std::exception&) {
         running_.erase(exchange->id());
     }

@@ -47,11 +47,6 @@ std::string absoluteUrl(const std::string& base, const std::string& reference) {
     return utf8Text(url);
 }
 
-// What must not reach a server that the library has not named.
-bool isConfidential(const Header& header) {
-    return ::_stricmp(header.first.c_str(), "authorization") == 0 || ::_stricmp(header.first.c_str(), "cookie") == 0;
-}
-
 }  // namespace
 
 WinHttpExchange::WinHttpExchange(std::shared_ptr<Exchange> exchange, const Settings& settings, HINTERNET session,
@@ -81,6 +76,7 @@ std::optional<Outcome> WinHttpExchange::beginHop() {
 
 std::optional<Outcome> WinHttpExchange::advance(const Progress& progress) {
     if (progress.hop != hopNumber_) return std::nullopt;  // of a response that was left for its redirect
+    progressed_ = std::chrono::steady_clock::now();
     switch (progress.kind) {
         case Progress::Kind::Connected:
             connected_ = true;
@@ -121,6 +117,7 @@ std::optional<Outcome> WinHttpExchange::takeHead() {
     if (!exchange_->reportStatus(hop_->text(WINHTTP_QUERY_VERSION), status, hop_->text(WINHTTP_QUERY_STATUS_TEXT)) ||
         !exchange_->reportHeaders(hop_->headers()))
         return retriable("the library did not take the response");
+    status_ = status;
     readLength(status);
     return unlessBegun(hop_->beginQuery());
 }
@@ -139,17 +136,16 @@ void WinHttpExchange::readLength(uint32_t status) {
 
 std::optional<Outcome> WinHttpExchange::followTo(const std::string& location) {
     if (redirects_++ == settings_.maxRedirects) return retriable("too many redirects");
-    const Target from = std::exchange(target_, Target());
-    url_ = absoluteUrl(url_, location);
-    if (!Target::parse(url_, target_)) return retriable("redirected to something else than http or https");
-    if (from.isSecure && !target_.isSecure) return retriable("redirected from https to http");
-    if (!target_.isSameServer(from))
-        headers_.erase(std::remove_if(headers_.begin(), headers_.end(), isConfidential), headers_.end());
+    const std::string next = absoluteUrl(url_, location);
+    target_ = Target();
+    if (!isSameOrigin(url_, next) || !Target::parse(next, target_)) return retriable("redirected to another server");
+    url_ = next;
     return beginHop();
 }
 
 std::optional<Outcome> WinHttpExchange::takeBody(uint32_t length) {
     if (length == 0) return end();
+    if (length > settings_.maxResponseBytes - responseOffset_) return retriable("the response is too long");
     if (!exchange_->reportBody(responseOffset_, hop_->buffer().data(), length))
         return retriable("the library did not take the response");
     responseOffset_ += length;
@@ -158,6 +154,7 @@ std::optional<Outcome> WinHttpExchange::takeBody(uint32_t length) {
 
 Outcome WinHttpExchange::end() const {
     if (responseLength_ && responseOffset_ < *responseLength_) return retriable("the response broke off");
+    if (!isServicesAnswer(static_cast<long>(status_))) return retriable("the service has not answered");
     return {VELMORA_HTTP_OK, ""};
 }
 
@@ -167,6 +164,10 @@ std::optional<WinHttpExchange::TimePoint> WinHttpExchange::deadline() const {
     if (settings_.totalTimeout.count() > 0) first = begun_ + settings_.totalTimeout;
     if (isConnecting && settings_.connectTimeout.count() > 0) {
         const TimePoint limit = begun_ + settings_.connectTimeout;
+        first = first ? std::min(*first, limit) : limit;
+    }
+    if (connected_) {
+        const TimePoint limit = progressed_ + settings_.stallTimeout;
         first = first ? std::min(*first, limit) : limit;
     }
     return first;

@@ -68,6 +68,8 @@ private:
     uint32_t redirects_ = 0;
     bool connected_ = false;
     const TimePoint begun_ = std::chrono::steady_clock::now();
+    TimePoint progressed_ = begun_;
+    uint32_t status_ = 0;
     std::unique_ptr<WinHttpHop> hop_;
 };
 

@@ -58,10 +58,6 @@ bool Target::parse(const std::string& url, Target& target) {
     return true;
 }
 
-bool Target::isSameServer(const Target& other) const {
-    return isSecure == other.isSecure && port == other.port && host == other.host;
-}
-
 struct WinHttpHop::Shared {
     uint64_t number;
     std::shared_ptr<Mailbox> mailbox;

@@ -29,7 +29,6 @@ struct Target {
 
     // False if the system can't make sense of the URL.
     [[nodiscard]] static bool parse(const std::string& url, Target& target);
-    [[nodiscard]] bool isSameServer(const Target& other) const;
 };
 
 // Every step is begun here and reports its end to the mailbox under the hop's number. A step that can't even begin

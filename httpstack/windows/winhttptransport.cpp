@@ -42,6 +42,14 @@ HINTERNET openSession(const Settings& settings) {
     throw std::system_error(static_cast<int>(::GetLastError()), std::system_category(), what);
 }
 
+// A system that does not know TLS 1.3 refuses the pair.
+void allowProtocols(HINTERNET session) {
+    constexpr DWORD kTls13 = 0x00002000;
+    for (DWORD protocols : {WINHTTP_FLAG_SECURE_PROTOCOL_TLS1_2 | kTls13, DWORD{WINHTTP_FLAG_SECURE_PROTOCOL_TLS1_2}}) {
+        if (::WinHttpSetOption(session, WINHTTP_OPTION_SECURE_PROTOCOLS, &protocols, sizeof protocols) != FALSE) return;
+    }
+}
+
 // All time limits are the transport's own.
 WinHttpHandle makeSession(const Settings& settings) {
     if (!settings.caBundle.empty()) throw std::invalid_argument("certificates come from the system's store");
@@ -50,8 +58,7 @@ WinHttpHandle makeSession(const Settings& settings) {
     if (::WinHttpSetTimeouts(session.get(), 0, 0, 0, 0) == FALSE) fail("WinHttpSetTimeouts");
     DWORD never = MAXDWORD;
     ::WinHttpSetOption(session.get(), WINHTTP_OPTION_RECEIVE_RESPONSE_TIMEOUT, &never, sizeof never);
-    DWORD protocols = WINHTTP_FLAG_SECURE_PROTOCOL_TLS1_2;
-    ::WinHttpSetOption(session.get(), WINHTTP_OPTION_SECURE_PROTOCOLS, &protocols, sizeof protocols);
+    allowProtocols(session.get());
     return session;
 }
 
@@ -107,6 +114,8 @@ template <typename Step>
 std::optional<Outcome> WinHttpTransport::guarded(Step step) {
     try {
         return step();
+    } catch (const std::invalid_argument& problem) {
+        return Outcome{VELMORA_HTTP_NON_RETRIABLE, problem.what()};
     } catch (const std::exception& problem) {
         return Outcome{VELMORA_HTTP_RETRIABLE, problem.what()};
     }

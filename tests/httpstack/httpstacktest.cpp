@@ -6,6 +6,7 @@
 #include <deque>
 #include <thread>
 
+#include "httpstack/settings.h"
 #include "tests/httpstack/fakelibrary.h"
 #include "tests/httpstack/scriptedserver.h"
 
@@ -51,6 +52,15 @@ ScriptedAnswer answerByPath(const ReceivedRequest& request) {
     if (path == "/only-interim") return {"HTTP/1.1 103 Early Hints\r\nx-a: 1\r\n\r\n"};
     if (path == "/half-body") return {"HTTP/1.1 200 OK\r\ncontent-length: 100\r\n\r\nhello"};
     if (path == "/half-chunk") return {"HTTP/1.1 200 OK\r\ntransfer-encoding: chunked\r\n\r\nff\r\nhello"};
+    if (path == "/final-redirect") return {httpAnswer("304 Not Modified", "")};
+    if (path == "/proxy") return {httpAnswer("407 Proxy Authentication Required", "log in")};
+    if (path == "/long-head") return {httpAnswer("200 OK", "", "x-a: " + std::string(300000, 'a') + "\r\n")};
+    if (path == "/long-heads") {
+        std::string lines;
+        for (int i = 0; i < 300; ++i) lines += "x-" + std::to_string(i) + ": " + std::string(1000, 'a') + "\r\n";
+        return {httpAnswer("200 OK", "", lines)};
+    }
+    if (path == "/long-body") return {httpAnswer("200 OK", std::string(9 << 20, 'b'))};
     if (path == "/junk") return {"220 mail ready\r\n"};
     if (path == "/hang") return {"", true};
     if (path == "/hang-in-body") return {"HTTP/1.1 200 OK\r\ncontent-length: 100\r\n\r\nhello", true};
@@ -92,6 +102,11 @@ TEST(HttpStack, EveryServerGivesItsResponseOrARetriableError) {
         {"/hang", VELMORA_HTTP_RETRIABLE, 0, ""},
         {"/hang-in-body", VELMORA_HTTP_RETRIABLE, 200, "hello"},
         {"/to-file", VELMORA_HTTP_RETRIABLE, 0, ""},
+        {"/final-redirect", VELMORA_HTTP_RETRIABLE, 304, ""},
+        {"/proxy", VELMORA_HTTP_RETRIABLE, 407, "log in"},
+        {"/long-head", VELMORA_HTTP_RETRIABLE, 0, ""},
+        {"/long-heads", VELMORA_HTTP_RETRIABLE, 0, ""},
+        {"/long-body", VELMORA_HTTP_RETRIABLE, 200, nullptr},
     };
     std::deque<FakeExchange> exchanges;
     for (const auto& row : rows) {
@@ -105,7 +120,11 @@ TEST(HttpStack, EveryServerGivesItsResponseOrARetriableError) {
         ASSERT_TRUE(exchange.waitForEnd());
         EXPECT_EQ(exchange.result, rows[i].result);
         EXPECT_EQ(exchange.status, rows[i].status);
-        EXPECT_EQ(exchange.responseBody, rows[i].body);
+        if (rows[i].body == nullptr) {
+            EXPECT_LE(exchange.responseBody.size(), size_t{8} << 20);
+        } else {
+            EXPECT_EQ(exchange.responseBody, rows[i].body);
+        }
         EXPECT_EQ(exchange.message.empty(), rows[i].result == VELMORA_HTTP_OK);
         EXPECT_EQ(exchange.misuse, "");
     }
@@ -117,8 +136,7 @@ TEST(HttpStack, EveryServerGivesItsResponseOrARetriableError) {
 TEST(HttpStack, SendsVerbHeadersAndBodyAsTheLibraryGivesThem) {
     ScriptedServer server(answerByPath);
     const InstalledStack stack;
-    FakeExchange post({{"content-type", "application/json"}, {"x-api-key", "k"}, {"x-bad", "a\r\nx-smuggled: 1"}},
-                      bigBody());
+    FakeExchange post({{"content-type", "application/json"}, {"x-api-key", "k"}}, bigBody());
     FakeExchange get({{"Authorization", "Bearer t"}, {"x-empty", ""}}, "");
     ASSERT_EQ(post.send(VELMORA_HTTP_POST, server.url("/ok?a=b")), VELMORA_HTTP_OK);
     ASSERT_TRUE(post.waitForEnd());
@@ -134,7 +152,6 @@ TEST(HttpStack, SendsVerbHeadersAndBodyAsTheLibraryGivesThem) {
     EXPECT_EQ(received[0].headers.at("content-type"), "application/json");
     EXPECT_EQ(received[0].headers.at("user-agent"), "velmora-httpstack");
     EXPECT_EQ(received[0].headers.count("expect"), 0U);
-    EXPECT_EQ(received[0].headers.count("x-smuggled"), 0U);
     EXPECT_EQ(received[1].method, "GET");
     EXPECT_EQ(received[1].headers.at("authorization"), "Bearer t");
     EXPECT_EQ(received[1].headers.count("x-empty"), 1U);
@@ -154,6 +171,46 @@ TEST(HttpStack, RedirectedPostArrivesWhole) {
         EXPECT_EQ(last.body, exchange.requestBody);
         EXPECT_EQ(last.headers.at("x-api-key"), "k");
     }
+}
+
+// Neither body nor key reach another server, and a header that smuggles another one in is not sent at all.
+TEST(HttpStack, WhatIsMeantForOneServerReachesNoOther) {
+    ScriptedServer foreign(answerByPath);
+    ScriptedServer server([&](const ReceivedRequest&) {
+        return ScriptedAnswer{httpAnswer("307 Temporary Redirect", "", "Location: " + foreign.url("/stolen") + "\r\n")};
+    });
+    const InstalledStack stack;
+    FakeExchange redirected({{"x-api-key", "k"}}, "body");
+    ASSERT_EQ(redirected.send(VELMORA_HTTP_POST, server.url("/ok")), VELMORA_HTTP_OK);
+    ASSERT_TRUE(redirected.waitForEnd());
+    EXPECT_EQ(redirected.result, static_cast<uint32_t>(VELMORA_HTTP_RETRIABLE));
+    EXPECT_EQ(redirected.message, "redirected to another server");
+    FakeExchange smuggling({{"x-bad", "a\r\nx-smuggled: 1"}}, "");
+    ASSERT_EQ(smuggling.send(VELMORA_HTTP_GET, foreign.url("/ok")), VELMORA_HTTP_OK);
+    ASSERT_TRUE(smuggling.waitForEnd());
+    EXPECT_EQ(smuggling.message, "a request header holds a line break");
+    EXPECT_EQ(foreign.received().size(), 0U);
+}
+
+TEST(HttpStack, AnOriginIsSchemeHostAndPort) {
+    const struct {
+        const char* from;
+        const char* to;
+        bool isSame;
+    } rows[] = {
+        {"https://a.example/x", "HTTPS://A.example:443/y?z", true},
+        {"http://a.example:80", "http://a.example/", true},
+        {"http://[::1]:8080/x", "http://[::1]:8080/y", true},
+        {"http://[::1]/x", "http://[::1]:80/y", true},
+        {"https://a.example:8443/x", "http://a.example:8443/x", false},
+        {"https://a.example/", "http://a.example/", false},
+        {"https://a.example/", "https://a.example:444/", false},
+        {"https://a.example/", "https://a.example.evil/", false},
+        {"https://a.example/", "https://a.example@evil/", false},
+        {"https://a.example/", "https://evil\\@a.example/", false},
+        {"https://a.example/", "file:///a.example", false},
+    };
+    for (const auto& row : rows) EXPECT_EQ(httpstack::isSameOrigin(row.from, row.to), row.isSame) << row.to;
 }
 
 TEST(HttpStack, UnreachableAndMalformedUrls) {
@@ -298,7 +355,11 @@ TEST(HttpStack, RefusesBadOptions) {
     const velmora_httpstack_route emptySource{"", "http://127.0.0.1"};
     velmora_httpstack_options good;
     velmora_httpstack_defaults(&good);
-    velmora_httpstack_options rows[4] = {good, good, good, good};
+    const velmora_httpstack_route noScheme{"ingest.example", "127.0.0.1"};
+    velmora_httpstack_options rows[6] = {good, good, good, good, good, good};
+    rows[4].routes = &noScheme;
+    rows[4].routeCount = 1;
+    rows[5].caBundle = "/nowhere/at/all.pem";
     rows[0].size = 4;
     rows[1].routeCount = 1;
     rows[2].routes = &noTarget;
@@ -306,7 +367,29 @@ TEST(HttpStack, RefusesBadOptions) {
     rows[3].routes = &emptySource;
     rows[3].routeCount = 1;
     for (const auto& options : rows) EXPECT_EQ(velmora_httpstack_install(&options), VELMORA_ERROR_INVALID_ARGUMENT);
+    velmora_httpstack_options badProxy = good;
+    badProxy.proxy = "::::";
+    EXPECT_EQ(velmora_httpstack_install(&badProxy) == VELMORA_ERROR_INVALID_ARGUMENT, !kSystemClient);
+    velmora_httpstack_uninstall();
     EXPECT_FALSE(hasCallbacks());
+}
+
+TEST(HttpStack, LaterOptionsCountWhereTheSizeReachesOverThem) {
+    ScriptedServer server(answerByPath);
+    for (const bool reachesOver : {true, false}) {
+        velmora_httpstack_options options{};
+        velmora_httpstack_defaults(&options);
+        EXPECT_LT(options.size, sizeof options);
+        options.proxy = "";
+        options.maxResponseBytes = 5;
+        if (reachesOver) options.size = sizeof options;
+        ASSERT_EQ(velmora_httpstack_install(&options), VELMORA_OK);
+        FakeExchange exchange;
+        ASSERT_EQ(exchange.send(VELMORA_HTTP_GET, server.url("/ok")), VELMORA_HTTP_OK);
+        ASSERT_TRUE(exchange.waitForEnd());
+        EXPECT_EQ(exchange.result == VELMORA_HTTP_OK, !reachesOver) << exchange.message;
+        velmora_httpstack_uninstall();
+    }
 }
 
 }  // namespace
