@@ -17,6 +17,23 @@ namespace velmora::platform {
 // taken down, on Linux in a child that was forked while the parent had them.
 [[nodiscard]] bool isTerminating() noexcept;
 
+// Whether this process was forked from one in which the library's pools had threads: what the library holds here is a
+// copy of the parent's, and only the parent's serves. Never on Windows. Cheap.
+[[nodiscard]] bool isForkedChild() noexcept;
+
+// Holds back the calling thread's cancellation by another thread (pthread_cancel) until the end of the scope; the
+// thread then ends at its next point of cancellation outside. Scopes may be nested. Nothing on Windows.
+class [[nodiscard]] CancellationHold {
+public:
+    CancellationHold() noexcept;
+    ~CancellationHold();
+    CancellationHold(const CancellationHold&) = delete;
+    CancellationHold& operator=(const CancellationHold&) = delete;
+
+private:
+    int before_ = 0;
+};
+
 // True if the variable is set, also if it is set to nothing; `value` receives its text in UTF-8.
 [[nodiscard]] bool environmentVariable(const std::string& name, std::string& value);
 

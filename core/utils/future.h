@@ -1,4 +1,5 @@
-// Futures: a value or an exception that a task will produce. There is no blocking get; waitForFuture polls.
+// Futures: a value or an exception that a task will produce. There is no blocking get but waitForFuture,
+// which logs what it waits for.
 #pragma once
 
 #include <atomic>
@@ -63,6 +64,12 @@ public:
         executor(std::move(task));
     }
 
+    // Whether the state is ready, at the latest at the deadline.
+    bool awaitUntil(Gate::Clock::time_point deadline) VELMORA_EXCLUDES(mutex_) {
+        const MutexLock lock(mutex_);
+        return becameReady_.waitUntil(mutex_, deadline, [this] { return ready_.load(); });
+    }
+
     // Nothing while not ready; else the value, or the stored exception rethrown.
     std::optional<T> getTry() {
         if (!ready_) return std::nullopt;
@@ -80,13 +87,15 @@ private:
             value_ = std::move(value);
             exception_ = std::move(exception);
             ready_ = true;
+            becameReady_.notifyAll();
             waiting.swap(continuations_);
         }
         for (auto& [executor, task] : waiting) executor(std::move(task));
     }
 
     Mutex mutex_;
-    std::atomic<bool> ready_ = false;  // written under the mutex, read by pollers without it
+    Condition becameReady_;
+    std::atomic<bool> ready_ = false;  // written under the mutex, read without it
     std::optional<T> value_ VELMORA_GUARDED_BY(mutex_);
     std::exception_ptr exception_ VELMORA_GUARDED_BY(mutex_);
     std::vector<std::pair<Executor, Task>> continuations_ VELMORA_GUARDED_BY(mutex_);
@@ -99,6 +108,7 @@ public:
     explicit future(std::shared_ptr<FutureState<T>> state) : state_(std::move(state)) {}
 
     bool isReady() const { return state().isReady(); }
+    bool awaitUntil(Gate::Clock::time_point deadline) const { return state().awaitUntil(deadline); }
     std::optional<T> get_try() const { return state().getTry(); }
     void then(typename FutureState<T>::Executor executor, Task task) const {
         state().attach(std::move(executor), std::move(task));
@@ -165,9 +175,8 @@ future<T> make_ready_future(T value) {
 
 // Waits by waitFor; rethrows the future's exception, or returns its value, or `defaultResult` after a timeout.
 template <typename T>
-T waitForFuture(const future<T>& awaited, T defaultResult, const std::string& what, int64_t intervalMs,
-                int64_t timeoutMs) {
-    waitFor([&] { return awaited.isReady(); }, what, intervalMs, timeoutMs);
+T waitForFuture(const future<T>& awaited, T defaultResult, const std::string& what, int64_t timeoutMs = kNoTimeout) {
+    waitFor([&](Gate::Clock::time_point deadline) { return awaited.awaitUntil(deadline); }, what, timeoutMs);
     std::optional<T> value = awaited.get_try();
     return value ? std::move(*value) : std::move(defaultResult);
 }

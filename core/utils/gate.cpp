@@ -1,5 +1,6 @@
 #include "core/utils/gate.h"
 
+#include <algorithm>
 #include <thread>
 
 #include "core/platform/process.h"
@@ -57,22 +58,30 @@ bool Gate::waitUntil(Clock::time_point deadline, uint32_t remaining) {
 
 uint32_t Gate::inside() const noexcept { return state_.load(std::memory_order_acquire) & kCount; }
 
-bool waitFor(const std::function<bool()>& predicate, const std::string& what, int64_t intervalMs, int64_t timeoutMs) {
+bool waitFor(const AwaitUntil& awaitUntil, const std::string& what, int64_t timeoutMs) {
+    using Clock = Gate::Clock;
+    constexpr std::chrono::minutes kLogEvery(1);
     if (platform::isTerminating()) return true;
-    const int64_t logEvery = 60000 / intervalMs + 1;
-    int64_t counter = 0;
-    int64_t remaining = timeoutMs;
     VELMORA_LOG_SCOPE_AT(info, "utils", "velmora::waitFor", "wait for " << what << " to be complete");
-    while (true) {
-        const bool holds = predicate();
-        if (holds || remaining < 1) return holds;
-        if (counter == 0) {
-            VELMORA_LOGF_AT(info, "utils", "velmora::waitFor", "waiting for %s to be complete", what.c_str());
-        }
-        counter = (counter + 1) % logEvery;
-        std::this_thread::sleep_for(std::chrono::milliseconds(intervalMs));
-        remaining -= intervalMs;
+    const Clock::time_point begin = Clock::now();
+    const auto longest = std::chrono::duration_cast<std::chrono::milliseconds>(Clock::time_point::max() - begin);
+    const Clock::time_point end = begin + std::min(std::chrono::milliseconds(timeoutMs), longest);
+    for (Clock::time_point next = begin; !awaitUntil(std::min(next, end)); next += kLogEvery) {
+        if (next >= end) return false;
+        VELMORA_LOGF_AT(info, "utils", "velmora::waitFor", "waiting for %s to be complete", what.c_str());
     }
+    return true;
+}
+
+bool waitFor(const std::function<bool()>& predicate, const std::string& what, int64_t intervalMs, int64_t timeoutMs) {
+    const auto poll = [&](Gate::Clock::time_point deadline) {
+        while (!predicate()) {
+            if (Gate::Clock::now() >= deadline) return false;
+            std::this_thread::sleep_for(std::chrono::milliseconds(intervalMs));
+        }
+        return true;
+    };
+    return waitFor(AwaitUntil(poll), what, timeoutMs);
 }
 
 }  // namespace velmora

@@ -61,9 +61,15 @@ private:
 
 inline constexpr int64_t kNoTimeout = std::numeric_limits<int64_t>::max();
 
-// Tests the predicate every `intervalMs` milliseconds (above 0) until it holds or `timeoutMs` are over, and returns its
-// value. While the process is terminating it returns true at once: what it would wait for may never come.
-// Logs on channel "utils".
+// What is waited for: returns at the deadline, or before it with true.
+using AwaitUntil = std::function<bool(Gate::Clock::time_point deadline)>;
+
+// Waits until that is so or `timeoutMs` milliseconds are over, and returns whether it is. Logs on channel "utils" what
+// is waited for: at begin and end, and, while it is not so, once a minute. While the process is terminating it returns
+// true at once: what it would wait for may never come.
+bool waitFor(const AwaitUntil& awaitUntil, const std::string& what, int64_t timeoutMs = kNoTimeout);
+
+// The same for what can't tell when it changes: the predicate is tested every `intervalMs` milliseconds (above 0).
 bool waitFor(const std::function<bool()>& predicate, const std::string& what, int64_t intervalMs, int64_t timeoutMs);
 
 }  // namespace velmora

@@ -1,7 +1,6 @@
 #include "core/utils/taskengine.h"
 
 #include <locale>
-#include <thread>
 #include <utility>
 
 #include "core/platform/process.h"
@@ -23,15 +22,19 @@ std::string describe(const void* engine) {
 platform::Pool* replacedPool = nullptr;
 platform::Timer* replacedTimer = nullptr;
 
+platform::Timer& timer() { return replacedTimer ? *replacedTimer : platform::defaultTimer(); }
+
 }  // namespace
 
 void DefaultExecutor::operator()(Task task) const {
     (replacedPool ? *replacedPool : platform::defaultPool()).run(std::move(task));
 }
 
-void SystemTimer::operator()(std::chrono::milliseconds delay, Task task) const {
-    (replacedTimer ? *replacedTimer : platform::defaultTimer()).runAfter(delay, std::move(task));
+void SystemTimer::operator()(std::chrono::milliseconds delay, const void* owner, Task task) const {
+    timer().runAfter(delay, owner, std::move(task));
 }
+
+void SystemTimer::forget(const void* owner) const noexcept { timer().forget(owner); }
 
 void setPools(platform::Pool* pool, platform::Timer* timer) noexcept {
     replacedPool = pool;
@@ -118,21 +121,26 @@ TaskEngine::~TaskEngine() {
 void TaskEngine::start() {
     if (!state_->stopped.exchange(false)) return;
     const uint64_t index = ++state_->index;
+    state_->active.open();
     VELMORA_LOG(trace, "taskengine") << "started this=" << this << " index=" << index;
 }
 
 void TaskEngine::stop() {
     if (state_->stopped.exchange(true)) return;
-    exceptionSafeWrapper([this] { waitFor([this] { return state_->active == 0; }, describe(this), 1, kNoTimeout); });
+    Gate& active = state_->active;
+    active.close();
+    exceptionSafeWrapper(
+        [&] { waitFor([&](Gate::Clock::time_point deadline) { return active.waitUntil(deadline); }, describe(this)); });
     // The wait may have failed, for lack of memory perhaps; bodies that run on would find their owner gone.
-    while (state_->active != 0 && !platform::isTerminating()) std::this_thread::sleep_for(std::chrono::milliseconds(1));
+    active.wait();
+    SystemTimer().forget(state_.get());
     const uint64_t ignored = state_->pending.exchange(0);
     VELMORA_LOG(trace, "taskengine") << "stopped this=" << this << " index=" << state_->index << "ignored " << ignored
                                      << " pending tasks";
 }
 
 void TaskEngine::schedule(std::chrono::milliseconds delay, Task task) {
-    if (Task accepted = accept(std::move(task))) SystemTimer()(delay, std::move(accepted));
+    if (Task accepted = accept(std::move(task))) SystemTimer()(delay, state_.get(), std::move(accepted));
 }
 
 Task TaskEngine::accept(Task task) {
@@ -152,16 +160,13 @@ Task TaskEngine::accept(Task task) {
 void TaskEngine::perform(const void* engine, const std::weak_ptr<State>& weak, uint64_t captured, Task& task) {
     const std::shared_ptr<State> state = weak.lock();
     if (!state) return;
-    // First active, then the test; stop() goes the other way round. So no body begins after stop() has returned.
-    ++state->active;
-    if (state->stopped || captured != state->index) {
-        --state->active;
-        return;
-    }
+    // Counted in before the generation is looked at: so no body begins after stop() has returned.
+    if (!state->active.enter()) return;
+    const ScopeExit left([&] { state->active.leave(); });
+    if (captured != state->index) return;
     const ScopeExit finished([&] {
         task = nullptr;  // what it holds goes while stop() still waits
         --state->pending;
-        --state->active;
     });
     VELMORA_LOG_AT(trace, "taskengine", "velmora::TaskEngine::schedule") << "perform task this=" << engine;
     task();

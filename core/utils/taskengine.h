@@ -1,9 +1,9 @@
 // The class by which every active object schedules work: a stop switch in front of the executors.
 //
-// A timer or queued task can never be taken back; an engine only makes it do nothing when its turn comes. Each restart
-// begins a new generation, and a task of an earlier one is stale. After stop() has returned no task body of the engine
-// is running and none will begin, so an object that stops its engines first in its destructor may capture `this` in
-// their tasks.
+// A queued task is never taken back; a stopped engine only makes it do nothing when its turn comes. Each restart begins
+// a new generation, and a task of an earlier one is stale. After stop() has returned no task body of the engine is
+// running and none will begin, so an object that stops its engines first in its destructor may capture `this` in their
+// tasks. Tasks of timers that are not yet due are destroyed by stop().
 //
 // Threads: schedule, start and stop may be called from any thread; stop not from a task of the same engine, where it
 // would wait for itself for ever. An exception that leaves a task is logged and ends that task only.
@@ -22,6 +22,7 @@
 #include "core/types/function.h"
 #include "core/types/mutex.h"
 #include "core/utils/future.h"
+#include "core/utils/gate.h"
 
 namespace velmora {
 
@@ -30,9 +31,10 @@ struct DefaultExecutor {
     void operator()(Task task) const;
 };
 
-// Runs a task once after a delay, directly on a timer thread. A timer is never cancelled.
+// Runs a task once after a delay, directly on a timer thread. The owner's pending tasks can be destroyed together.
 struct SystemTimer {
-    void operator()(std::chrono::milliseconds delay, Task task) const;
+    void operator()(std::chrono::milliseconds delay, const void* owner, Task task) const;
+    void forget(const void* owner) const noexcept;
 };
 
 // Replaces the pools of the process, null meaning the platform's; for hosts of the library's objects that drive time
@@ -91,9 +93,9 @@ protected:
 private:
     struct State {
         std::atomic<uint64_t> index = 0;    // generation; incremented by each restart
-        std::atomic<uint64_t> active = 0;   // tasks inside their run, those included that only look and skip
         std::atomic<uint64_t> pending = 0;  // accepted tasks whose body has not finished
         std::atomic<bool> stopped = false;
+        Gate active;  // tasks inside their run; closed while stopped
     };
 
     static void perform(const void* engine, const std::weak_ptr<State>& weak, uint64_t captured, Task& task);

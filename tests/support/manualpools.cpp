@@ -18,9 +18,19 @@ void ManualPools::ManualPool::run(Task task) {
     task();
 }
 
-void ManualPools::ManualTimer::runAfter(std::chrono::milliseconds delay, Task task) {
+void ManualPools::ManualTimer::runAfter(std::chrono::milliseconds delay, const void* engine, Task task) {
     const MutexLock lock(owner.mutex_);
-    owner.timers_.emplace(owner.now_ + delay, std::move(task));
+    owner.timers_.emplace(owner.now_ + delay, Entry{engine, std::move(task)});
+}
+
+void ManualPools::ManualTimer::forget(const void* engine) noexcept {
+    decltype(owner.timers_) forgotten;
+    const MutexLock lock(owner.mutex_);
+    for (auto timer = owner.timers_.begin(); timer != owner.timers_.end();) {
+        const auto next = std::next(timer);
+        if (timer->second.owner == engine) forgotten.insert(owner.timers_.extract(timer));
+        timer = next;
+    }
 }
 
 bool ManualPools::takeTask(Task& task) {
@@ -35,7 +45,7 @@ bool ManualPools::takeTimer(std::chrono::milliseconds until, Task& task) {
     const MutexLock lock(mutex_);
     if (timers_.empty() || timers_.begin()->first > until) return false;
     now_ = std::max(now_, timers_.begin()->first);
-    task = std::move(timers_.begin()->second);
+    task = std::move(timers_.begin()->second.task);
     timers_.erase(timers_.begin());
     return true;
 }

@@ -30,7 +30,7 @@ public:
     // Lets time pass: runs timers in the order of their due times, and after each all tasks.
     void advance(std::chrono::milliseconds time);
 
-    // Timers that have not fired yet, those of stopped engines included.
+    // Timers that have not fired yet.
     size_t pendingTimers();
 
 private:
@@ -41,7 +41,8 @@ private:
     };
     struct ManualTimer : platform::Timer {
         explicit ManualTimer(ManualPools& o) : owner(o) {}
-        void runAfter(std::chrono::milliseconds delay, Task task) override;
+        void runAfter(std::chrono::milliseconds delay, const void* owner, Task task) override;
+        void forget(const void* owner) noexcept override;
         ManualPools& owner;
     };
 
@@ -51,7 +52,11 @@ private:
     Mutex mutex_;
     bool atOnce_ VELMORA_GUARDED_BY(mutex_) = false;
     std::deque<Task> tasks_ VELMORA_GUARDED_BY(mutex_);
-    std::multimap<std::chrono::milliseconds, Task> timers_ VELMORA_GUARDED_BY(mutex_);
+    struct Entry {
+        const void* owner;
+        Task task;
+    };
+    std::multimap<std::chrono::milliseconds, Entry> timers_ VELMORA_GUARDED_BY(mutex_);
     std::chrono::milliseconds now_ VELMORA_GUARDED_BY(mutex_){0};
     ManualPool pool_{*this};
     ManualTimer timer_{*this};

@@ -1,11 +1,16 @@
 #include "core/platform/pool.h"
 
+#include <pthread.h>
+
 #include <algorithm>
+#include <atomic>
+#include <csignal>
 #include <deque>
 #include <exception>
 #include <list>
 #include <map>
 #include <new>
+#include <optional>
 #include <system_error>
 #include <thread>
 #include <utility>
@@ -17,16 +22,37 @@
 namespace velmora::platform {
 namespace {
 
+using Deadline = std::chrono::steady_clock::time_point;
+
 constexpr size_t kMaxThreads = 500;
 constexpr std::chrono::seconds kIdleTime(10);
 
 thread_local bool isPoolThread = false;
+std::atomic<bool> abandoned = false;  // set once, by whoever ends the process
+
+// Threads that are started within the scope leave all signals to the host's, but those that a fault of their own
+// raises.
+class SignalsBlocked {
+public:
+    SignalsBlocked() {
+        sigset_t all;
+        ::sigfillset(&all);
+        for (const int fault : {SIGSEGV, SIGBUS, SIGFPE, SIGILL, SIGTRAP, SIGSYS, SIGABRT}) ::sigdelset(&all, fault);
+        ::pthread_sigmask(SIG_BLOCK, &all, &before_);
+    }
+    ~SignalsBlocked() { ::pthread_sigmask(SIG_SETMASK, &before_, nullptr); }
+    SignalsBlocked(const SignalsBlocked&) = delete;
+    SignalsBlocked& operator=(const SignalsBlocked&) = delete;
+
+private:
+    sigset_t before_{};
+};
 
 // Grows by a thread whenever a task waits and no thread is idle: tasks may block on other tasks of the same pool, which
 // would deadlock a pool of fixed size. A thread that has had nothing to do for a while ends.
 class ElasticPool final : public Pool {
 public:
-    ElasticPool() { noteThreads(); }
+    ElasticPool() = default;
 
     // Runs what is queued, whatever the tasks add meanwhile included, and joins every thread.
     ~ElasticPool() override {
@@ -38,6 +64,20 @@ public:
 
     void run(Task task) override {
         if (!tryRun(task)) throw std::bad_alloc();
+    }
+
+    // Runs what is queued and joins every thread; false if some have not ended at the deadline. A later task starts
+    // threads again.
+    [[nodiscard]] bool endThreads(Deadline deadline) {
+        std::list<std::jthread> ended;
+        const MutexLock lock(mutex_);
+        ending_ = true;
+        wake_.notifyAll();
+        const bool gone =
+            gone_.waitUntil(mutex_, deadline, [this]() VELMORA_REQUIRES(mutex_) { return threads_.empty(); });
+        ending_ = false;
+        ended.swap(ended_);
+        return gone;
     }
 
     // Leaves the task with the caller if neither memory nor a thread can be had for it.
@@ -71,6 +111,8 @@ private:
     // Without effect if the system refuses: the threads that are there will come to the task.
     void addThread() noexcept VELMORA_REQUIRES(mutex_) {
         try {
+            noteThreads();
+            const SignalsBlocked blocked;
             std::list<std::jthread> added(1);
             const ThreadEntry entry = added.begin();
             *entry = std::jthread([this, entry] { work(entry); });
@@ -119,25 +161,52 @@ class WaitingTimer final : public Timer {
 public:
     WaitingTimer() = default;
 
-    ~WaitingTimer() override {
-        {
-            const MutexLock lock(mutex_);
-            ending_ = true;
-            changed_.notifyAll();
-        }
-        if (waiter_.joinable()) waiter_.join();
-    }
+    ~WaitingTimer() override { static_cast<void>(endWaiter(std::nullopt)); }
 
-    void runAfter(std::chrono::milliseconds delay, Task task) override {
+    void runAfter(std::chrono::milliseconds delay, const void* owner, Task task) override {
         const MutexLock lock(mutex_);
         if (ending_) return;
         startWaiter();
-        due_.emplace(dueTime(delay), std::move(task));
+        due_.emplace(dueTime(delay), Entry{owner, std::move(task)});
         changed_.notifyAll();
     }
 
+    void forget(const void* owner) noexcept override {
+        Entries forgotten;  // destroyed once the mutex is free
+        const MutexLock lock(mutex_);
+        for (auto entry = due_.begin(); entry != due_.end();) {
+            const auto next = std::next(entry);
+            if (entry->second.owner == owner) forgotten.insert(due_.extract(entry));
+            entry = next;
+        }
+    }
+
+    // Drops what is not yet due and joins every thread; false if some have not ended at the deadline.
+    [[nodiscard]] bool endThreads(Deadline deadline) { return endWaiter(deadline) && pool_.endThreads(deadline); }
+
 private:
     using Clock = std::chrono::system_clock;
+    struct Entry {
+        const void* owner;
+        Task task;
+    };
+    using Entries = std::multimap<Clock::time_point, Entry>;
+
+    // Without a deadline for good. The waiter may be in a body that the pool had no thread for.
+    bool endWaiter(std::optional<Deadline> deadline) {
+        Entries dropped;     // destroyed, like
+        std::jthread ended;  // the thread, once the mutex is free
+        const MutexLock lock(mutex_);
+        dropped.swap(due_);
+        ending_ = true;
+        changed_.notifyAll();
+        const auto isGone = [this]() VELMORA_REQUIRES(mutex_) { return !waiting_; };
+        if (!deadline) gone_.wait(mutex_, isGone);
+        const bool gone = !deadline || gone_.waitUntil(mutex_, *deadline, isGone);
+        if (gone) ended = std::move(waiter_);
+        ending_ = !deadline;
+        return gone;
+    }
 
     // Delays reach from "never" to "long ago": both ends are held within what the clock can express.
     static Clock::time_point dueTime(std::chrono::milliseconds delay) {
@@ -146,9 +215,12 @@ private:
     }
 
     void startWaiter() VELMORA_REQUIRES(mutex_) {
-        if (waiter_.joinable()) return;
+        if (waiting_) return;
         try {
-            waiter_ = std::thread([this] { wait(); });
+            noteThreads();
+            const SignalsBlocked blocked;
+            waiter_ = std::jthread([this] { wait(); });
+            waiting_ = true;
         } catch (const std::system_error&) {
             throw std::bad_alloc();
         }
@@ -167,15 +239,18 @@ private:
                 runEarliest();
                 continue;
             }
-            changed_.waitUntil(mutex_, earliest,
-                               [&]() VELMORA_REQUIRES(mutex_) { return ending_ || due_.begin()->first < earliest; });
+            changed_.waitUntil(mutex_, earliest, [&]() VELMORA_REQUIRES(mutex_) {
+                return ending_ || due_.empty() || due_.begin()->first != earliest;
+            });
         }
+        waiting_ = false;
+        gone_.notifyAll();
         mutex_.unlock();
     }
 
     // A body that the pool has no thread for runs here: late timers are better than a lost one.
     void runEarliest() VELMORA_REQUIRES(mutex_) {
-        Task task = std::move(due_.begin()->second);
+        Task task = std::move(due_.begin()->second.task);
         due_.erase(due_.begin());
         mutex_.unlock();
         if (!pool_.tryRun(task)) task();
@@ -185,10 +260,12 @@ private:
 
     Mutex mutex_;
     Condition changed_;
-    std::multimap<Clock::time_point, Task> due_ VELMORA_GUARDED_BY(mutex_);
+    Condition gone_;
+    Entries due_ VELMORA_GUARDED_BY(mutex_);
     bool ending_ VELMORA_GUARDED_BY(mutex_) = false;
-    std::thread waiter_;  // started with the first timer, under the mutex
-    ElasticPool pool_;    // last: the bodies that it finishes at its end may set timers
+    bool waiting_ VELMORA_GUARDED_BY(mutex_) = false;  // the waiter is there; it starts with the first timer
+    std::jthread waiter_ VELMORA_GUARDED_BY(mutex_);
+    ElasticPool pool_;  // last: the bodies that it finishes at its end may set timers
 };
 
 // Ends what it owns with the process, unless that would wait in vain.
@@ -208,18 +285,34 @@ private:
     Owned* const owned_;
 };
 
-}  // namespace
-
-Pool& defaultPool() {
+ElasticPool& systemPool() {
     static const ProcessOwned<ElasticPool> pool;
     return pool.get();
 }
 
-Timer& defaultTimer() {
+WaitingTimer& systemTimer() {
     static const ProcessOwned<WaitingTimer> timer;
     return timer.get();
 }
 
-bool canAwaitPools() noexcept { return !isTerminating() && !isPoolThread; }
+}  // namespace
+
+Pool& defaultPool() { return systemPool(); }
+
+Timer& defaultTimer() { return systemTimer(); }
+
+bool canAwaitPools() noexcept { return !abandoned && !isTerminating() && !isPoolThread; }
+
+void abandonPools() noexcept { abandoned = true; }
+
+bool awaitIdlePools(Deadline deadline) {
+    if (!canAwaitPools()) return false;
+    // Tasks set timers, and bodies of timers queue tasks: twice, so that what either adds to the other is gone, too.
+    for (int round = 0; round < 2; ++round) {
+        if (!systemTimer().endThreads(deadline) || !systemPool().endThreads(deadline)) return false;
+    }
+    noteNoThreads();
+    return true;
+}
 
 }  // namespace velmora::platform

@@ -1,5 +1,6 @@
 #include "core/platform/process.h"
 
+#include <pthread.h>
 #include <sys/random.h>
 #include <sys/syscall.h>
 #include <unistd.h>
@@ -46,6 +47,12 @@ uint64_t currentThreadId() noexcept { return static_cast<uint64_t>(::syscall(SYS
 
 // Threads run until every static object is destroyed; only a forked child never had those of its parent.
 bool isTerminating() noexcept { return lacksThreads(); }
+
+bool isForkedChild() noexcept { return lacksThreads(); }
+
+CancellationHold::CancellationHold() noexcept { ::pthread_setcancelstate(PTHREAD_CANCEL_DISABLE, &before_); }
+
+CancellationHold::~CancellationHold() { ::pthread_setcancelstate(before_, nullptr); }
 
 bool environmentVariable(const std::string& name, std::string& value) {
     const char* const text = std::getenv(name.c_str());

@@ -18,7 +18,7 @@ namespace {
 // Written by the handler of a fork in the child's only thread, read by every thread.
 std::atomic<uint32_t> generation{1};
 
-// Of the process whose threads they are; 0 while there are none. Written once.
+// Of the process whose threads they are; 0 while there are none.
 std::atomic<uint32_t> generationOfThreads{0};
 
 }  // namespace
@@ -36,6 +36,8 @@ void noteThreads() {
     uint32_t none = 0;
     generationOfThreads.compare_exchange_strong(none, processGeneration());
 }
+
+void noteNoThreads() noexcept { generationOfThreads = 0; }
 
 bool lacksThreads() noexcept {
     const uint32_t owner = generationOfThreads;

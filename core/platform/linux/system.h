@@ -18,7 +18,10 @@ void watchForks();
 // Notes that the library starts threads in this process; a child that is forked later lacks them. Watches forks.
 void noteThreads();
 
-// Whether this process is such a child.
+// Takes that back: no thread of the library runs any more.
+void noteNoThreads() noexcept;
+
+// Whether this process is a child that was forked while threads were noted.
 [[nodiscard]] bool lacksThreads() noexcept;
 
 // The first line without blanks around it; empty if there is no such file, or if it is no UTF-8.

@@ -35,6 +35,12 @@ uint64_t currentThreadId() noexcept { return ::GetCurrentThreadId(); }
 
 bool isTerminating() noexcept { return hasExitCode() || isShuttingDown(); }
 
+bool isForkedChild() noexcept { return false; }
+
+CancellationHold::CancellationHold() noexcept = default;
+
+CancellationHold::~CancellationHold() = default;
+
 bool environmentVariable(const std::string& name, std::string& value) {
     const std::wstring wideName = wideFromUtf8(name);
     std::wstring text(256, L'\0');

@@ -20,8 +20,6 @@ using debug::Reason;
 
 namespace {
 
-constexpr int64_t kFlushPollMs = 50;
-
 // What counters say of an event that was not taken.
 Reason rejectionReason(const std::error_code& code) {
     if (code == VelmoraError::invalid_json || code == VelmoraError::invalid_event_format) return Reason::validation;
@@ -334,7 +332,7 @@ std::error_code IngestInstanceImpl::doFlush() {
     std::error_code result;
     for (const auto& [flushed, name] :
          {std::pair(meta, "meta-flush"), std::pair(anon, "anon-flush"), std::pair(auth, "auth-flush")}) {
-        const std::error_code code = waitForFuture(flushed, timeout, name, kFlushPollMs, kNoTimeout);
+        const std::error_code code = waitForFuture(flushed, timeout, name);
         if (code) result = code;
     }
     return result;

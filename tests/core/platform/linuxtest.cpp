@@ -10,6 +10,7 @@
 #include <atomic>
 #include <boost/filesystem/operations.hpp>
 #include <cerrno>
+#include <csignal>
 #include <cstdlib>
 #include <functional>
 #include <future>
@@ -53,6 +54,9 @@ namespace {
 namespace fs = boost::filesystem;
 
 const char* const kNoUtf8 = "caf\xE9";
+
+// Leaves the process without a thread of the pools, as it was before their first task.
+bool endPoolThreads() { return awaitIdlePools(std::chrono::steady_clock::now() + std::chrono::seconds(20)); }
 
 mode_t modeOf(const fs::path& path) {
     struct stat status {};
@@ -118,28 +122,34 @@ TEST(Fork, DoesNotProlongAHold) {
 }
 
 TEST(Fork, LeavesTheThreadsOfThePoolsToTheParent) {
+    ASSERT_TRUE(endPoolThreads());
     ChildProcess before([] { ::_exit(isTerminating() ? 1 : 0); });
     EXPECT_EQ(before.finish(), 0) << "a child that brings up pools of its own";
-    defaultPool();
+    defaultPool().run([] {});
     ChildProcess after([] { ::_exit(isTerminating() && !canAwaitPools() ? 0 : 1); });
     EXPECT_EQ(after.finish(), 0);
     EXPECT_TRUE(!isTerminating() && canAwaitPools());
     std::promise<bool> canAwait;
     defaultPool().run([&] { canAwait.set_value(canAwaitPools()); });
     EXPECT_FALSE(canAwait.get_future().get()) << "a pool's thread would wait for itself";
+    ASSERT_TRUE(endPoolThreads());
+    ChildProcess rested([] { ::_exit(isForkedChild() ? 1 : 0); });
+    EXPECT_EQ(rested.finish(), 0) << "a child of a process whose pools have no threads";
 }
 
 TEST(Pools, RefuseWhatNoThreadCanBeHadForAndServeOnWithoutNewOnes) {
+    ASSERT_TRUE(endPoolThreads());
     const auto held = std::make_shared<int>();
     threadsAreRefused = true;
     EXPECT_THROW(defaultPool().run([held] { std::abort(); }), std::bad_alloc);
     EXPECT_EQ(held.use_count(), 1) << "the pool has kept nothing";
-    EXPECT_THROW(defaultTimer().runAfter(std::chrono::milliseconds(0), [held] { std::abort(); }), std::bad_alloc);
+    EXPECT_THROW(defaultTimer().runAfter(std::chrono::milliseconds(0), nullptr, [held] { std::abort(); }),
+                 std::bad_alloc);
 
     threadsAreRefused = false;
     std::promise<void> task;
     std::promise<void> timer;
-    defaultTimer().runAfter(std::chrono::milliseconds(50), [&] { timer.set_value(); });
+    defaultTimer().runAfter(std::chrono::milliseconds(50), nullptr, [&] { timer.set_value(); });
     defaultPool().run([&] {
         threadsAreRefused = true;
         defaultPool().run([&] { task.set_value(); });
@@ -147,6 +157,50 @@ TEST(Pools, RefuseWhatNoThreadCanBeHadForAndServeOnWithoutNewOnes) {
     task.get_future().get();
     timer.get_future().get();
     threadsAreRefused = false;
+}
+
+TEST(Pools, LeaveSignalsToTheHostButThoseOfTheirOwnFaults) {
+    for (const bool isTimer : {false, true}) {
+        std::promise<sigset_t> blocked;
+        const auto look = [&] {
+            sigset_t set;
+            ::pthread_sigmask(SIG_BLOCK, nullptr, &set);
+            blocked.set_value(set);
+        };
+        isTimer ? defaultTimer().runAfter(std::chrono::milliseconds(0), nullptr, look) : defaultPool().run(look);
+        const sigset_t set = blocked.get_future().get();
+        for (const int signal : {SIGTERM, SIGINT, SIGUSR1, SIGALRM, SIGCHLD}) EXPECT_EQ(::sigismember(&set, signal), 1);
+        for (const int fault : {SIGSEGV, SIGABRT}) EXPECT_EQ(::sigismember(&set, fault), 0);
+    }
+    sigset_t own;
+    ::pthread_sigmask(SIG_BLOCK, nullptr, &own);
+    EXPECT_EQ(::sigismember(&own, SIGTERM), 0) << "the starting thread's mask is as before";
+}
+
+TEST(Cancellation, IsHeldBackUntilTheScopeEnds) {
+    std::promise<void> inside;
+    std::promise<void> cancelled;
+    std::atomic<bool> held = false;
+    pthread_t thread{};
+    std::function<void()> body = [&] {
+        {
+            const CancellationHold hold;
+            inside.set_value();
+            cancelled.get_future().wait();
+            ::usleep(1000);  // a point of cancellation
+            held = true;
+        }
+        for (;;) ::pause();
+    };
+    const auto run = [](void* context) -> void* { return (*static_cast<std::function<void()>*>(context))(), nullptr; };
+    ASSERT_EQ(::pthread_create(&thread, nullptr, run, &body), 0);
+    inside.get_future().wait();
+    ::pthread_cancel(thread);
+    cancelled.set_value();
+    void* result = nullptr;
+    ::pthread_join(thread, &result);
+    EXPECT_EQ(result, PTHREAD_CANCELED);
+    EXPECT_TRUE(held);
 }
 
 TEST(LocalOffset, FollowsTheZoneAndItsChanges) {

@@ -167,13 +167,35 @@ TEST(TaskEngineGenerations, AreToldInTheLog) {
                                         "engine stopped; skip schedule " + name, "started " + name + " index=1"}));
 }
 
-TEST(WaitFor, TellsWhatItWaitsForAndGivesUpInTime) {
+TEST(WaitFor, TellsOnceAMinuteWhatItWaitsForAndGivesUpInTime) {
     const test::CapturedLog log;
-    int asked = 0;
-    EXPECT_FALSE(waitFor([&] { return ++asked > 9; }, "never", 1, 3));
-    EXPECT_EQ(asked, 4);
-    EXPECT_TRUE(waitFor([&] { return true; }, "at once", 1, 3));
-    EXPECT_EQ(log.count("waiting for never to be complete"), 1U);
+    EXPECT_FALSE(waitFor([] { return false; }, "never", 1, 3));
+    EXPECT_TRUE(waitFor([] { return true; }, "at once", 1, 3));
+    std::vector<Gate::Clock::time_point> deadlines;
+    const auto fourth = [&](Gate::Clock::time_point deadline) {
+        return deadlines.push_back(deadline), deadlines.size() > 3;
+    };
+    EXPECT_TRUE(waitFor(fourth, "the fourth"));
+    EXPECT_EQ(deadlines.back() - deadlines.front(), 3min);
+    EXPECT_EQ(
+        log.messages("utils"),
+        (std::vector<std::string>{"Begin wait for never to be complete", "waiting for never to be complete",
+                                  "End wait for never to be complete", "Begin wait for at once to be complete",
+                                  "End wait for at once to be complete", "Begin wait for the fourth to be complete",
+                                  "waiting for the fourth to be complete", "waiting for the fourth to be complete",
+                                  "waiting for the fourth to be complete", "End wait for the fourth to be complete"}));
+}
+
+TEST(TaskEngineEnd, StopDestroysWhatWaitsForItsTime) {
+    const auto held = std::make_shared<int>();
+    TaskEngine stopped;
+    TaskEngine other;
+    for (int i = 0; i < 3; ++i) stopped.schedule(1h, [held] { std::abort(); });
+    other.schedule(1h, [held] { std::abort(); });
+    stopped.stop();
+    EXPECT_EQ(held.use_count(), 2) << "the other engine's";
+    other.stop();
+    EXPECT_EQ(held.use_count(), 1);
 }
 
 TEST(TaskEngineEnd, TasksOfADestroyedEngineVanish) {
@@ -198,16 +220,16 @@ TEST(TaskEngineEnd, TasksOfADestroyedEngineVanish) {
 TEST(TaskEngineFutures, CarryResultExceptionOrTheDefaultOfAStoppedEngine) {
     SerialTaskEngine engine;
     const auto value = engine.schedule(std::error_code(), [] { return std::make_error_code(std::errc::io_error); });
-    EXPECT_EQ(waitForFuture(value, std::error_code(), "value", 1, 10000), std::errc::io_error);
+    EXPECT_EQ(waitForFuture(value, std::error_code(), "value", 10000), std::errc::io_error);
     const auto thrown =
         engine.schedule(std::error_code(), []() -> std::error_code { throw std::runtime_error("broken"); });
-    EXPECT_THROW(waitForFuture(thrown, std::error_code(), "thrown", 1, 10000), std::runtime_error);
+    EXPECT_THROW(waitForFuture(thrown, std::error_code(), "thrown", 10000), std::runtime_error);
     engine.stop();
     const auto refused = engine.schedule(std::make_error_code(std::errc::timed_out), [] { return std::error_code(); });
     ASSERT_TRUE(refused.isReady());
     EXPECT_EQ(*refused.get_try(), std::errc::timed_out);
     const future<std::error_code> never(std::make_shared<FutureState<std::error_code>>());
-    EXPECT_EQ(waitForFuture(never, std::make_error_code(std::errc::timed_out), "never", 1, 3), std::errc::timed_out);
+    EXPECT_EQ(waitForFuture(never, std::make_error_code(std::errc::timed_out), "never", 3), std::errc::timed_out);
 }
 
 TEST(SerialQueueOrder, TasksNeverOverlapAndKeepTheirOrderPerThread) {
@@ -316,13 +338,13 @@ TEST(Timer, FiresInOrderOfDueTimeAndNotBefore) {
     const auto begin = std::chrono::steady_clock::now();
     std::chrono::steady_clock::duration first{};
     for (const int ms : {120, 40, 80}) {
-        platform::defaultTimer().runAfter(std::chrono::milliseconds(ms), [&, ms] {
+        platform::defaultTimer().runAfter(std::chrono::milliseconds(ms), nullptr, [&, ms] {
             const std::lock_guard<std::mutex> lock(mutex);
             if (order.empty()) first = std::chrono::steady_clock::now() - begin;
             order.push_back(ms);
         });
     }
-    platform::defaultTimer().runAfter(std::chrono::milliseconds::max(), [] { std::abort(); });
+    platform::defaultTimer().runAfter(std::chrono::milliseconds::max(), nullptr, [] { std::abort(); });
     ASSERT_TRUE(waitFor(
         [&] {
             const std::lock_guard<std::mutex> lock(mutex);
@@ -362,6 +384,30 @@ TEST(Gate, OnceClosedAndWaitedForNobodyIsInsideAndItMayGo) {
         last.join();
         visitors.clear();
     }
+}
+
+TEST(Pools, EndTheirThreadsOnDemandAndServeOn) {
+    const auto soon = [] { return std::chrono::steady_clock::now() + 20s; };
+    const auto held = std::make_shared<int>();
+    std::atomic<int> ran = 0;
+    std::atomic<bool> free = false;
+    platform::defaultTimer().runAfter(1h, nullptr, [held] { std::abort(); });
+    platform::defaultPool().run([&] {
+        while (!free) std::this_thread::yield();
+        platform::defaultPool().run([&] { ++ran; });
+        platform::defaultTimer().runAfter(1h, nullptr, [held] { std::abort(); });
+    });
+    EXPECT_FALSE(platform::awaitIdlePools(std::chrono::steady_clock::now() + 5ms)) << "a task goes on";
+    free = true;
+    ASSERT_TRUE(platform::awaitIdlePools(soon()));
+    EXPECT_EQ(held.use_count(), 1) << "timers that are not due are dropped";
+    EXPECT_EQ(ran, 1);
+    platform::defaultPool().run([&] { ++ran; });
+    platform::defaultTimer().runAfter(0ms, nullptr, [&] { ++ran; });
+    ASSERT_TRUE(waitFor([&] { return ran == 3; }, "tasks", 1, 20000));
+    std::atomic<bool> onPool = true;
+    platform::defaultPool().run([&] { onPool = platform::awaitIdlePools(soon()); });
+    EXPECT_TRUE(waitFor([&] { return !onPool; }, "a thread that can't wait for itself", 1, 20000));
 }
 
 }  // namespace
