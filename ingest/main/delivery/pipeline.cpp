@@ -232,7 +232,7 @@ std::vector<std::string> Pipeline::addBatchAttributes(const std::vector<BatchEve
 }
 
 bool Pipeline::transform(std::string& event) const {
-    if (eventTransform_) return eventTransform_(event, carriesIdentity(kind_));
+    if (batchAttributes_) return batchAttributes_(event, carriesIdentity(kind_));
     // A line without a transform holds what can't be deciphered: a readable event there is a fault.
     if (validJSON(event)) throw std::bad_function_call();
     return false;

@@ -24,7 +24,6 @@
 #include "core/utils/taskengine.h"
 #include "ingest/event/eventmodel.h"
 #include "ingest/event/store/eventstore.h"
-#include "ingest/main/delivery/pipelinestate.h"
 #include "ingest/main/delivery/sessionview.h"
 #include "service/config/ingestconfigprovider.h"
 
@@ -34,7 +33,7 @@ class Pipeline : private SerialTaskEngine {
 public:
     // Applied to each event right before batching; the flag asks for the user's identity. False, with the text as it
     // was, for a text that is no JSON object: whoever transforms an event has parsed it.
-    using EventTransform = std::function<bool(std::string& event, bool includeIdentity)>;
+    using BatchAttributes = std::function<bool(std::string& event, bool includeIdentity)>;
 
     // Events that are posted directly at a time; further ones are stored, and go with the next batch.
     static constexpr size_t kDirectPosts = 64;
@@ -65,7 +64,7 @@ public:
     ~Pipeline() override;
 
     // All before any traffic. The transform and both last callbacks may be left empty.
-    void setEventTransform(EventTransform transform) { eventTransform_ = std::move(transform); }
+    void setBatchAttributes(BatchAttributes transform) { batchAttributes_ = std::move(transform); }
     void setDebugCallback(DebugCallback callback) { debugCallback_ = std::move(callback); }
     void setBatchErrorCallback(BatchErrorCallback callback) { batchErrorCallback_ = std::move(callback); }
     void setEmptyCallback(std::function<void()> callback) { emptyCallback_ = std::move(callback); }
@@ -173,7 +172,7 @@ private:
 
     SessionView& session_;
     const IngestConfigProvider& config_;
-    EventTransform eventTransform_;
+    BatchAttributes batchAttributes_;
     DebugCallback debugCallback_;
     std::atomic<PipelineState> state_ = PipelineState::SaveOnly;  // written by changeState, read by every thread
     const std::string name_;
@@ -219,7 +218,7 @@ private:
 // What the owner of lines connects them to, those of an adopted folder like its own.
 struct LineCallbacks {
     DropCallback onDrop;
-    Pipeline::EventTransform eventTransform;
+    Pipeline::BatchAttributes batchAttributes;
     Pipeline::BatchErrorCallback onAuthError;
     Pipeline::BatchErrorCallback onAnonError;
     Pipeline::DebugCallback onDebug;

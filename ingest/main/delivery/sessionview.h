@@ -1,4 +1,4 @@
-// What instances and their lines ask of the session above them.
+// What instances and their lines ask of the session above them, and the states that it limits.
 #pragma once
 
 #include <cstdint>
@@ -9,10 +9,34 @@
 
 #include "core/transfer/transferengine.h"
 #include "core/types/types.h"
-#include "ingest/main/delivery/pipelinestate.h"
 #include "service/config/ingestconfig.h"
 
 namespace velmora {
+
+// What a line may do with events. Ordered: the lesser of two limits is the one in force.
+enum class PipelineState : int32_t {
+    Off = 0,       // events are refused
+    SaveOnly = 1,  // events are stored, nothing is sent
+    On = 2,        // events are stored and sent
+};
+
+[[nodiscard]] inline std::string toString(PipelineState state) {
+    switch (state) {
+        case PipelineState::Off:
+            return "Off";
+        case PipelineState::SaveOnly:
+            return "SaveOnly";
+        case PipelineState::On:
+            return "On";
+    }
+    return "unknown";
+}
+
+// The states of the lines of one owner: those of the signed-in user, and all others.
+struct LineStates {
+    PipelineState auth = PipelineState::SaveOnly;
+    PipelineState anon = PipelineState::SaveOnly;
+};
 
 // Threads: any. None of the operations waits for the network or takes the table of instances.
 class SessionView {

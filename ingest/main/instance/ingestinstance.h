@@ -32,7 +32,7 @@ public:
     // For the session.
     [[nodiscard]] virtual std::string getConfigGuid() = 0;
     virtual void setProfile(std::shared_ptr<service::oswin::Profile> profile) = 0;  // empty for none
-    virtual void changeState(int32_t state, int32_t authState) = 0;                 // values of PipelineState
+    virtual void refresh() = 0;      // fetches the configuration and acts on it before it returns; not for the host
     virtual void updateState() = 0;  // recalculates the state in the background
     virtual void setSessionGuid(std::string guid) = 0;
     virtual void setLorneProfile(std::unordered_map<std::string, std::string> profile) = 0;

@@ -109,7 +109,7 @@ void IngestInstanceImpl::connectLines() {
     preset_.setLorneProfile(session_.getLorneProfile());
     const LineCallbacks callbacks = lineCallbacks();
     for (Pipeline* line : {metaPipeline_.get(), authPipeline_.get(), anonPipeline_.get()}) {
-        line->setEventTransform(callbacks.eventTransform);
+        line->setBatchAttributes(callbacks.batchAttributes);
     }
     for (Pipeline* line : lines()) line->setDebugCallback(callbacks.onDebug);
     authPipeline_->setBatchErrorCallback(callbacks.onAuthError);
@@ -131,7 +131,7 @@ IngestInstanceImpl::~IngestInstanceImpl() {
     exceptionSafeWrapper([this] {
         engine_.stop();
         dropPendingFlushes();
-        changeState(static_cast<int32_t>(PipelineState::SaveOnly), static_cast<int32_t>(PipelineState::SaveOnly));
+        saveOnly();
     });
     exceptionSafeWrapper([this] { healthCheck_.stop(); });
     exceptionSafeWrapper([this] {
@@ -181,14 +181,18 @@ void IngestInstanceImpl::countRejected(PipelineKind kind, const std::error_code&
     debugCounters_.add(name_, kind, Item::event, Action::rejected, rejectionReason(code), 1);
 }
 
-void IngestInstanceImpl::changeState(int32_t state, int32_t authState) {
-    const PipelineState network = session_.getNetworkLimit();
-    const PipelineState line = std::min(static_cast<PipelineState>(state), network);
-    const PipelineState auth = std::min(static_cast<PipelineState>(authState), line);
+void IngestInstanceImpl::changeState(LineStates states) {
+    const PipelineState anon = std::min(states.anon, session_.getNetworkLimit());
+    const PipelineState auth = std::min(states.auth, anon);
     authPipeline_->changeState(auth);
-    anonPipeline_->changeState(line);
-    metaPipeline_->changeState(line);
-    orphanInstance_.changeState(auth, line);
+    anonPipeline_->changeState(anon);
+    metaPipeline_->changeState(anon);
+    orphanInstance_.changeState({auth, anon});
+}
+
+void IngestInstanceImpl::saveOnly() {
+    const MutexLock lock(stateMutex_);
+    changeState({PipelineState::SaveOnly, PipelineState::SaveOnly});
 }
 
 void IngestInstanceImpl::updateState() {
@@ -196,8 +200,14 @@ void IngestInstanceImpl::updateState() {
 }
 
 void IngestInstanceImpl::doUpdateState() {
-    const PipelineState authState = session_.getAuthState(getConsent(), getEnvironment());
-    changeState(static_cast<int32_t>(session_.getOnlineLimit()), static_cast<int32_t>(authState));
+    const MutexLock lock(stateMutex_);
+    const PipelineState auth = session_.getAuthState(getConsent(), getEnvironment());
+    changeState({auth, session_.getOnlineLimit()});
+}
+
+void IngestInstanceImpl::refresh() {
+    configProvider_.refresh();
+    doUpdateState();
 }
 
 uint64_t IngestInstanceImpl::onErrorFromLine(bool auth, const std::error_code& error, const Events& events) {
@@ -241,15 +251,14 @@ bool IngestInstanceImpl::moveBack(Pipeline& line, const std::string& event) {
 }
 
 void IngestInstanceImpl::handleError(const std::error_code& code) {
-    constexpr auto kSaveOnly = static_cast<int32_t>(PipelineState::SaveOnly);
     if (http::isServerError(code)) {
-        changeState(kSaveOnly, kSaveOnly);
+        saveOnly();
         const uint64_t pause = configProvider_.read([](const auto& config) { return config.pauseInterval; });
         timer_.schedule(toMilliseconds(pause), Task([this] { updateState(); }));
     }
     if (http::isForbidden(code)) {
         VELMORA_LOG(error, "ingestinstance") << "Invalid API key will stop the workers";
-        changeState(kSaveOnly, kSaveOnly);
+        saveOnly();
     }
 }
 

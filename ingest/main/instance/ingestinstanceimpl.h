@@ -39,7 +39,7 @@ public:
     void beginStop() noexcept override;
     std::string getConfigGuid() override { return configGuid_; }
     void setProfile(std::shared_ptr<service::oswin::Profile> profile) override;
-    void changeState(int32_t state, int32_t authState) override;
+    void refresh() override;
     void updateState() override;
     void setSessionGuid(std::string guid) override { preset_.setSessionGuid(guid); }
     void setLorneProfile(std::unordered_map<std::string, std::string> profile) override {
@@ -71,7 +71,9 @@ private:
     // the line can never take is dropped, and counted.
     bool moveBack(Pipeline& line, const std::string& event);
     void handleError(const std::error_code& code);
-    void doUpdateState();
+    void doUpdateState() VELMORA_EXCLUDES(stateMutex_);
+    void changeState(LineStates states) VELMORA_REQUIRES(stateMutex_);
+    void saveOnly() VELMORA_EXCLUDES(stateMutex_);
     void onDropped(const std::string& storeName, const std::string& reason, uint64_t count, uint64_t folderSize);
 
     // A flush with a callback, until its turn comes.
@@ -108,6 +110,7 @@ private:
     OrphanInstance orphanInstance_;
     HealthCheck healthCheck_;
     std::atomic<bool> stopping_ = false;  // set once, by beginStop
+    Mutex stateMutex_;                    // from looking at the limits until the lines have their states
     Mutex flushMutex_;
     uint64_t lastFlush_ VELMORA_GUARDED_BY(flushMutex_) = 0;
     std::map<uint64_t, PendingFlush> pendingFlushes_ VELMORA_GUARDED_BY(flushMutex_);

@@ -48,18 +48,17 @@ OrphanInstance::~OrphanInstance() {
 
 void OrphanInstance::beginStop() noexcept {
     stopping_ = true;
-    exceptionSafeWrapper([this] { changeState(PipelineState::SaveOnly, PipelineState::SaveOnly); });
+    exceptionSafeWrapper([this] { changeState({}); });
 }
 
-void OrphanInstance::changeState(PipelineState authState, PipelineState anonState) {
-    schedule(Task([this, authState, anonState] { doChangeState(authState, anonState); }));
+void OrphanInstance::changeState(LineStates states) {
+    schedule(Task([this, states] { doChangeState(states); }));
 }
 
-void OrphanInstance::doChangeState(PipelineState authState, PipelineState anonState) {
-    authState_ = stopping_ ? PipelineState::SaveOnly : authState;
-    anonState_ = stopping_ ? PipelineState::SaveOnly : anonState;
+void OrphanInstance::doChangeState(LineStates states) {
+    states_ = stopping_ ? LineStates() : states;
     applyStates();
-    const bool on = std::max(authState_, anonState_) == PipelineState::On;
+    const bool on = std::max(states_.auth, states_.anon) == PipelineState::On;
     if (std::exchange(stopped_, !on) == !on) return;
     if (on) {
         timer_.start();
@@ -75,7 +74,7 @@ void OrphanInstance::applyStates() {
     for (const PipelineKind kind : {PipelineKind::meta, PipelineKind::anon_invalid, PipelineKind::anon,
                                     PipelineKind::auth_invalid, PipelineKind::auth}) {
         if (const auto& pipeline = line(kind).pipeline)
-            pipeline->changeState(isAuthenticated(kind) ? authState_ : anonState_);
+            pipeline->changeState(isAuthenticated(kind) ? states_.auth : states_.anon);
     }
 }
 
@@ -108,7 +107,7 @@ void OrphanInstance::openLine(PipelineKind kind) {
     auto pipeline = std::make_unique<Pipeline>(session_, config_, *folder_ / storeFolderName(kind), callbacks_.onDrop,
                                                "orphan", kind, true);
     pipeline->setDebugCallback(callbacks_.onDebug);
-    if (!isInvalidLine(kind)) pipeline->setEventTransform(callbacks_.eventTransform);
+    if (!isInvalidLine(kind)) pipeline->setBatchAttributes(callbacks_.batchAttributes);
     if (kind != PipelineKind::meta) {
         pipeline->setBatchErrorCallback(isAuthenticated(kind) ? callbacks_.onAuthError : callbacks_.onAnonError);
     }

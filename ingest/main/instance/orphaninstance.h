@@ -27,7 +27,7 @@ public:
     void beginStop() noexcept;
 
     // Searching and draining take place only while at least one of the two is On.
-    void changeState(PipelineState authState, PipelineState anonState);
+    void changeState(LineStates states);
 
 private:
     // One line of the folder; finished when it is absent or has been found empty.
@@ -36,7 +36,7 @@ private:
         std::unique_ptr<Pipeline> pipeline;
     };
 
-    void doChangeState(PipelineState authState, PipelineState anonState);
+    void doChangeState(LineStates states);
     void applyStates();
     void startNewInstance();
     void openLines();
@@ -51,8 +51,7 @@ private:
     const IngestConfigProvider& config_;
     const std::string configGuid_;
     const LineCallbacks callbacks_;
-    PipelineState authState_ = PipelineState::SaveOnly;
-    PipelineState anonState_ = PipelineState::SaveOnly;
+    LineStates states_;
     std::atomic<bool> stopping_ = false;  // set once, by beginStop
     bool stopped_ = true;                 // neither of the two states is On
     std::unique_ptr<LockedPath> folder_;

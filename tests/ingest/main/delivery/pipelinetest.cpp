@@ -63,7 +63,7 @@ protected:
         pipeline_.reset();
         const Path folder = Path(folder_.path()) / "7" / storeFolderName(kind);
         pipeline_ = std::make_unique<Pipeline>(session_, *provider_, folder, DropCallback(), "main", kind, adopted);
-        pipeline_->setEventTransform([](std::string& text, bool) { return validJSON(text); });
+        pipeline_->setBatchAttributes([](std::string& text, bool) { return validJSON(text); });
         pipeline_->setDebugCallback(
             [this](const std::string& name, PipelineKind k, Item i, Action a, Reason r, uint64_t count) {
                 EXPECT_EQ(name, "7");
@@ -217,7 +217,7 @@ TEST_F(PipelineBatches, LieEncipheredOnDiskAndPassOverRecordsThatCannotBeDeciphe
 TEST_F(PipelineBatches, ThatCannotBeFormedAreHandedOverComplete) {
     const std::string undecipherable = Crypt("another").encrypt("x");
     open(PipelineKind::anon_invalid);
-    pipeline_->setEventTransform(nullptr);
+    pipeline_->setBatchAttributes(nullptr);
     for (const auto& record : {undecipherable, event(1), undecipherable}) pipeline_->submitEvent(record, true);
     pipeline_->changeState(PipelineState::On);
     pools_.runAll();

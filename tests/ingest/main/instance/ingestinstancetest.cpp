@@ -80,6 +80,15 @@ TEST_F(InstanceFlush, ReportsTheAuthLineBeforeTheAnonLineBeforeTheMetaLine) {
     }
 }
 
+TEST_F(InstanceTest, ARefreshActsBeforeItReturns) {
+    start();
+    submitOneOfEach();
+    session_.authState = PipelineState::Off;
+    instance_->refresh();
+    EXPECT_EQ(test::codeOf([&] { instance_->submitEvent("{}", true, true, VELMORA_VALIDATE_NONE, "{}"); }),
+              VelmoraError::opt_out);
+}
+
 using InstanceStop = InstanceTest;
 
 TEST_F(InstanceStop, AFlushThatCannotBeDoneIsLoggedAndKeepsEverything) {

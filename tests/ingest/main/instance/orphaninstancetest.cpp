@@ -170,7 +170,7 @@ protected:
     }
 
     void change(std::initializer_list<PipelineState> anonStates) {
-        for (const PipelineState state : anonStates) orphan_->changeState(PipelineState::SaveOnly, state);
+        for (const PipelineState state : anonStates) orphan_->changeState({PipelineState::SaveOnly, state});
     }
 
     // The empty folder is found and deleted; the search for the next is due.
