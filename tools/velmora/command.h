@@ -19,5 +19,7 @@ void registerConvert(CLI::App& program, int& exitCode);
 void registerInspect(CLI::App& program, int& exitCode);
 void registerReconcile(CLI::App& program, int& exitCode);
 void registerSend(CLI::App& program, int& exitCode);
+// deliver and forget; nothing where the service side is not built.
+void registerServiceSide(CLI::App& program, int& exitCode);
 
 }  // namespace velmora::tool

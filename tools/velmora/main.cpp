@@ -17,6 +17,7 @@ int main(int argc, char** argv) {
     velmora::tool::registerInspect(program, exitCode);
     velmora::tool::registerReconcile(program, exitCode);
     velmora::tool::registerSend(program, exitCode);
+    velmora::tool::registerServiceSide(program, exitCode);
     try {
         std::vector<std::string> arguments = velmora::platform::commandLineArguments(argc, argv);
         std::reverse(arguments.begin(), arguments.end());  // the parser takes them from the back

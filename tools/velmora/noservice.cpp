@@ -1,5 +1,7 @@
+// Where the service side is not built.
 #include <stdexcept>
 
+#include "tools/velmora/command.h"
 #include "tools/velmora/store.h"
 
 namespace velmora::tool {
@@ -7,5 +9,7 @@ namespace velmora::tool {
 std::unique_ptr<Store> openJetStreamStore(const StoreOptions&) {
     throw std::runtime_error("this build of velmora has no JetStream store; give --store a file");
 }
+
+void registerServiceSide(CLI::App&, int&) {}
 
 }  // namespace velmora::tool
