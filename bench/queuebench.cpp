@@ -5,7 +5,6 @@
 #include <string>
 #include <vector>
 
-#include "core/filesystem/filesystem.h"
 #include "core/queue/queuestorage.h"
 
 namespace {
@@ -29,8 +28,7 @@ struct ScratchFile {
 void pushFloor(benchmark::State& state) {
     const ScratchFile scratch;
     auto file = velmora::platform::openSystemFile(scratch.path, true);
-    const bool sized = velmora::Filesystem::resizeFile(Path(scratch.path), kFileSize) && file->reserve(kFileSize);
-    if (!sized) state.SkipWithError("no space");
+    if (!file->resize(kFileSize)) state.SkipWithError("no space");
     const std::string record(kRecordSize, 'x');
     const auto length = static_cast<uint32_t>(record.size());
     const char slot[velmora::kQueueSlotSize] = {};
@@ -52,10 +50,10 @@ BENCHMARK(pushFloor);
 // Pops are made between the measured pushes, so that the ring never fills: both benchmarks write a warm file.
 void push(benchmark::State& state) {
     const ScratchFile scratch;
-    QueueStorage<std::string> queue(Path(scratch.path), kFileSize, velmora::platform::openSystemFile);
+    QueueStorage queue(Path(scratch.path), kFileSize, velmora::platform::openSystemFile);
     const std::string record(kRecordSize, 'x');
     for (auto _ : state) {
-        queue.pushRecord(record);
+        if (!queue.pushRecord(record)) state.SkipWithError("write failed");
         if (queue.recordCount() < 4000) continue;
         state.PauseTiming();
         queue.popRecords(4000);
@@ -64,14 +62,15 @@ void push(benchmark::State& state) {
 }
 BENCHMARK(push);
 
-void fill(QueueStorage<std::string>& queue) {
+void fill(QueueStorage& queue) {
     const std::string record(kRecordSize, 'x');
-    while (queue.recordCount() < 4000) queue.pushRecord(record);
+    while (queue.recordCount() < 4000 && queue.pushRecord(record)) {
+    }
 }
 
 void batchFloor(benchmark::State& state) {
     const ScratchFile scratch;
-    QueueStorage<std::string> queue(Path(scratch.path), kFileSize, velmora::platform::openSystemFile);
+    QueueStorage queue(Path(scratch.path), kFileSize, velmora::platform::openSystemFile);
     fill(queue);
     auto file = velmora::platform::openSystemFile(scratch.path, false);
     const char slot[velmora::kQueueSlotSize] = {};
@@ -100,7 +99,7 @@ BENCHMARK(batchFloor);
 
 void peekAndPopBatch(benchmark::State& state) {
     const ScratchFile scratch;
-    QueueStorage<std::string> queue(Path(scratch.path), kFileSize, velmora::platform::openSystemFile);
+    QueueStorage queue(Path(scratch.path), kFileSize, velmora::platform::openSystemFile);
     fill(queue);
     for (auto _ : state) {
         std::vector<std::string> records;

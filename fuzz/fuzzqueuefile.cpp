@@ -30,16 +30,15 @@ void readAll() {
 
 void useAsQueue() {
     constexpr uint64_t kMaximumSize = 4096;
-    velmora::QueueStorage<std::string> queue(velmora::Path(scratchFile()), kMaximumSize,
-                                             velmora::platform::openSystemFile);
+    velmora::QueueStorage queue(velmora::Path(scratchFile()), kMaximumSize, velmora::platform::openSystemFile);
     try {
         std::vector<std::string> records;
         queue.peekRecords(queue.header(), queue.recordCount(), records);
         queue.popRecords(records.size());
-        queue.pushRecord("one more");
+        require(queue.pushRecord("one more"));
     } catch (const velmora::FQException&) {
         queue.recreate();
-        queue.pushRecord("the first");
+        require(queue.pushRecord("the first"));
         require(queue.recordCount() == 1);
     }
 }

@@ -76,14 +76,6 @@ void Filesystem::createDirectories(const Path& path) {
     succeeds([&] { platform::createFolders(path.native()); });
 }
 
-bool Filesystem::resizeFile(const Path& path, uint64_t size) {
-    if (!path.isFile()) {
-        VELMORA_LOG(warn, "fs") << "source for resizeFile should exist and should be a file";
-        return false;
-    }
-    return succeeds([&] { fs::resize_file(path.native(), size); });
-}
-
 void Filesystem::setRootPath(const Path& path) {
     if (!path.exists()) VELMORA_LOG(warn, "fs") << "The rootPath " << path.string() << " does not exist";
     rootPath() = path;

@@ -19,9 +19,6 @@ public:
     // With parents, for the user alone where the system has modes; a failure is swallowed.
     static void createDirectories(const Path& path);
 
-    // Shrinks or, with zeros, grows a regular file. False, with a warning for what is no regular file.
-    [[nodiscard]] static bool resizeFile(const Path& path, uint64_t size);
-
     // Puts data and logs below a folder of the caller's choice instead of the user's. Only at set-up. A folder that
     // does not exist is logged and takes effect all the same.
     static void setRootPath(const Path& path);

@@ -20,9 +20,9 @@ public:
     [[nodiscard]] virtual bool read(uint64_t offset, void* buffer, size_t size) noexcept = 0;
     [[nodiscard]] virtual bool write(uint64_t offset, const void* data, size_t size) noexcept = 0;
 
-    // Makes sure that the disk has room for the first `bytes` of a file that has that size already, so that no write
-    // below fails for want of it; true also where the file system can't tell. The contents stay.
-    [[nodiscard]] virtual bool reserve(uint64_t bytes) noexcept = 0;
+    // Gives the file that size; what is added reads as zeros, and the disk has room for all of it as far as the file
+    // system can tell, so that no write below fails for want of it. On failure the size is as before.
+    [[nodiscard]] virtual bool resize(uint64_t bytes) noexcept = 0;
 
     // Size in bytes at the time of the call; false if the system does not tell.
     [[nodiscard]] virtual bool size(uint64_t& bytes) noexcept = 0;

@@ -38,18 +38,17 @@ inline constexpr uint64_t kQueueLengthSize = sizeof(QueueRecordLength);
 
 // One slot: a ring, and behind it an overflow region for what came while the ring was full. The region exists exactly
 // while `ringEnd` is below `capacity`.
-template <typename Integer>
 struct CircularQueueHeader {
-    Integer headCount = 0;            // records to be read before the reader goes back to offset 0
-    Integer ringCount = 0;            // records in the ring, both runs together
-    Integer overflowCount = 0;        // records in the overflow region
-    Integer readOffset = 0;           // oldest record of the ring
-    Integer writeOffset = 0;          // where the ring's next record goes
-    Integer ringEnd = 0;              // end of the ring, begin of the overflow region
-    Integer overflowWriteOffset = 0;  // where the next overflow record goes
-    Integer capacity = 0;             // bytes of the data area
+    uint64_t headCount = 0;            // records to be read before the reader goes back to offset 0
+    uint64_t ringCount = 0;            // records in the ring, both runs together
+    uint64_t overflowCount = 0;        // records in the overflow region
+    uint64_t readOffset = 0;           // oldest record of the ring
+    uint64_t writeOffset = 0;          // where the ring's next record goes
+    uint64_t ringEnd = 0;              // end of the ring, begin of the overflow region
+    uint64_t overflowWriteOffset = 0;  // where the next overflow record goes
+    uint64_t capacity = 0;             // bytes of the data area
 
-    [[nodiscard]] constexpr Integer recordCount() const noexcept { return ringCount + overflowCount; }
+    [[nodiscard]] constexpr uint64_t recordCount() const noexcept { return ringCount + overflowCount; }
     [[nodiscard]] constexpr bool hasOverflowRegion() const noexcept { return ringEnd < capacity; }
 
     // Both offsets are equal in an empty ring as well.
@@ -58,20 +57,18 @@ struct CircularQueueHeader {
     friend constexpr bool operator==(const CircularQueueHeader&, const CircularQueueHeader&) = default;
 };
 
-static_assert(sizeof(CircularQueueHeader<uint64_t>) == kQueueSlotSize);
-static_assert(std::is_trivially_copyable_v<CircularQueueHeader<uint64_t>>);
+static_assert(sizeof(CircularQueueHeader) == kQueueSlotSize);
+static_assert(std::is_trivially_copyable_v<CircularQueueHeader>);
 
-template <typename Integer>
-[[nodiscard]] constexpr CircularQueueHeader<Integer> emptyQueueHeader(Integer capacity) noexcept {
-    CircularQueueHeader<Integer> header;
+[[nodiscard]] constexpr CircularQueueHeader emptyQueueHeader(uint64_t capacity) noexcept {
+    CircularQueueHeader header;
     header.ringEnd = header.overflowWriteOffset = header.capacity = capacity;
     return header;
 }
 
 // The overflow region becomes the ring. From then on the ring spans the whole data area, so that the space of the old
 // one is used again when the writer goes back to the start.
-template <typename Integer>
-constexpr void promoteOverflow(CircularQueueHeader<Integer>& header) noexcept {
+constexpr void promoteOverflow(CircularQueueHeader& header) noexcept {
     header.headCount = header.ringCount = header.overflowCount;
     header.overflowCount = 0;
     header.readOffset = header.ringEnd;
@@ -81,9 +78,7 @@ constexpr void promoteOverflow(CircularQueueHeader<Integer>& header) noexcept {
 
 // Where in the ring a record of `recordSize` bytes, its length field included, goes; nothing if it has to go to the
 // overflow region. The writer may have gone back to offset 0 either way.
-template <typename Integer>
-[[nodiscard]] constexpr std::optional<Integer> placeInRing(CircularQueueHeader<Integer>& header,
-                                                           Integer recordSize) noexcept {
+[[nodiscard]] constexpr std::optional<uint64_t> placeInRing(CircularQueueHeader& header, uint64_t recordSize) noexcept {
     if (header.hasOverflowRegion() || header.isRingFull()) return std::nullopt;
     if (header.writeOffset >= header.readOffset) {
         if (recordSize <= header.ringEnd - header.writeOffset) return header.writeOffset;
@@ -94,8 +89,7 @@ template <typename Integer>
 }
 
 // The header after a record of `recordSize` bytes has been written where it belongs.
-template <typename Integer>
-constexpr void advanceAfterPush(CircularQueueHeader<Integer>& header, Integer recordSize) noexcept {
+constexpr void advanceAfterPush(CircularQueueHeader& header, uint64_t recordSize) noexcept {
     if (header.ringCount == 0) {
         if (header.hasOverflowRegion()) {
             promoteOverflow(header);
@@ -114,8 +108,7 @@ constexpr void advanceAfterPush(CircularQueueHeader<Integer>& header, Integer re
 }
 
 // The header after the oldest record, `recordSize` bytes long, has been taken.
-template <typename Integer>
-constexpr void advanceAfterPop(CircularQueueHeader<Integer>& header, Integer recordSize) noexcept {
+constexpr void advanceAfterPop(CircularQueueHeader& header, uint64_t recordSize) noexcept {
     if (header.headCount > 0) header.headCount -= 1;
     if (header.ringCount > 0) header.ringCount -= 1;
     if (header.headCount == 0 && header.ringCount != 0) {

@@ -39,7 +39,7 @@ public:
     [[nodiscard]] uint8_t selector() const noexcept { return selector_; }
 
     // The current slot, as it stands in the file; all zero if the file is not valid.
-    [[nodiscard]] const CircularQueueHeader<uint64_t>& header() const noexcept { return header_; }
+    [[nodiscard]] const CircularQueueHeader& header() const noexcept { return header_; }
     [[nodiscard]] uint64_t recordCount() const noexcept { return header_.recordCount(); }
 
     // The next record, from the oldest on; nothing after the last, or at damage.
@@ -60,8 +60,8 @@ private:
     std::string damage_;
     uint64_t magic_ = 0;
     uint8_t selector_ = 0;
-    CircularQueueHeader<uint64_t> header_;
-    CircularQueueHeader<uint64_t> walk_;
+    CircularQueueHeader header_;
+    CircularQueueHeader walk_;
     uint64_t index_ = 0;
 };
 

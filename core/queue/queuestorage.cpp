@@ -16,50 +16,51 @@ constexpr size_t kOneWriteLimit = 65536;
 
 }  // namespace
 
-QueueFile::QueueFile(Path path, uint64_t maximumSize, platform::RandomAccessFileOpener opener)
+QueueStorage::QueueStorage(Path path, uint64_t maximumSize, platform::RandomAccessFileOpener opener)
     : path_(std::move(path)), opener_(std::move(opener)), maximumSize_(maximumSize) {
     openOrCreate();
 }
 
-QueueFile::~QueueFile() = default;
+QueueStorage::~QueueStorage() = default;
 
-void QueueFile::openOrCreate() {
+void QueueStorage::openOrCreate() {
     if (!path_.exists()) {
         createFile();
     } else if (!validateExistingFile()) {
         Filesystem::remove(path_);
         createFile();
     }
-    readHeader(header_);
+    if (!readHeader(header_)) failRead(0, 0);
+    committed_ = true;
 }
 
-void QueueFile::openFile(bool create) {
+void QueueStorage::openFile(bool create) {
     VELMORA_LOG(trace, "fq") << "Opening file path=" << path_.string();
-    close();
     file_ = opener_(path_.native(), create);
     if (!file_ && create) {
         VELMORA_LOG(error, "fq") << "failed to create a new file at path=" << path_.string();
         throw FQException(FQError::file_open_failed, "creation-failed");
     }
     if (!file_ || !file_->size(fileSize_)) {
-        close();
+        file_.reset();
         VELMORA_LOG(error, "fq") << "failed to open file at path=" << path_.string();
         throw FQException(FQError::file_open_failed, "open-failed");
     }
-    failed_ = false;
 }
 
-bool QueueFile::validateExistingFile() {
+// A file that can't be read is not one that is damaged.
+bool QueueStorage::validateExistingFile() {
     openFile(false);
     VELMORA_LOG(trace, "fq") << "Validating existing file path=" << path_.string();
     if (fileSize_ < kQueueHeaderSize) {
-        close();
+        file_.reset();
         VELMORA_LOG(warn, "fq") << "Invalid filesize: size=" << fileSize_ << " path=" << path_.string();
         return false;
     }
     uint64_t magic = 0;
-    if (!read(kQueueMagicPosition, &magic, sizeof magic) || magic != kQueueMagic) {
-        close();
+    if (!file_->read(kQueueMagicPosition, &magic, sizeof magic)) failRead(sizeof magic, kQueueMagicPosition);
+    if (magic != kQueueMagic) {
+        file_.reset();
         VELMORA_LOG(warn, "fq") << "Invalid magic=" << magic << " path=" << path_.string();
         return false;
     }
@@ -67,91 +68,92 @@ bool QueueFile::validateExistingFile() {
 }
 
 // The magic goes last: a file whose creation was interrupted is not valid, and is replaced.
-void QueueFile::createFile() {
+void QueueStorage::createFile() {
     openFile(true);
     selector_ = 0;
-    resize(std::max(maximumSize_, kQueueHeaderSize) - kQueueHeaderSize);
-    header_ = emptyQueueHeader(fileSize_ - kQueueHeaderSize);
-    if (writeHeader(header_)) writeMagic();
+    try {
+        resize(std::max(maximumSize_, kQueueHeaderSize) - kQueueHeaderSize);
+        header_ = emptyQueueHeader(fileSize_ - kQueueHeaderSize);
+        if (!writeHeader(header_) || !writeMagic()) throw FQException(FQError::file_corrupt, "write-failed");
+    } catch (...) {
+        file_.reset();
+        throw;
+    }
 }
 
-void QueueFile::close() noexcept {
-    file_.reset();
-    failed_ = true;
-}
-
-void QueueFile::reopen() {
-    openFile(false);
-    if (!readHeader(header_)) throw FQException(FQError::file_corrupt, "read-failed");
-}
-
-void QueueFile::recreate() {
+void QueueStorage::recreate() {
     remove();
     createFile();
-    readHeader(header_);
 }
 
-void QueueFile::remove() {
-    close();
+void QueueStorage::remove() {
+    file_.reset();
     header_ = emptyQueueHeader(std::max(maximumSize_, kQueueHeaderSize) - kQueueHeaderSize);
     Filesystem::remove(path_);
 }
 
-void QueueFile::resize(uint64_t dataSize) {
+void QueueStorage::resize(uint64_t dataSize) {
     const uint64_t target = dataSize + kQueueHeaderSize;
     if (maximumSize_ > kUnlimited && target > maximumSize_) {
         throw FQException(FQError::file_limit_exceeded, "max-size-limit-exceeded");
     }
     if (target == fileSize_) return;
     VELMORA_LOG(trace, "fq") << "Resizing file from " << fileSize_ << " to " << target;
-    close();
-    const uint64_t previous = fileSize_;
-    const bool resized = Filesystem::resizeFile(path_, target);
-    openFile(false);
-    if (resized && fileSize_ == target && file_->reserve(target)) return;
-    close();
-    if (!Filesystem::resizeFile(path_, previous)) VELMORA_LOG(warn, "fq") << "can't shrink path=" << path_.string();
-    throw FQException(FQError::file_corrupt, "write-failed");
+    if (!file_ || !file_->resize(target)) throw FQException(FQError::file_corrupt, "write-failed");
+    fileSize_ = target;
 }
 
-bool QueueFile::readHeader(Header& header) {
+bool QueueStorage::readHeader(Header& header) {
     uint8_t selector = 0;
-    if (!read(kQueueSelectorPosition, &selector, sizeof selector)) return false;
+    if (!file_->read(kQueueSelectorPosition, &selector, sizeof selector)) return false;
     Header slot;
-    if (!read(queueSlotPosition(selector), &slot, sizeof slot)) return false;
+    if (!file_->read(queueSlotPosition(selector), &slot, sizeof slot)) return false;
     selector_ = selector & 1U;
     header = slot;
     return true;
 }
 
-bool QueueFile::writeHeader(const Header& header) {
+bool QueueStorage::writeHeader(const Header& header) {
     const uint8_t next = selector_ ^ 1U;
-    if (!write(queueSlotPosition(next), &header, sizeof header)) return false;
-    if (!write(kQueueSelectorPosition, &next, sizeof next)) return false;
+    committed_ = false;
+    if (!file_ || !file_->write(queueSlotPosition(next), &header, sizeof header)) return false;
+    if (!file_->write(kQueueSelectorPosition, &next, sizeof next)) return false;
     selector_ = next;
+    committed_ = true;
     return true;
 }
 
-bool QueueFile::writeMagic() { return write(kQueueMagicPosition, &kQueueMagic, sizeof kQueueMagic); }
+bool QueueStorage::writeMagic() { return file_->write(kQueueMagicPosition, &kQueueMagic, sizeof kQueueMagic); }
 
-void QueueFile::pushBytes(std::string_view bytes) {
-    const uint64_t recordSize = bytes.size() + kQueueLengthSize;
-    if (bytes.size() > std::numeric_limits<QueueRecordLength>::max()) {
+bool QueueStorage::pushRecord(std::string_view record) {
+    const uint64_t recordSize = record.size() + kQueueLengthSize;
+    if (record.size() > std::numeric_limits<QueueRecordLength>::max()) {
         throw FQException(FQError::file_limit_exceeded, "max-size-limit-exceeded");
     }
-    writeData(bytes, makeRoom(recordSize));
+    if (!file_) createFile();
+    const uint64_t offset = makeRoom(recordSize);
+    const bool isWritable = committed_ || writeHeader(header_);
+    if (!isWritable || !writeData(record, offset)) failWrite(record.size(), offset);
+    const Header before = header_;
     advanceAfterPush(header_, recordSize);
-    writeHeader(header_);
+    if (writeHeader(header_)) return true;
+    header_ = before;
+    // Whether the selector has reached the file is not known; it has to name the slot that the record is not in.
+    if (file_) static_cast<void>(file_->write(kQueueSelectorPosition, &selector_, sizeof selector_));
+    return false;
 }
 
 // A ring without room never holds the record up: that one and all later ones go behind the ring until it has drained,
-// which keeps their order.
-uint64_t QueueFile::makeRoom(uint64_t recordSize) {
+// which keeps their order. A queue without records starts over.
+uint64_t QueueStorage::makeRoom(uint64_t recordSize) {
     if (const auto offset = placeInRing(header_, recordSize)) return *offset;
+    const uint64_t dataSize = fileSize_ - kQueueHeaderSize;
+    if (maximumSize_ > kUnlimited && header_.recordCount() == 0 && recordSize <= dataSize) {
+        header_ = emptyQueueHeader(dataSize);
+        return 0;
+    }
     if (recordSize > header_.capacity - header_.overflowWriteOffset) {
-        if (header_.capacity > fileSize_ - kQueueHeaderSize) {
-            failWrite(recordSize - kQueueLengthSize, header_.overflowWriteOffset);
-        }
+        if (header_.capacity > dataSize) failWrite(recordSize - kQueueLengthSize, header_.overflowWriteOffset);
         const uint64_t capacity = header_.capacity + std::max(recordSize, kQueueMinimumGrowth);
         resize(capacity);
         header_.capacity = capacity;
@@ -159,52 +161,47 @@ uint64_t QueueFile::makeRoom(uint64_t recordSize) {
     return header_.overflowWriteOffset;
 }
 
-void QueueFile::failWrite(uint64_t length, uint64_t offset) {
-    failed_ = true;
-    VELMORA_LOG_AT(error, "fq", "velmora::QueueFile::writeData")
+void QueueStorage::failWrite(uint64_t length, uint64_t offset) {
+    VELMORA_LOG_AT(error, "fq", "velmora::QueueStorage::writeData")
         << "Failed to write data of len=" << length << " at offset=" << offset;
     throw FQException(FQError::file_corrupt, "write-failed");
 }
 
-void QueueFile::failRead(uint64_t length, uint64_t offset) {
-    failed_ = true;
-    VELMORA_LOG_AT(error, "fq", "velmora::QueueFile::readData")
+void QueueStorage::failRead(uint64_t length, uint64_t offset) {
+    VELMORA_LOG_AT(error, "fq", "velmora::QueueStorage::readData")
         << "Failed to read data of len=" << length << " at offset=" << offset;
     throw FQException(FQError::file_corrupt, "read-failed");
 }
 
-void QueueFile::writeData(std::string_view bytes, uint64_t offset) {
-    if (!writeRecord(bytes, offset)) failWrite(bytes.size(), offset);
-}
-
-bool QueueFile::writeRecord(std::string_view bytes, uint64_t offset) {
+bool QueueStorage::writeData(std::string_view bytes, uint64_t offset) {
     const auto length = static_cast<QueueRecordLength>(bytes.size());
     const uint64_t dataSize = fileSize_ - kQueueHeaderSize;
     if (offset > dataSize || kQueueLengthSize + length > dataSize - offset) return false;  // out of a damaged header
     const uint64_t position = kQueueHeaderSize + offset;
     if (bytes.size() > kOneWriteLimit) {
-        return write(position, &length, sizeof length) && write(position + sizeof length, bytes.data(), bytes.size());
+        return file_->write(position, &length, sizeof length) &&
+               file_->write(position + sizeof length, bytes.data(), bytes.size());
     }
     scratch_.assign(reinterpret_cast<const char*>(&length), sizeof length);
     scratch_.append(bytes);
-    return write(position, scratch_.data(), scratch_.size());
+    return file_->write(position, scratch_.data(), scratch_.size());
 }
 
-void QueueFile::readRecords(Header header, uint64_t count, const std::function<void(std::string&&)>& sink) {
+void QueueStorage::peekRecords(Header header, uint64_t count, std::vector<std::string>& out) {
     if (count == 0) return;
-    if (failed_) failRead(0, header.readOffset);
+    if (!file_) failRead(0, header.readOffset);
     ReadAhead ahead(*file_, fileSize_);
     for (uint64_t i = 0; i < count; ++i) {
         std::string buffer;
         QueueRecordLength length = 0;
         readData(buffer, length, header.readOffset, ahead);
-        sink(std::move(buffer));
+        out.push_back(std::move(buffer));
         advanceAfterPop(header, length + kQueueLengthSize);
     }
 }
 
 // The length is held against the file before anything is allocated for it.
-void QueueFile::readData(std::string& buffer, QueueRecordLength& length, uint64_t offset, ReadAhead& ahead) {
+void QueueStorage::readData(std::string& buffer, QueueRecordLength& length, uint64_t offset, ReadAhead& ahead) {
     const uint64_t position = kQueueHeaderSize + offset;
     if (offset < fileSize_ && ahead.read(position, &length, sizeof length) &&
         ahead.contains(position + sizeof length, length)) {
@@ -214,32 +211,24 @@ void QueueFile::readData(std::string& buffer, QueueRecordLength& length, uint64_
     failRead(length, offset);
 }
 
-uint64_t QueueFile::popRecords(uint64_t count) {
+uint64_t QueueStorage::popRecords(uint64_t count) {
+    std::vector<QueueRecordLength> lengths;
     Header header = header_;
-    const uint64_t held = std::min(count, header.recordCount());
-    for (uint64_t i = 0; i < held; ++i) {
-        advanceAfterPop(header, readLength(header.readOffset) + kQueueLengthSize);
+    for (uint64_t left = std::min(count, header.recordCount()); left > 0; --left) {
+        QueueRecordLength& length = lengths.emplace_back();
+        const bool isInside = file_ && header.readOffset < fileSize_;
+        if (!isInside || !file_->read(kQueueHeaderSize + header.readOffset, &length, sizeof length)) {
+            failRead(0, header.readOffset);
+        }
+        advanceAfterPop(header, length + kQueueLengthSize);
     }
-    header_ = header;
-    writeHeader(header_);
-    return held;
+    popRecords(lengths);
+    return lengths.size();
 }
 
-// 0 for what can't be read.
-QueueRecordLength QueueFile::readLength(uint64_t offset) {
-    QueueRecordLength length = 0;
-    if (offset >= fileSize_ || !read(kQueueHeaderSize + offset, &length, sizeof length)) return 0;
-    return length;
-}
-
-bool QueueFile::read(uint64_t position, void* buffer, size_t size) noexcept {
-    if (failed_ || !file_->read(position, buffer, size)) failed_ = true;
-    return !failed_;
-}
-
-bool QueueFile::write(uint64_t position, const void* data, size_t size) noexcept {
-    if (failed_ || !file_->write(position, data, size)) failed_ = true;
-    return !failed_;
+void QueueStorage::popRecords(std::span<const QueueRecordLength> lengths) {
+    for (const QueueRecordLength length : lengths) advanceAfterPop(header_, length + kQueueLengthSize);
+    if (!lengths.empty()) writeHeader(header_);
 }
 
 }  // namespace velmora

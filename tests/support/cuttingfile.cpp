@@ -10,8 +10,7 @@ struct CuttingFiles::Plan {
     uint64_t failures = 0;
     bool half = false;
     bool hit = false;
-    uint64_t pretendedSize = 0;
-    bool reservationsRefused = false;
+    bool growthRefused = false;
     uint64_t writes = 0;
     uint64_t reads = 0;
 
@@ -54,13 +53,9 @@ public:
         return !half || real_->write(offset, data, size / 2);
     }
 
-    bool reserve(uint64_t bytes) noexcept override { return !plan_->reservationsRefused && real_->reserve(bytes); }
+    bool resize(uint64_t bytes) noexcept override { return !plan_->growthRefused && real_->resize(bytes); }
 
-    bool size(uint64_t& bytes) noexcept override {
-        if (!real_->size(bytes)) return false;
-        if (plan_->pretendedSize != 0) bytes = plan_->pretendedSize;
-        return true;
-    }
+    bool size(uint64_t& bytes) noexcept override { return real_->size(bytes); }
 
 private:
     const std::unique_ptr<platform::RandomAccessFile> real_;
@@ -91,9 +86,7 @@ void CuttingFiles::failWritesAfter(uint64_t writes, uint64_t failures) {
     plan_->arm(Plan::Fault::writeFailure, writes, failures);
 }
 
-void CuttingFiles::pretendSize(uint64_t bytes) { plan_->pretendedSize = bytes; }
-
-void CuttingFiles::refuseReservations(bool refuse) { plan_->reservationsRefused = refuse; }
+void CuttingFiles::refuseGrowth(bool refuse) { plan_->growthRefused = refuse; }
 
 bool CuttingFiles::wasHit() const { return plan_->hit; }
 uint64_t CuttingFiles::writes() const { return plan_->writes; }

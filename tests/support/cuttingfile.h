@@ -24,11 +24,8 @@ public:
     void failAfter(uint64_t operations, uint64_t failures);
     void failWritesAfter(uint64_t writes, uint64_t failures);
 
-    // The disk is full: files report this size, whatever was asked of them. 0 ends it.
-    void pretendSize(uint64_t bytes);
-
-    // The disk is full, and tells so when room is asked for.
-    void refuseReservations(bool refuse);
+    // The disk is full: no file gets a new size.
+    void refuseGrowth(bool refuse);
 
     [[nodiscard]] bool wasHit() const;  // whether the chosen operation has come
     [[nodiscard]] uint64_t writes() const;

@@ -11,7 +11,7 @@
 
 #include "core/filesystem/filesystem.h"
 #include "ingest/event/eventmodel.h"
-#include "ingest/event/store/partname.h"
+#include "ingest/event/store/partfilequeue.h"
 #include "tools/velmora/recordview.h"
 
 namespace velmora::tool {

@@ -34,7 +34,7 @@ struct Inspected {
     uint64_t events = 0;                                      // that can be read
     bool hasHeader = false;                                   // a queue file with the magic; then also:
     uint8_t selector = 0;
-    CircularQueueHeader<uint64_t> header;
+    CircularQueueHeader header;
     std::vector<InspectedRecord> records;
     std::vector<std::string> damage;  // of this very thing, not of its children
     std::vector<std::string> notes;

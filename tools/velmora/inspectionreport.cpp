@@ -67,7 +67,7 @@ const char* nameOf(RecordForm form) {
 
 const char* nameOf(QueueReader::Region region) { return region == QueueReader::Region::ring ? "ring" : "overflow"; }
 
-std::array<std::pair<const char*, uint64_t>, 8> fieldsOf(const CircularQueueHeader<uint64_t>& header) {
+std::array<std::pair<const char*, uint64_t>, 8> fieldsOf(const CircularQueueHeader& header) {
     return {{{"headCount", header.headCount},
              {"ringCount", header.ringCount},
              {"overflowCount", header.overflowCount},

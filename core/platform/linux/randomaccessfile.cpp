@@ -32,12 +32,16 @@ public:
         });
     }
 
-    bool reserve(uint64_t bytes) noexcept override {
+    bool resize(uint64_t bytes) noexcept override {
+        uint64_t previous = 0;
+        if (!size(previous) || !truncate(bytes)) return false;
         int failed = -1;
         do {
             failed = ::fallocate(descriptor_, 0, 0, static_cast<off_t>(bytes));
         } while (failed != 0 && errno == EINTR);
-        return failed == 0 || errno == EOPNOTSUPP || errno == ENOSYS;
+        if (failed == 0 || errno == EOPNOTSUPP || errno == ENOSYS) return true;
+        static_cast<void>(truncate(previous));
+        return false;
     }
 
     bool size(uint64_t& bytes) noexcept override {
@@ -48,6 +52,14 @@ public:
     }
 
 private:
+    bool truncate(uint64_t bytes) const noexcept {
+        int failed = -1;
+        do {
+            failed = ::ftruncate(descriptor_, static_cast<off_t>(bytes));
+        } while (failed != 0 && errno == EINTR);
+        return failed == 0;
+    }
+
     // A transfer may be short, at a signal for example; one that moves nothing is the end of the file.
     template <typename Step>
     static bool transfer(size_t size, Step step) noexcept {

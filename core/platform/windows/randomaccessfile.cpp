@@ -32,7 +32,11 @@ public:
     }
 
     // The end of a file is not moved without room for what is before it.
-    bool reserve(uint64_t) noexcept override { return true; }
+    bool resize(uint64_t bytes) noexcept override {
+        FILE_END_OF_FILE_INFO end{};
+        end.EndOfFile.QuadPart = static_cast<LONGLONG>(bytes);
+        return ::SetFileInformationByHandle(handle_, FileEndOfFileInfo, &end, sizeof end) != FALSE;
+    }
 
     bool size(uint64_t& bytes) noexcept override {
         LARGE_INTEGER value{};

@@ -2,6 +2,7 @@
 
 #include <algorithm>
 #include <exception>
+#include <span>
 #include <utility>
 
 #include "core/filesystem/filesystem.h"
@@ -105,14 +106,15 @@ Queue::Batch EventStore::peek(uint64_t count) {
 }
 
 uint64_t EventStore::pop(const Batch& batch, uint64_t count) {
-    if (batch.count_ == 0) return 0;
+    if (batch.lengths_.empty()) return 0;
     const MutexLock lock(mutex_);
     const auto part = batch.part_.lock();
     if (!part || part != readPart_ || readPart_->gone() != batch.first_) {
         VELMORA_LOG(info, "event.store") << "ignore pop=" << count << " name=" << name_;
         return 0;
     }
-    const uint64_t popped = readPart_->pop(std::min(count, batch.count_));
+    const uint64_t popped = std::min<uint64_t>(count, batch.lengths_.size());
+    readPart_->pop(std::span(batch.lengths_).first(static_cast<size_t>(popped)));
     balance_ -= popped;
     try {
         advanceReadPart();
@@ -142,15 +144,10 @@ void EventStore::loadEventStoreIfPresent() {
 }
 
 bool EventStore::openManifest(bool create) {
-    if (manifest_) {
-        if (manifest_->hasFailed()) manifest_->reopen();
-        return true;
-    }
+    if (manifest_) return true;
     if (!create && !manifestPath().exists()) return false;
     if (!folder_.exists()) Filesystem::createDirectories(folder_);
-    auto manifest = std::make_unique<QueueStorage<PartName>>(manifestPath(), QueueFile::kUnlimited, opener_);
-    if (manifest->hasFailed()) throw writeFailed();
-    manifest_ = std::move(manifest);
+    manifest_ = std::make_unique<QueueStorage>(manifestPath(), QueueStorage::kUnlimited, opener_);
     if (create) {
         VELMORA_LOG(info, "event.store") << "Created eventstore: num_files=" << manifest_->recordCount()
                                          << " name=" << name_;
@@ -159,7 +156,8 @@ bool EventStore::openManifest(bool create) {
 }
 
 void EventStore::truncateIfTooManyFiles() {
-    const uint64_t limit = folderSizeLimit_ * kFilesPerRotation / std::max<uint64_t>(fileRotationSize_, 1);
+    const uint64_t size = std::min(folderSizeLimit_, ~uint64_t{0} / kFilesPerRotation);
+    const uint64_t limit = size * kFilesPerRotation / std::max<uint64_t>(fileRotationSize_, 1);
     if (manifest_->recordCount() <= limit) return;
     VELMORA_LOG(warn, "event.store") << "too many files: num_files=" << manifest_->recordCount()
                                      << " max_num_files=" << limit;
@@ -172,7 +170,7 @@ void EventStore::truncateIfTooManyFiles() {
 // From the front on, up to the first name that can't be read or can't be one. A manifest without names beside part
 // files has been begun anew in place of a damaged one.
 std::vector<PartName> EventStore::readManifest() {
-    std::vector<PartName> listed;
+    std::vector<std::string> listed;
     bool damaged = false;
     try {
         manifest_->peekRecords(manifest_->header(), manifest_->recordCount(), listed);
@@ -180,9 +178,10 @@ std::vector<PartName> EventStore::readManifest() {
         damaged = true;
     }
     std::vector<PartName> names;
-    for (const PartName& name : listed) {
+    for (std::string& text : listed) {
+        PartName name(std::move(text));
         if (!name.isPlain() || name.string() == kManifestName || isAmong(names, name)) break;
-        names.push_back(name);
+        names.push_back(std::move(name));
     }
     damaged = damaged || names.size() < listed.size() || (names.empty() && holdsPartFiles());
     if (damaged) keepOnly(names);
@@ -202,51 +201,32 @@ bool EventStore::holdsPartFiles() {
 void EventStore::keepOnly(const std::vector<PartName>& names) {
     VELMORA_LOG(warn, "event.store") << "manifest is damaged: keeping num_files=" << names.size() << " name=" << name_;
     manifest_->recreate();
-    for (const PartName& name : names) manifest_->pushRecord(name);
+    for (const PartName& name : names) {
+        if (!manifest_->pushRecord(name.string())) throw writeFailed();
+    }
     Filesystem::listDirectory(folder_, [&](const std::string& child) {
         if (child != kManifestName && !isAmong(names, PartName(child))) Filesystem::removeAll(folder_ / child);
         return true;
     });
 }
 
-// A second failure after the part has been begun anew is the caller's to know.
+// A part that has failed keeps its events and takes no more; one without events is tried again by the next push.
 void EventStore::tryPush(std::string_view event) {
-    for (bool renewed = false;;) {
+    if (event.size() + kQueueLengthSize > fileRotationSize_) {
+        throw std::system_error(make_error_code(VelmoraError::event_too_big));
+    }
+    for (;;) {
         ensureWritePart();
-        try {
-            writePart_->push(event);
-            return;
-        } catch (const FQException& e) {
-            if (e.code() == FQError::file_limit_exceeded) {
-                renewed = makeRoomFor(event, renewed);
-            } else if (e.code() == FQError::file_corrupt && !renewed) {
-                const uint64_t lost = giveUp(*writePart_);
-                VELMORA_LOG(warn, "event.store") << "push failed: truncating fq with num_events=" << lost;
-                renewed = true;
-            } else {
-                throw;
-            }
-        }
-    }
-}
-
-// After a part has refused the event: leaves it for a new one, or empties it of the traces of earlier events. True if
-// it has been begun anew.
-bool EventStore::makeRoomFor(std::string_view event, bool renewed) {
-    if (writePart_->size() > 0) {
+        if (writePart_->push(event)) return;
+        if (writePart_->size() == 0) throw writeFailed();
         writePart_.reset();
-        return renewed;
     }
-    const bool fitsFreshPart = event.size() + kQueueLengthSize <= fileRotationSize_;
-    if (renewed || !fitsFreshPart) throw std::system_error(make_error_code(VelmoraError::event_too_big));
-    giveUp(*writePart_);
-    return true;
 }
 
-// Takes the part's events out of the count, also if there is no new file then.
+// Takes the part's events out of the count, even if there is no new file then.
 uint64_t EventStore::giveUp(PartFileQueue& part) {
     const uint64_t lost = part.size();
-    const ScopeExit forget([&] { balance_ -= lost; });
+    balance_ -= lost;
     part.truncate();
     return lost;
 }
@@ -265,8 +245,7 @@ void EventStore::ensureWritePart() {
 // A part that the manifest does not surely list must not take events: nobody would find them.
 void EventStore::nameNewPart() {
     PartName name(makeGuid());
-    manifest_->pushRecord(name);
-    if (manifest_->hasFailed()) throw writeFailed();
+    if (!manifest_->pushRecord(name.string())) throw writeFailed();
     pendingPart_ = std::move(name);
 }
 
@@ -280,7 +259,9 @@ Queue::Batch EventStore::tryPeek(uint64_t count) {
             readPart_->peek(available, batch.records);
             batch.part_ = readPart_;
             batch.first_ = readPart_->gone();
-            batch.count_ = available;
+            for (const std::string& event : batch.records) {
+                batch.lengths_.push_back(static_cast<QueueRecordLength>(event.size()));
+            }
             return batch;
         } catch (const FQException& e) {
             if (e.code() != FQError::file_corrupt) throw;
@@ -315,14 +296,13 @@ void EventStore::dropReadPart() {
     readPart_->remove();
     readPart_.reset();
     manifest_->popRecords(1);
-    if (manifest_->hasFailed()) throw writeFailed();
 }
 
 std::optional<PartName> EventStore::frontName() {
     if (!openManifest(false) || manifest_->recordCount() == 0) return std::nullopt;
-    std::vector<PartName> names;
+    std::vector<std::string> names;
     manifest_->peekRecords(manifest_->header(), 1, names);
-    return std::move(names.front());
+    return PartName(std::move(names.front()));
 }
 
 // One object per file, whatever its roles.

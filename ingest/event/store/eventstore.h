@@ -20,7 +20,6 @@
 #include "core/queue/queuestorage.h"
 #include "core/types/mutex.h"
 #include "ingest/event/store/partfilequeue.h"
-#include "ingest/event/store/partname.h"
 #include "ingest/event/store/queue.h"
 
 namespace velmora {
@@ -57,7 +56,6 @@ private:
     void tryPush(std::string_view event) VELMORA_REQUIRES(mutex_);
     void ensureWritePart() VELMORA_REQUIRES(mutex_);
     void nameNewPart() VELMORA_REQUIRES(mutex_);
-    bool makeRoomFor(std::string_view event, bool renewed) VELMORA_REQUIRES(mutex_);
 
     Batch tryPeek(uint64_t count) VELMORA_REQUIRES(mutex_);
     uint64_t advanceReadPart() VELMORA_REQUIRES(mutex_);
@@ -83,7 +81,7 @@ private:
     const uint64_t folderSizeLimit_;
     const uint64_t retentionPeriod_;
     const platform::RandomAccessFileOpener opener_;
-    std::unique_ptr<QueueStorage<PartName>> manifest_ VELMORA_GUARDED_BY(mutex_);
+    std::unique_ptr<QueueStorage> manifest_ VELMORA_GUARDED_BY(mutex_);
     Part writePart_ VELMORA_GUARDED_BY(mutex_);
     Part readPart_ VELMORA_GUARDED_BY(mutex_);
     // At the manifest's back, but its file could not be created yet: the next push tries again.

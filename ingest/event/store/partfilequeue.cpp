@@ -2,6 +2,7 @@
 
 #include <utility>
 
+#include "core/types/errors.h"
 #include "core/types/logger.h"
 
 namespace velmora {
@@ -9,10 +10,20 @@ namespace velmora {
 PartFileQueue::PartFileQueue(const Path& path, uint64_t rotationSize, platform::RandomAccessFileOpener opener)
     : storage_(path, rotationSize + kQueueHeaderSize, std::move(opener)) {}
 
-uint64_t PartFileQueue::pop(uint64_t count) {
-    const uint64_t popped = storage_.popRecords(count);
-    gone_ += popped;
-    return popped;
+bool PartFileQueue::push(std::string_view event) {
+    try {
+        if (storage_.pushRecord(event)) return true;
+    } catch (const FQException& e) {
+        if (e.code() == FQError::file_limit_exceeded) return false;
+        if (e.code() != FQError::file_corrupt) throw;
+    }
+    VELMORA_LOG(warn, "event.store") << "push failed: num_events=" << size() << " stay in path=" << path().string();
+    return false;
+}
+
+void PartFileQueue::pop(std::span<const QueueRecordLength> lengths) {
+    storage_.popRecords(lengths);
+    gone_ += lengths.size();
 }
 
 void PartFileQueue::truncate() {

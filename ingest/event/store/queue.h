@@ -23,7 +23,7 @@ public:
         friend class EventStore;
         std::weak_ptr<const void> part_;
         uint64_t first_ = 0;  // records that had left the part before
-        uint64_t count_ = 0;
+        std::vector<uint32_t> lengths_;
     };
 
     virtual ~Queue() = default;

@@ -62,21 +62,6 @@ TEST_F(FilesystemTest, ListsNothingOfAMissingFolder) {
     EXPECT_TRUE(Filesystem::listDirectory(missing, never));
 }
 
-TEST_F(FilesystemTest, ResizesRegularFilesOnly) {
-    const Path file = folder_ / "file";
-    const char* const warning = "source for resizeFile should exist and should be a file";
-    EXPECT_FALSE(Filesystem::resizeFile(file, 1));
-    EXPECT_FALSE(Filesystem::resizeFile(folder_, 1));
-    EXPECT_EQ(log_.count(warning), 2U);
-    EXPECT_TRUE(log_.has(LogLevel::warn, "fs", warning));
-    write(file, "12345");
-    EXPECT_TRUE(Filesystem::resizeFile(file, 7));
-    EXPECT_EQ(test::readFile(file.native()), std::string("12345\0\0", 7));
-    EXPECT_TRUE(Filesystem::resizeFile(file, 2));
-    EXPECT_EQ(test::readFile(file.native()), "12");
-    EXPECT_FALSE(Filesystem::resizeFile(file, uint64_t{1} << 62)) << "more than any volume holds";
-}
-
 TEST_F(FilesystemTest, RemovesFilesFoldersAndTrees) {
     const Path tree = folder_ / "tree";
     Filesystem::createDirectories(tree / "sub");

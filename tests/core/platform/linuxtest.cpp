@@ -315,17 +315,18 @@ TEST(Cipher, WorksWhateverProvidersTheHostHasLoaded) {
     OSSL_PROVIDER_unload(provider);
 }
 
-TEST(RandomAccessFile, ReservesBlocksForWhatIsOnlyALength) {
+TEST(RandomAccessFile, GrowsWithBlocksOrNotAtAll) {
     const test::TempFolder folder;
     constexpr uint64_t kSize = 1000000;
-    const auto file = openSystemFile(folder / "sparse", true);
-    ASSERT_EQ(::truncate((folder / "sparse").c_str(), kSize), 0);
-    EXPECT_TRUE(file->reserve(kSize));
+    const auto file = openSystemFile(folder / "file", true);
+    ASSERT_TRUE(file->resize(kSize));
     struct stat status {};
-    ASSERT_EQ(::stat((folder / "sparse").c_str(), &status), 0);
+    ASSERT_EQ(::stat((folder / "file").c_str(), &status), 0);
     EXPECT_EQ(static_cast<uint64_t>(status.st_size), kSize);
     EXPECT_GE(static_cast<uint64_t>(status.st_blocks) * 512, kSize);
-    EXPECT_FALSE(file->reserve(uint64_t{1} << 62)) << "more than any disk has";
+    EXPECT_FALSE(file->resize(uint64_t{1} << 62)) << "more than any disk has";
+    ASSERT_EQ(::stat((folder / "file").c_str(), &status), 0);
+    EXPECT_EQ(static_cast<uint64_t>(status.st_size), kSize);
 }
 
 TEST(KernelMask, HoldsTheHighestWordFirst) {

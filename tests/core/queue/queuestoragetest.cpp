@@ -1,5 +1,4 @@
 #include "core/queue/queuestorage.h"
-#include "ingest/event/store/partname.h"
 
 #include <gtest/gtest.h>
 
@@ -17,10 +16,10 @@ namespace velmora {
 namespace {
 
 using test::TempFolder;
-using Header = QueueFile::Header;
+using Header = QueueStorage::Header;
 using Records = std::vector<std::string>;
 
-Records peek(QueueStorage<std::string>& queue, uint64_t count) {
+Records peek(QueueStorage& queue, uint64_t count) {
     Records out;
     queue.peekRecords(queue.header(), count, out);
     return out;
@@ -41,7 +40,7 @@ struct Step {
 
 void expectSteps(uint64_t maximumSize, std::initializer_list<Step> steps) {
     const TempFolder folder;
-    QueueStorage<std::string> queue(folder / "queue", maximumSize, platform::openSystemFile);
+    QueueStorage queue(folder / "queue", maximumSize, platform::openSystemFile);
     std::deque<std::string> model;
     for (const Step& step : steps) {
         SCOPED_TRACE(step.what);
@@ -51,7 +50,7 @@ void expectSteps(uint64_t maximumSize, std::initializer_list<Step> steps) {
             model.pop_front();
         } else {
             model.emplace_back(step.push, static_cast<char>('a' + model.size()));
-            queue.pushRecord(model.back());
+            EXPECT_TRUE(queue.pushRecord(model.back()));
         }
         const std::string bytes = test::readFile(folder / "queue");
         EXPECT_EQ(queue.header(), step.after);
@@ -62,21 +61,21 @@ void expectSteps(uint64_t maximumSize, std::initializer_list<Step> steps) {
 }
 
 TEST(QueueStorageSteps, UnlimitedFileGrowsByOverflowAndPromotesIt) {
-    expectSteps(QueueFile::kUnlimited, {
-                                           {"first grows and is promoted", 36, {1, 1, 0, 0, 40, 80, 80, 80}},
-                                           {"second fills the ring", 36, {2, 2, 0, 0, 80, 80, 80, 80}},
-                                           {"third goes behind it", 36, {2, 2, 1, 0, 0, 80, 120, 160}},
-                                           {"fourth has room there", 36, {2, 2, 2, 0, 0, 80, 160, 160}},
-                                           {"fifth grows again", 36, {2, 2, 3, 0, 0, 80, 200, 240}},
-                                           {"pop leaves one in the ring", 0, {1, 1, 3, 40, 0, 80, 200, 240}},
-                                           {"the ring's last promotes", 0, {3, 3, 0, 80, 200, 240, 240, 240}},
-                                           {"there is room up to the end", 36, {4, 4, 0, 80, 240, 240, 240, 240}},
-                                           {"and from the start", 36, {4, 5, 0, 80, 40, 240, 240, 240}},
-                                       });
+    expectSteps(QueueStorage::kUnlimited, {
+                                              {"first grows and is promoted", 36, {1, 1, 0, 0, 40, 80, 80, 80}},
+                                              {"second fills the ring", 36, {2, 2, 0, 0, 80, 80, 80, 80}},
+                                              {"third goes behind it", 36, {2, 2, 1, 0, 0, 80, 120, 160}},
+                                              {"fourth has room there", 36, {2, 2, 2, 0, 0, 80, 160, 160}},
+                                              {"fifth grows again", 36, {2, 2, 3, 0, 0, 80, 200, 240}},
+                                              {"pop leaves one in the ring", 0, {1, 1, 3, 40, 0, 80, 200, 240}},
+                                              {"the ring's last promotes", 0, {3, 3, 0, 80, 200, 240, 240, 240}},
+                                              {"there is room up to the end", 36, {4, 4, 0, 80, 240, 240, 240, 240}},
+                                              {"and from the start", 36, {4, 5, 0, 80, 40, 240, 240, 240}},
+                                          });
 }
 
 TEST(QueueStorageSteps, EmptyRingTooSmallAtBothEndsGivesWayToOverflow) {
-    expectSteps(QueueFile::kUnlimited,
+    expectSteps(QueueStorage::kUnlimited,
                 {
                     {"ring of 1000", 996, {1, 1, 0, 0, 1000, 1000, 1000, 1000}},
                     {"overflow of 1000", 996, {1, 1, 1, 0, 0, 1000, 2000, 2000}},
@@ -120,43 +119,42 @@ TEST(QueueStorage, NewFilesHaveTheirFinalSizeAndReplaceWhatIsNoQueue) {
         SCOPED_TRACE(row.what);
         const TempFolder folder;
         if (row.contents != nullptr) test::writeFile(folder / "queue", std::string(row.contents, row.size));
-        QueueStorage<std::string> queue(folder / "queue", row.maximum, platform::openSystemFile);
+        QueueStorage queue(folder / "queue", row.maximum, platform::openSystemFile);
         const std::string bytes = test::readFile(folder / "queue");
         EXPECT_EQ(bytes.size(), row.expectedSize);
         EXPECT_EQ(bytes[kQueueSelectorPosition], row.kept ? 0 : 1);
         EXPECT_EQ(queue.recordCount(), 0U);
-        EXPECT_FALSE(queue.hasFailed());
     }
 }
 
 TEST(QueueStorageFormat, WrappedPartIsReadAndReproduced) {
     const TempFolder folder;
     test::writeFile(folder / "old", test::readFile(test::dataFile("part-wrapped-v1")));
-    QueueStorage<std::string> old(folder / "old", kQueueHeaderSize + 256, platform::openSystemFile);
+    QueueStorage old(folder / "old", kQueueHeaderSize + 256, platform::openSystemFile);
     EXPECT_EQ(peek(old, 3), (Records{std::string(96, 'b'), std::string(46, 'c'), std::string(60, 'd')}));
 
-    QueueStorage<std::string> fresh(folder / "new", kQueueHeaderSize + 256, platform::openSystemFile);
-    fresh.pushRecord(std::string(96, 'a'));
-    fresh.pushRecord(std::string(96, 'b'));
+    QueueStorage fresh(folder / "new", kQueueHeaderSize + 256, platform::openSystemFile);
+    EXPECT_TRUE(fresh.pushRecord(std::string(96, 'a')));
+    EXPECT_TRUE(fresh.pushRecord(std::string(96, 'b')));
     fresh.popRecords(1);
-    fresh.pushRecord(std::string(46, 'c'));
-    fresh.pushRecord(std::string(60, 'd'));
+    EXPECT_TRUE(fresh.pushRecord(std::string(46, 'c')));
+    EXPECT_TRUE(fresh.pushRecord(std::string(60, 'd')));
     EXPECT_EQ(test::readFile(folder / "new"), test::readFile(test::dataFile("part-wrapped-v1")));
 }
 
 TEST(QueueStorageFormat, ManifestWithOverflowIsReadAndReproduced) {
     const TempFolder folder;
     test::writeFile(folder / "old", test::readFile(test::dataFile("manifest-overflow-v1")));
-    QueueStorage<PartName> old(folder / "old", QueueFile::kUnlimited, platform::openSystemFile);
-    std::vector<PartName> names;
+    QueueStorage old(folder / "old", QueueStorage::kUnlimited, platform::openSystemFile);
+    Records names;
     old.peekRecords(old.header(), old.recordCount(), names);
     ASSERT_EQ(names.size(), 5U);
 
-    QueueStorage<PartName> fresh(folder / "new", QueueFile::kUnlimited, platform::openSystemFile);
+    QueueStorage fresh(folder / "new", QueueStorage::kUnlimited, platform::openSystemFile);
     for (int i = 1; i <= 5; ++i) {
-        const PartName name("0000000" + std::to_string(i) + "-1111-4222-8333-444444444444");
+        const std::string name("0000000" + std::to_string(i) + "-1111-4222-8333-444444444444");
         EXPECT_EQ(names[static_cast<size_t>(i) - 1], name);
-        fresh.pushRecord(name);
+        EXPECT_TRUE(fresh.pushRecord(name));
     }
     EXPECT_EQ(test::readFile(folder / "new"), test::readFile(test::dataFile("manifest-overflow-v1")));
 }
@@ -167,13 +165,13 @@ TEST(QueueStorageFormat, EncipheredPartIsReadAndReproduced) {
     const Records events{R"({"data":{"event.type":"click","event.value":"\u65e5\u672c"}})", "", std::string(47, 'x')};
     const TempFolder folder;
     test::writeFile(folder / "old", test::readFile(test::dataFile("part-enciphered-v1")));
-    QueueStorage<std::string> old(folder / "old", kQueueHeaderSize + 256, platform::openSystemFile);
+    QueueStorage old(folder / "old", kQueueHeaderSize + 256, platform::openSystemFile);
     Records read = peek(old, 3);
     for (std::string& record : read) record = crypt.decrypt(record);
     EXPECT_EQ(read, events);
 
-    QueueStorage<std::string> fresh(folder / "new", kQueueHeaderSize + 256, platform::openSystemFile);
-    for (const std::string& event : events) fresh.pushRecord(crypt.encrypt(event));
+    QueueStorage fresh(folder / "new", kQueueHeaderSize + 256, platform::openSystemFile);
+    for (const std::string& event : events) EXPECT_TRUE(fresh.pushRecord(crypt.encrypt(event)));
     EXPECT_EQ(test::readFile(folder / "new"), test::readFile(test::dataFile("part-enciphered-v1")));
 }
 
@@ -189,15 +187,14 @@ void runAgainstModel(uint64_t maximumSize, uint32_t seed) {
     SCOPED_TRACE("seed " + std::to_string(seed));
     std::mt19937 random(seed);
     const TempFolder folder;
-    auto queue = std::make_unique<QueueStorage<std::string>>(folder / "queue", maximumSize, platform::openSystemFile);
+    auto queue = std::make_unique<QueueStorage>(folder / "queue", maximumSize, platform::openSystemFile);
     std::deque<std::string> model;
     for (int i = 0; i < 1500; ++i) {
         const uint64_t count = random() % 5;
         switch (random() % 8) {
             case 0:
                 queue.reset();
-                queue = std::make_unique<QueueStorage<std::string>>(folder / "queue", maximumSize,
-                                                                    platform::openSystemFile);
+                queue = std::make_unique<QueueStorage>(folder / "queue", maximumSize, platform::openSystemFile);
                 break;
             case 1:
             case 2:
@@ -208,11 +205,11 @@ void runAgainstModel(uint64_t maximumSize, uint32_t seed) {
             default: {
                 const std::string record(nextSize(random, queue->header()), static_cast<char>('a' + i % 26));
                 try {
-                    queue->pushRecord(record);
+                    EXPECT_TRUE(queue->pushRecord(record));
                     model.push_back(record);
                 } catch (const FQException& e) {
                     ASSERT_EQ(e.code(), FQError::file_limit_exceeded);
-                    ASSERT_GT(maximumSize, QueueFile::kUnlimited);
+                    ASSERT_GT(maximumSize, QueueStorage::kUnlimited);
                 }
             }
         }
@@ -225,17 +222,17 @@ TEST(QueueStorage, BehavesLikeADequeUnderRandomOperations) {
     const uint32_t seed = std::random_device{}();
     for (uint32_t i = 0; i < 6; ++i) {
         runAgainstModel(kQueueHeaderSize + 700, seed + i);
-        runAgainstModel(QueueFile::kUnlimited, seed + i);
+        runAgainstModel(QueueStorage::kUnlimited, seed + i);
     }
 }
 
 TEST(QueueStorage, ReadsRecordsAcrossReadAheadWindows) {
     const TempFolder folder;
-    QueueStorage<std::string> queue(folder / "queue", kQueueHeaderSize + 600000, platform::openSystemFile);
+    QueueStorage queue(folder / "queue", kQueueHeaderSize + 600000, platform::openSystemFile);
     Records pushed;
     for (const size_t size : {1, 65531, 2, 65532, 65536, 65537, 70000, 0, 131072, 3}) {
         pushed.emplace_back(size, static_cast<char>('a' + pushed.size()));
-        queue.pushRecord(pushed.back());
+        EXPECT_TRUE(queue.pushRecord(pushed.back()));
     }
     EXPECT_EQ(peek(queue, pushed.size()), pushed);
 }
