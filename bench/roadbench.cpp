@@ -140,7 +140,7 @@ public:
     FloorFile() : path_(fs::temp_directory_path() / fs::unique_path("velmora-bench-%%%%")) {
         file_ = platform::openSystemFile(path_, true);
         fs::resize_file(path_, kPartSize);
-        if (!file_->reserve(kPartSize)) throw std::runtime_error("no space for the floor's file");
+        if (!file_->resize(kPartSize)) throw std::runtime_error("no space for the floor's file");
     }
     ~FloorFile() {
         file_.reset();
