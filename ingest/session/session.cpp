@@ -148,7 +148,10 @@ Session::Handle Session::startIngest(const std::string& configGuid, const std::s
     const Handle handle = instances_.start(configGuid, [&](Handle name) {
         return makeIngestInstance(*this, name, configGuid, commonData, errorCallback);
     });
-    if (const auto instance = instances_.tryHold(handle)) tellFacts(**instance);  // they may have changed meanwhile
+    if (const auto instance = instances_.tryHold(handle)) {  // what changed while it was made was told to others only
+        tellFacts(**instance);
+        (*instance)->updateState();
+    }
     scheduleProfile();
     return handle;
 }

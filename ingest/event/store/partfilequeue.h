@@ -23,7 +23,7 @@ public:
 
     // Whether it can only mean a file in the manifest's own folder. A name out of a damaged manifest may not.
     [[nodiscard]] bool isPlain() const noexcept {
-        return !name_.empty() && name_.front() != '.' && std::all_of(name_.begin(), name_.end(), isNameCharacter);
+        return !name_.empty() && !name_.starts_with('.') && std::all_of(name_.begin(), name_.end(), isNameCharacter);
     }
 
     friend bool operator==(const PartName&, const PartName&) = default;
