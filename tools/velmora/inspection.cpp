@@ -119,7 +119,7 @@ Inspected lookAtManifest(const Path& path, std::vector<std::string>& names) {
         std::string name;
         if (!reader.read(record, name)) return;
         const bool isRepeated = std::find(names.begin(), names.end(), name) != names.end();
-        if (isRepeated || !PartName(name).isPlain() || name == kManifest) {
+        if (isRepeated || !PartName::isPlain(name) || name == kManifest) {
             node.damage.push_back("record " + std::to_string(record.index) + (isRepeated ? " repeats" : " can't be") +
                                   " the name of a part: " + printable(name.substr(0, 64)));
         } else if (node.damage.empty()) {

@@ -52,8 +52,8 @@ uint64_t sizeOfFiles(const Path& folder, const Path& except) {
     return sum;
 }
 
-bool isAmong(const std::vector<PartName>& names, const PartName& name) {
-    return std::find(names.begin(), names.end(), name) != names.end();
+bool isAmong(const std::vector<PartName>& names, const std::string& name) {
+    return std::any_of(names.begin(), names.end(), [&](const PartName& known) { return known.string() == name; });
 }
 
 }  // namespace
@@ -179,9 +179,8 @@ std::vector<PartName> EventStore::readManifest() {
     }
     std::vector<PartName> names;
     for (std::string& text : listed) {
-        PartName name(std::move(text));
-        if (!name.isPlain() || name.string() == kManifestName || isAmong(names, name)) break;
-        names.push_back(std::move(name));
+        if (!PartName::isPlain(text) || text == kManifestName || isAmong(names, text)) break;
+        names.emplace_back(std::move(text));
     }
     damaged = damaged || names.size() < listed.size() || (names.empty() && holdsPartFiles());
     if (damaged) keepOnly(names);
@@ -205,7 +204,7 @@ void EventStore::keepOnly(const std::vector<PartName>& names) {
         if (!manifest_->pushRecord(name.string())) throw writeFailed();
     }
     Filesystem::listDirectory(folder_, [&](const std::string& child) {
-        if (child != kManifestName && !isAmong(names, PartName(child))) Filesystem::removeAll(folder_ / child);
+        if (child != kManifestName && !isAmong(names, child)) Filesystem::removeAll(folder_ / child);
         return true;
     });
 }

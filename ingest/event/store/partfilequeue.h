@@ -21,9 +21,9 @@ public:
 
     [[nodiscard]] const std::string& string() const noexcept { return name_; }
 
-    // Whether it can only mean a file in the manifest's own folder. A name out of a damaged manifest may not.
-    [[nodiscard]] bool isPlain() const noexcept {
-        return !name_.empty() && !name_.starts_with('.') && std::all_of(name_.begin(), name_.end(), isNameCharacter);
+    // Whether a name can only mean a file in the manifest's own folder. One out of a damaged manifest may not.
+    [[nodiscard]] static bool isPlain(std::string_view name) noexcept {
+        return !name.empty() && name.front() != '.' && std::all_of(name.begin(), name.end(), isNameCharacter);
     }
 
     friend bool operator==(const PartName&, const PartName&) = default;
