@@ -108,7 +108,8 @@ TEST_F(ServiceSide, EveryEventIsInTheDatabaseOnceUnlessItsUserIsForgotten) {
                                           event("b", user),
                                           event("c", "", "1970-01-01T00:00:00Z"),
                                           event("d", "", "no time"),
-                                          event("e", R"(,"x":"\u0000")"),
+                                          event("e", R"(,"x":"1\u0000\\u0000")"),
+                                          R"({"project":"\u0000","data":{"event.guid":"h"}})",
                                           R"({"project":"p","data":{}})"};
     ASSERT_EQ(append(store, events).outcome, AppendOutcome::stored);
     ASSERT_EQ(append(store, {event("a"), event("f", user)}).outcome, AppendOutcome::stored);
@@ -117,12 +118,13 @@ TEST_F(ServiceSide, EveryEventIsInTheDatabaseOnceUnlessItsUserIsForgotten) {
     ASSERT_EQ(append(store, {event("g", user)}).outcome, AppendOutcome::stored);
 
     DeliveryCounts counts = deliver(target, "first");
-    EXPECT_EQ(counts.stored, 5U);    // a, c, d, the one without a guid, g
+    EXPECT_EQ(counts.stored, 6U);    // a, c, d, e, the one without a guid, g
     EXPECT_EQ(counts.repeated, 2U);  // b and f; the second a never got past the log
     EXPECT_EQ(counts.setAside, 1U);
     EXPECT_EQ(ask(uri, "SELECT count(*) FROM velmora_events_default"), "3");
     EXPECT_EQ(ask(uri, "SELECT extract(epoch FROM time) FROM velmora_events_20260301 WHERE guid = 'a'"),
               "1772355600.500000");
+    EXPECT_EQ(ask(uri, "SELECT event->'data'->>'x' FROM velmora_events WHERE guid = 'e'"), "1\uFFFD\\u0000");
     EXPECT_EQ(ask(uri, "SELECT event->'data'->>'event.guid' FROM velmora_events WHERE \"user\" = 'u@example'"), "g");
 
     // The log has forgotten what was delivered, the database has not.
@@ -133,7 +135,7 @@ TEST_F(ServiceSide, EveryEventIsInTheDatabaseOnceUnlessItsUserIsForgotten) {
     ASSERT_EQ(append(again, events).outcome, AppendOutcome::stored);
     counts = deliver(target, "second");
     EXPECT_EQ(counts.stored, 1U);  // b: it was published after its user was forgotten
-    EXPECT_EQ(counts.repeated, 5U);
+    EXPECT_EQ(counts.repeated, 6U);
     EXPECT_EQ(target.forget("u@example"), 2U);
 }
 

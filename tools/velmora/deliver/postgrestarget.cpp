@@ -105,6 +105,16 @@ std::string hexOf(std::string_view bytes) {
     return hex;
 }
 
+// jsonb holds every character but U+0000: U+FFFD takes its place.
+std::string withoutNulls(std::string_view json) {
+    constexpr std::string_view kNull = "u0000";
+    std::string text(json);
+    for (size_t at = text.find('\\'); at != std::string::npos; at = text.find('\\', at + 2)) {
+        if (text.compare(at + 1, kNull.size(), kNull) == 0) text.replace(at + 1, kNull.size(), "ufffd");
+    }
+    return text;
+}
+
 void addTime(BinaryArray& array, const std::optional<int64_t>& micros) {
     if (micros)
         array.addInt64(*micros - kPostgresEpochMicros);
@@ -176,7 +186,7 @@ void PostgresTarget::send(const Rows& rows) {
         else
             user.addNull();
         guid.addText(row->guid);
-        event.addJsonb(row->text);
+        event.addJsonb(withoutNulls(row->text));
         addTime(published, row->published);
     }
     database_.send(kLockShared);

@@ -4,8 +4,10 @@
 //                      partitioned by the day of the event's own time. Events whose time is more than a year off, or
 //                      can't be read, are in velmora_events_default; the others in velmora_events_YYYYMMDD. A partition
 //                      may be detached or dropped at any time.
-//   velmora_set_aside  what PostgreSQL can't hold as an event (the character U+0000, for one), as bytes, with the
-//   reason velmora_forgotten  the SHA-256 of each forgotten user and when
+//   velmora_set_aside  what PostgreSQL can't hold as an event, as bytes, with the reason
+//   velmora_forgotten  the SHA-256 of each forgotten user and when
+//
+// jsonb has no U+0000: in an event, U+FFFD takes its place.
 #pragma once
 
 #include <set>
