@@ -6,6 +6,8 @@
 #include <string_view>
 #include <thread>
 
+#include "core/types/mutex.h"
+
 namespace velmora {
 namespace {
 
@@ -15,7 +17,12 @@ constexpr std::chrono::seconds kUsePatience(2);
 // Owned by hand: a smart pointer with static storage would be destroyed before the last objects that log.
 std::atomic<Logger*> installed = nullptr;
 std::atomic<LogLevel> levelInForce = LogLevel::off;  // of the installed logger; off if there is none
-std::atomic<uint32_t> uses = 0;                      // raised before the logger is looked at
+
+// Lines under way, counted by the generation they began in, so that an exchange waits for those that may have seen the
+// old logger and not for those that write to the new one. Only the latest two generations are told apart.
+std::atomic<uint32_t> generation = 0;
+std::atomic<uint32_t> uses[2] = {};
+Mutex exchangeMutex;  // one exchange at a time; the log line of nobody runs under it
 
 // A line that can't be written is lost; nobody above could do anything about it.
 void writeLine(LogLevel level, const LogSite& site, std::ostringstream& message) noexcept {
@@ -28,13 +35,22 @@ void writeLine(LogLevel level, const LogSite& site, std::ostringstream& message)
     }
 }
 
-void exchangeLogger(Logger* next) {
-    Logger* const old = installed.exchange(next);
-    if (old == nullptr || old == next) return;
+bool awaitLinesOf(uint32_t ended) {
     const auto deadline = std::chrono::steady_clock::now() + kUsePatience;
-    while (uses != 0) {
-        if (std::chrono::steady_clock::now() > deadline) return;  // left alive
+    while (uses[ended % 2] != 0) {
+        if (std::chrono::steady_clock::now() > deadline) return false;
         std::this_thread::sleep_for(std::chrono::milliseconds(1));
+    }
+    return true;
+}
+
+void exchangeLogger(Logger* next) {
+    Logger* old = nullptr;
+    {
+        const MutexLock lock(exchangeMutex);
+        old = installed.exchange(next);
+        if (old == nullptr || old == next) return;
+        if (!awaitLinesOf(generation++)) return;  // left alive
     }
     delete old;
 }
@@ -53,11 +69,16 @@ Logger* logger() noexcept { return installed; }
 bool logs(LogLevel level) noexcept { return levelInForce.load(std::memory_order_relaxed) >= level; }
 
 LoggerUse::LoggerUse() noexcept {
-    ++uses;
+    while (true) {
+        generation_ = generation;
+        ++uses[generation_ % 2];
+        if (generation == generation_) break;
+        --uses[generation_ % 2];  // an exchange came between and does not wait for this line
+    }
     logger_ = installed;
 }
 
-LoggerUse::~LoggerUse() { --uses; }
+LoggerUse::~LoggerUse() { --uses[generation_ % 2]; }
 
 void setLogLevel(LogLevel level) {
     const LoggerUse used;

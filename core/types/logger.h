@@ -84,7 +84,8 @@ public:
     Logger* operator->() const noexcept { return logger_; }
 
 private:
-    Logger* logger_;
+    uint32_t generation_ = 0;
+    Logger* logger_ = nullptr;
 };
 
 // Where a log statement stands.
