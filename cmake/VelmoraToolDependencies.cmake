@@ -4,7 +4,7 @@ if(CMAKE_CROSSCOMPILING)
     set(sqlite ${VELMORA_THIRD_PARTY}/sqlite)
     add_library(velmora_sqlite STATIC ${sqlite}/sqlite3.c)
     target_include_directories(velmora_sqlite SYSTEM PUBLIC ${sqlite})
-    target_compile_definitions(velmora_sqlite PRIVATE SQLITE_OMIT_LOAD_EXTENSION)
+    target_compile_definitions(velmora_sqlite PUBLIC SQLITE_OMIT_LOAD_EXTENSION)  # the wrapper asks for it as well
     target_compile_options(velmora_sqlite PRIVATE -w)
     set(sqlitecpp ${VELMORA_THIRD_PARTY}/sqlitecpp)
     file(GLOB sqlitecpp_sources ${sqlitecpp}/src/*.cpp)
