@@ -179,6 +179,7 @@ void Postgres::run(const std::string& statements) {
 Postgres::Result Postgres::run(const std::string& statement, const std::vector<std::string>& texts) {
     begin();
     std::vector<const char*> values;
+    values.reserve(texts.size());
     for (const std::string& text : texts) values.push_back(text.c_str());
     if (PQsendQueryParams(connection_, statement.c_str(), static_cast<int>(values.size()), nullptr, values.data(),
                           nullptr, nullptr, 0) == 0)

@@ -143,7 +143,7 @@ void JetStreamStore::publishAll() {
         std::shared_ptr<const Batch> batch;
         {
             const MutexLock lock(mutex_);
-            changed_.wait(mutex_, [this] { return stopping_ || !unpublished_.empty(); });
+            changed_.wait(mutex_, [this]() VELMORA_REQUIRES(mutex_) { return stopping_ || !unpublished_.empty(); });
             if (stopping_) return;
             id = unpublished_.front();
             unpublished_.pop_front();
@@ -170,11 +170,12 @@ void JetStreamStore::watchDeadlines() {
         uint64_t id = 0;
         {
             const MutexLock lock(mutex_);
-            changed_.wait(mutex_, [this] { return stopping_ || !pending_.empty(); });
+            changed_.wait(mutex_, [this]() VELMORA_REQUIRES(mutex_) { return stopping_ || !pending_.empty(); });
             if (stopping_) return;
             const auto [first, deadline] = std::pair(pending_.begin()->first, pending_.begin()->second.deadline);
-            const bool isOver = !changed_.waitUntil(
-                mutex_, deadline, [this, first = first] { return stopping_ || pending_.count(first) == 0; });
+            const bool isOver = !changed_.waitUntil(mutex_, deadline, [this, first = first]() VELMORA_REQUIRES(mutex_) {
+                return stopping_ || pending_.count(first) == 0;
+            });
             if (!isOver) continue;
             id = first;
             ++timeouts_;
@@ -253,7 +254,7 @@ void JetStreamStore::stop() noexcept {
         if (stopping_) return;
         draining_ = true;
         // The watch ends each of them in its time.
-        changed_.wait(mutex_, [this] { return pending_.empty() && finishing_ == 0; });
+        changed_.wait(mutex_, [this]() VELMORA_REQUIRES(mutex_) { return pending_.empty() && finishing_ == 0; });
         stopping_ = true;
         changed_.notifyAll();
     }
@@ -261,7 +262,7 @@ void JetStreamStore::stop() noexcept {
     watch_.join();
     natsSubscription_Unsubscribe(replies_.get());
     const MutexLock lock(mutex_);
-    changed_.wait(mutex_, [this] { return unsubscribed_; });
+    changed_.wait(mutex_, [this]() VELMORA_REQUIRES(mutex_) { return unsubscribed_; });
 }
 
 std::unique_ptr<Store> openJetStreamStore(const StoreOptions& options) {

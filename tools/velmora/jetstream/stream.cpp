@@ -78,10 +78,12 @@ StreamAddress StreamAddress::parse(const std::string& text) {
     const size_t at = list.rfind('@');
     const std::string user = at == std::string::npos ? "" : list.substr(0, at + 1);
     list.erase(0, user.size());
+    const std::string prefix = scheme + "://" + user;
     for (size_t begin = 0; begin <= list.size();) {
         const size_t end = std::min(list.find(',', begin), list.size());
         if (end == begin) throw badAddress(text);
-        address.servers.push_back(scheme + "://" + user + list.substr(begin, end - begin));
+        address.servers.push_back(prefix);
+        address.servers.back().append(list, begin, end - begin);
         begin = end + 1;
     }
     return address;
