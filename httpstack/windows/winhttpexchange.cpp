@@ -112,6 +112,7 @@ std::optional<Outcome> WinHttpExchange::sendMore() {
 std::optional<Outcome> WinHttpExchange::takeHead() {
     const uint32_t status = hop_->status();
     if (status < 200) return unlessBegun(hop_->beginResponse());
+    if (hop_->isHeadTooLong()) return retriable("the response's head is too long");
     const std::string location = isRedirect(status) ? hop_->text(WINHTTP_QUERY_LOCATION) : std::string();
     if (!location.empty()) return followTo(location);
     if (!exchange_->reportStatus(hop_->text(WINHTTP_QUERY_VERSION), status, hop_->text(WINHTTP_QUERY_STATUS_TEXT)) ||

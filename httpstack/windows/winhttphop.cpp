@@ -4,6 +4,7 @@
 #include <system_error>
 #include <utility>
 
+#include "httpstack/settings.h"
 #include "httpstack/windows/widetext.h"
 
 namespace velmora::httpstack {
@@ -155,6 +156,13 @@ std::string WinHttpHop::text(DWORD which) const {
         return {};
     value.resize(size / sizeof(wchar_t));
     return utf8Text(value);
+}
+
+bool WinHttpHop::isHeadTooLong() const {
+    DWORD size = 0;
+    ::WinHttpQueryHeaders(request_.get(), WINHTTP_QUERY_RAW_HEADERS_CRLF, WINHTTP_HEADER_NAME_BY_INDEX,
+                          WINHTTP_NO_OUTPUT_BUFFER, &size, WINHTTP_NO_HEADER_INDEX);
+    return size / sizeof(wchar_t) > kMaxHeadBytes;
 }
 
 std::vector<Header> WinHttpHop::headers() const {

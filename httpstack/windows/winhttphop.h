@@ -53,6 +53,7 @@ public:
     // Of the response whose headers have come.
     [[nodiscard]] uint32_t status() const;
     [[nodiscard]] std::string text(DWORD which) const;  // UTF-8; empty if there is no such header
+    [[nodiscard]] bool isHeadTooLong() const;           // beyond kMaxHeadBytes
     [[nodiscard]] std::vector<Header> headers() const;
 
 private:
