@@ -238,7 +238,7 @@ private:
         http::response<Body> response(static_cast<http::status>(given.status), head.version() == 10 ? 10 : 11);
         response.set(http::field::content_type, given.type);
         for (const auto& [name, value] : given.headers) response.set(name, value);
-        isLast_ = given.close || given.cut || core_.isDraining || !head.keep_alive();
+        isLast_ = given.close || core_.isDraining || !head.keep_alive();
         response.keep_alive(!isLast_);
         return response;
     }
@@ -247,7 +247,8 @@ private:
         lowest().expires_after(core_.options.writeTimeout);
         given_ = std::move(given);
         bytesOut_ = 0;
-        if (given_.source || given_.cut) return answerInPieces();
+        if (given_.cut) return onAnswered(beast::error::timeout);
+        if (given_.source) return answerInPieces();
         whole_ = responseTo<http::string_body>(given_);
         whole_->body() = std::move(given_.body);
         whole_->prepare_payload();
@@ -260,16 +261,14 @@ private:
 
     void answerInPieces() {
         head_ = responseTo<http::empty_body>(given_);
-        if (given_.cut)
-            head_->content_length(100);
-        else if (head_->version() == 11)
+        if (head_->version() == 11)
             head_->chunked(true);
         else
             isLast_ = true;
         isEndless_ = given_.isEndless;
         serializer_.emplace(*head_);
         http::async_write_header(stream_, *serializer_, [self = this->shared_from_this()](ErrorCode error, size_t) {
-            if (error || self->given_.cut) return self->onAnswered(error ? error : beast::error::timeout);
+            if (error) return self->onAnswered(error);
             self->askForPiece();
         });
     }
