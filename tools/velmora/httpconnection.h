@@ -105,11 +105,11 @@ public:
 
     void drain() override {
         asio::post(stream_.get_executor(), [self = this->shared_from_this()] {
-            if (self->isIdle_ || self->isEndless_) self->lowest().close();
+            if (self->isIdle_ || self->isEndless_) self->close();
         });
     }
     void abort() override {
-        asio::post(stream_.get_executor(), [self = this->shared_from_this()] { self->lowest().close(); });
+        asio::post(stream_.get_executor(), [self = this->shared_from_this()] { self->close(); });
     }
 
     Stream& stream() { return stream_; }
@@ -338,7 +338,13 @@ private:
                                  });
     }
 
-    void close() { lowest().close(); }
+    // The shutdown tells the client even where a child process has inherited the socket and keeps it open: on Windows
+    // a waiting accept's socket exists, and is inherited, before its connection does.
+    void close() {
+        ErrorCode ignored;
+        lowest().socket().shutdown(tcp::socket::shutdown_both, ignored);
+        lowest().close();
+    }
 
     HttpServerCore& core_;
     Stream stream_;
