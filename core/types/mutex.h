@@ -62,28 +62,28 @@ private:
 
 // A reader/writer lock that prefers writers: once a writer waits, new readers wait behind it. So a reader must not take
 // it a second time, and must not wait for a thread that does.
-class SharedMutex {
+class VELMORA_THREAD_ATTRIBUTE(capability("mutex")) SharedMutex {
 public:
-    void lock() {
+    void lock() VELMORA_THREAD_ATTRIBUTE(acquire_capability()) {
         const MutexLock lock(mutex_);
         free_.wait(mutex_, [this]() VELMORA_REQUIRES(mutex_) { return !writer_; });
         writer_ = true;
         drained_.wait(mutex_, [this]() VELMORA_REQUIRES(mutex_) { return readers_ == 0; });
     }
 
-    void unlock() {
+    void unlock() VELMORA_THREAD_ATTRIBUTE(release_capability()) {
         const MutexLock lock(mutex_);
         writer_ = false;
         free_.notifyAll();
     }
 
-    void lock_shared() {
+    void lockShared() VELMORA_THREAD_ATTRIBUTE(acquire_shared_capability()) {
         const MutexLock lock(mutex_);
         free_.wait(mutex_, [this]() VELMORA_REQUIRES(mutex_) { return !writer_ && readers_ < kMaxReaders; });
         ++readers_;
     }
 
-    void unlock_shared() {
+    void unlockShared() VELMORA_THREAD_ATTRIBUTE(release_shared_capability()) {
         const MutexLock lock(mutex_);
         const bool wasFull = readers_-- == kMaxReaders;
         if (writer_ && readers_ == 0) drained_.notifyOne();
@@ -98,6 +98,19 @@ private:
     Condition drained_;  // no reader left, for the writer that has announced itself
     bool writer_ VELMORA_GUARDED_BY(mutex_) = false;
     uint32_t readers_ VELMORA_GUARDED_BY(mutex_) = 0;
+};
+
+class VELMORA_THREAD_ATTRIBUTE(scoped_lockable) SharedLock {
+public:
+    explicit SharedLock(SharedMutex& mutex) VELMORA_THREAD_ATTRIBUTE(acquire_shared_capability(mutex)) : mutex_(mutex) {
+        mutex_.lockShared();
+    }
+    ~SharedLock() VELMORA_THREAD_ATTRIBUTE(release_capability()) { mutex_.unlockShared(); }
+    SharedLock(const SharedLock&) = delete;
+    SharedLock& operator=(const SharedLock&) = delete;
+
+private:
+    SharedMutex& mutex_;
 };
 
 }  // namespace velmora

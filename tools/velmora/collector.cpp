@@ -5,15 +5,14 @@
 #include <boost/asio/post.hpp>
 #include <boost/asio/thread_pool.hpp>
 #include <boost/filesystem/operations.hpp>
-#include <condition_variable>
 #include <fstream>
 #include <iostream>
-#include <mutex>
 #include <nlohmann/json.hpp>
 #include <random>
 #include <stdexcept>
 
 #include "core/filesystem/path.h"
+#include "core/types/mutex.h"
 #include "core/utils/strings.h"
 #include "core/utils/timestamps.h"
 #include "tools/velmora/files.h"
@@ -243,7 +242,7 @@ public:
 
     void onAnswered(const HttpExchange& exchange) override {
         {
-            const std::lock_guard lock(metricsMutex_);
+            const MutexLock lock(metricsMutex_);
             ++answers_[exchange.status];
             const double seconds = std::chrono::duration<double>(exchange.duration).count();
             durationSum_ += seconds;
@@ -255,7 +254,7 @@ public:
                         {"status", exchange.status},      {"bytesIn", exchange.bytesIn},
                         {"bytesOut", exchange.bytesOut},  {"ms", static_cast<double>(exchange.duration.count()) / 1000},
                         {"note", exchange.note}};
-        const std::lock_guard lock(logMutex_);
+        const MutexLock lock(logMutex_);
         (options_.accessLog == "-" ? std::cout : accessLog_) << dump(line) << std::endl;
     }
 
@@ -264,6 +263,7 @@ private:
     static constexpr std::array<double, 8> kBuckets{0.001, 0.005, 0.01, 0.05, 0.1, 0.5, 1, 5};
 
     void openAccessLog() {
+        const MutexLock lock(logMutex_);
         if (!options_.accessLog.empty() && options_.accessLog != "-")
             openToWrite(accessLog_, options_.accessLog, std::ios::app);
     }
@@ -389,7 +389,7 @@ private:
 
     // Clients that were refused together do not come back together.
     int spreadPause() {
-        const std::lock_guard lock(metricsMutex_);
+        const MutexLock lock(metricsMutex_);
         return options_.retryAfter + std::uniform_int_distribution<int>(0, options_.retrySpread)(random_);
     }
 
@@ -634,7 +634,7 @@ private:
     }
 
     std::string requestMetrics() {
-        const std::lock_guard lock(metricsMutex_);
+        const MutexLock lock(metricsMutex_);
         std::string text = "# TYPE velmora_collect_requests_total counter\n";
         uint64_t all = 0;
         for (const auto& [status, count] : answers_) {
@@ -652,7 +652,7 @@ private:
 
     void log(const std::string& line) {
         if (options_.quiet) return;
-        const std::lock_guard lock(logMutex_);
+        const MutexLock lock(logMutex_);
         std::cerr << line << std::endl;
     }
 
@@ -670,14 +670,14 @@ private:
     std::atomic<uint64_t> takenEvents_{0};  // by whichever thread the store answers on
     std::atomic<uint64_t> takenBatches_{0};
 
-    std::mutex metricsMutex_;
-    std::map<int, uint64_t> answers_;
-    std::array<uint64_t, kBuckets.size()> durations_{};
-    double durationSum_ = 0;
-    std::minstd_rand random_{std::random_device{}()};
+    Mutex metricsMutex_;
+    std::map<int, uint64_t> answers_ VELMORA_GUARDED_BY(metricsMutex_);
+    std::array<uint64_t, kBuckets.size()> durations_ VELMORA_GUARDED_BY(metricsMutex_){};
+    double durationSum_ VELMORA_GUARDED_BY(metricsMutex_) = 0;
+    std::minstd_rand random_ VELMORA_GUARDED_BY(metricsMutex_){std::random_device{}()};
 
-    std::mutex logMutex_;
-    std::ofstream accessLog_;
+    Mutex logMutex_;  // one line at a time, here and on the standard streams
+    std::ofstream accessLog_ VELMORA_GUARDED_BY(logMutex_);
     boost::asio::thread_pool queries_{1};  // questions to the store
     std::unique_ptr<HttpServer> server_;
 };

@@ -17,13 +17,12 @@
 #include <boost/beast/http/read.hpp>
 #include <boost/beast/http/serializer.hpp>
 #include <boost/beast/http/write.hpp>
-#include <condition_variable>
-#include <mutex>
 #include <set>
 #include <thread>
 #include <type_traits>
 #include <unordered_map>
 
+#include "core/types/mutex.h"
 #include "tools/velmora/httpserver.h"
 
 namespace velmora::tool {
@@ -58,6 +57,7 @@ struct HttpServerCore {
 
     void add(const std::shared_ptr<HttpConnectionBase>& connection);
     void remove(HttpConnectionBase* connection);
+    [[nodiscard]] std::vector<std::shared_ptr<HttpConnectionBase>> all();
     void accept();
     void onAccepted(tcp::socket socket);
 
@@ -67,10 +67,10 @@ struct HttpServerCore {
     std::atomic<bool> isDraining{false};  // set once, by drain()
     std::unique_ptr<TlsPort> tls;
 
-    std::mutex mutex;  // guards what follows
-    std::condition_variable changed;
-    std::unordered_map<HttpConnectionBase*, std::weak_ptr<HttpConnectionBase>> connections;
-    std::set<std::shared_ptr<asio::steady_timer>> timers;
+    Mutex mutex;
+    Condition changed;
+    std::unordered_map<HttpConnectionBase*, std::weak_ptr<HttpConnectionBase>> connections VELMORA_GUARDED_BY(mutex);
+    std::set<std::shared_ptr<asio::steady_timer>> timers VELMORA_GUARDED_BY(mutex);
 
     asio::io_context context;  // destroyed before what its pending operations use
     asio::executor_work_guard<asio::io_context::executor_type> work{context.get_executor()};

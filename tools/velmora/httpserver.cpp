@@ -101,14 +101,23 @@ bool readTarget(std::string_view target, HttpRequest& request) {
 }
 
 void HttpServerCore::add(const std::shared_ptr<HttpConnectionBase>& connection) {
-    const std::lock_guard lock(mutex);
+    const MutexLock lock(mutex);
     connections.emplace(connection.get(), connection);
 }
 
 void HttpServerCore::remove(HttpConnectionBase* connection) {
-    const std::lock_guard lock(mutex);
+    const MutexLock lock(mutex);
     connections.erase(connection);
-    changed.notify_all();
+    changed.notifyAll();
+}
+
+std::vector<std::shared_ptr<HttpConnectionBase>> HttpServerCore::all() {
+    const MutexLock lock(mutex);
+    std::vector<std::shared_ptr<HttpConnectionBase>> found;
+    for (const auto& [raw, weak] : connections) {
+        if (auto connection = weak.lock()) found.push_back(std::move(connection));
+    }
+    return found;
 }
 
 void HttpServerCore::accept() {
@@ -127,7 +136,7 @@ void HttpServerCore::accept() {
 void HttpServerCore::onAccepted(tcp::socket socket) {
     bool isFull = false;
     {
-        const std::lock_guard lock(mutex);
+        const MutexLock lock(mutex);
         isFull = connections.size() >= options.maxConnections;
     }
     if (isFull) {
@@ -162,7 +171,7 @@ std::string HttpServer::url() const {
 }
 
 size_t HttpServer::connections() const {
-    const std::lock_guard lock(core_->mutex);
+    const MutexLock lock(core_->mutex);
     return core_->connections.size();
 }
 
@@ -176,12 +185,12 @@ void HttpServer::start() {
 void HttpServer::after(std::chrono::milliseconds delay, std::function<void()> body) {
     const auto timer = std::make_shared<asio::steady_timer>(core_->context);
     {
-        const std::lock_guard lock(core_->mutex);
+        const MutexLock lock(core_->mutex);
         timer->expires_after(core_->isDraining ? std::chrono::milliseconds(0) : delay);
         core_->timers.insert(timer);
         timer->async_wait([this, timer, body = std::move(body)](ErrorCode) {
             {
-                const std::lock_guard inner(core_->mutex);
+                const MutexLock inner(core_->mutex);
                 core_->timers.erase(timer);
             }
             body();
@@ -206,35 +215,22 @@ void HttpServer::drain(std::chrono::milliseconds timeout) {
         ErrorCode ignored;
         core_->acceptor.close(ignored);
     });
-    std::vector<std::shared_ptr<HttpConnectionBase>> all;
-    std::unique_lock lock(core_->mutex);
-    for (const auto& [raw, weak] : core_->connections) {
-        if (auto connection = weak.lock()) all.push_back(std::move(connection));
-    }
-    for (const auto& timer : core_->timers) timer->cancel();
-    lock.unlock();
-    for (const auto& connection : all) connection->drain();
-    all.clear();
-    lock.lock();
-    core_->changed.wait_for(lock, timeout, [this] { return core_->connections.empty(); });
+    for (const auto& connection : core_->all()) connection->drain();
+    HttpServerCore& core = *core_;
+    const MutexLock lock(core.mutex);
+    for (const auto& timer : core.timers) timer->cancel();
+    core.changed.waitUntil(core.mutex, std::chrono::steady_clock::now() + timeout,
+                           [&]() VELMORA_REQUIRES(core.mutex) { return core.connections.empty(); });
 }
 
 void HttpServer::stop() {
-    std::vector<std::shared_ptr<HttpConnectionBase>> all;
-    {
-        const std::lock_guard lock(core_->mutex);
-        for (const auto& [raw, weak] : core_->connections) {
-            if (auto connection = weak.lock()) all.push_back(std::move(connection));
-        }
-    }
-    for (const auto& connection : all) connection->abort();
-    all.clear();
+    for (const auto& connection : core_->all()) connection->abort();
     core_->work.reset();
     core_->context.stop();
     for (std::thread& thread : core_->threads) thread.join();
     core_->threads.clear();
-    decltype(core_->timers) timers;
-    const std::lock_guard lock(core_->mutex);
+    std::set<std::shared_ptr<asio::steady_timer>> timers;
+    const MutexLock lock(core_->mutex);
     timers.swap(core_->timers);  // before the context that they belong to
 }
 

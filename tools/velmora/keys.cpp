@@ -45,7 +45,7 @@ std::map<std::string, KeyRule> parseKeys(const std::string& json) {
 }
 
 void KeyRing::replace(std::map<std::string, KeyRule> rules) {
-    const std::lock_guard lock(mutex_);
+    const MutexLock lock(mutex_);
     std::map<std::string, Entry> entries;
     for (auto& [key, rule] : rules) {
         const auto known = entries_.find(key);
@@ -61,7 +61,7 @@ void KeyRing::replace(std::map<std::string, KeyRule> rules) {
 }
 
 KeyRing::Verdict KeyRing::admit(const std::string& key, Clock::time_point now) {
-    const std::lock_guard lock(mutex_);
+    const MutexLock lock(mutex_);
     if (isOpen_) return Verdict::accepted;
     const auto found = entries_.find(key);
     if (found == entries_.end()) return Verdict::unknown;
@@ -74,7 +74,7 @@ KeyRing::Verdict KeyRing::admit(const std::string& key, Clock::time_point now) {
 }
 
 std::optional<std::string> KeyRing::charge(const std::string& key, const Batch& batch) {
-    const std::lock_guard lock(mutex_);
+    const MutexLock lock(mutex_);
     const auto found = entries_.find(key);
     if (isOpen_ || found == entries_.end()) return std::nullopt;
     const KeyRule& rule = found->second.rule;

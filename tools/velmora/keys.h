@@ -4,11 +4,11 @@
 #include <chrono>
 #include <cstdint>
 #include <map>
-#include <mutex>
 #include <optional>
 #include <string>
 #include <vector>
 
+#include "core/types/mutex.h"
 #include "tools/velmora/batch.h"
 
 namespace velmora::tool {
@@ -44,9 +44,9 @@ private:
         Clock::time_point at;
     };
 
-    std::mutex mutex_;
-    bool isOpen_ = true;
-    std::map<std::string, Entry> entries_;
+    Mutex mutex_;
+    bool isOpen_ VELMORA_GUARDED_BY(mutex_) = true;
+    std::map<std::string, Entry> entries_ VELMORA_GUARDED_BY(mutex_);
 };
 
 }  // namespace velmora::tool

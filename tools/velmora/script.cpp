@@ -53,12 +53,12 @@ ScriptOrder parseScript(const std::string& json) {
 }
 
 void Script::play(const ScriptOrder& order) {
-    const std::lock_guard lock(mutex_);
+    const MutexLock lock(mutex_);
     order_ = order;
 }
 
 std::optional<ScriptStep> Script::next() {
-    const std::lock_guard lock(mutex_);
+    const MutexLock lock(mutex_);
     if (order_.count == 0) return std::nullopt;
     --order_.count;
     return order_.step;

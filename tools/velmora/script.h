@@ -3,9 +3,10 @@
 
 #include <chrono>
 #include <cstdint>
-#include <mutex>
 #include <optional>
 #include <string>
+
+#include "core/types/mutex.h"
 
 namespace velmora::tool {
 
@@ -33,8 +34,8 @@ public:
     [[nodiscard]] std::optional<ScriptStep> next();
 
 private:
-    std::mutex mutex_;
-    ScriptOrder order_{{}, 0};
+    Mutex mutex_;
+    ScriptOrder order_ VELMORA_GUARDED_BY(mutex_){{}, 0};
 };
 
 }  // namespace velmora::tool

@@ -137,12 +137,12 @@ void SqliteStore::append(std::shared_ptr<const Batch> batch, Completion done) no
     const uint64_t bytes = batch->body.size();
     AppendResult refusal;
     {
-        const std::lock_guard lock(mutex_);
+        const MutexLock lock(mutex_);
         if (!stopping_ && pendingBytes_ + bytes <= maxPendingBytes_) {
             pendingBytes_ += bytes;
             ++queued_;
             pending_.push_back({std::move(batch), std::move(done)});
-            wake_.notify_one();
+            wake_.notifyOne();
             return;
         }
         refusal = stopping_ ? AppendResult{AppendOutcome::away, "the event store is closed"}
@@ -152,22 +152,22 @@ void SqliteStore::append(std::shared_ptr<const Batch> batch, Completion done) no
 }
 
 bool SqliteStore::ready(std::string& why) const {
-    const std::lock_guard lock(mutex_);
+    const MutexLock lock(mutex_);
     why = stopping_ ? "the event store is closed" : failure_;
     return why.empty();
 }
 
 StoreFigures SqliteStore::figures() const {
-    const std::lock_guard lock(mutex_);
+    const MutexLock lock(mutex_);
     return {{"store_pending_batches", pending_.size()}, {"store_pending_bytes", pendingBytes_}};
 }
 
 void SqliteStore::stop() noexcept {
     {
-        const std::lock_guard lock(mutex_);
+        const MutexLock lock(mutex_);
         stopping_ = true;
     }
-    wake_.notify_all();
+    wake_.notifyAll();
     if (thread_.joinable()) thread_.join();
 }
 
@@ -182,21 +182,29 @@ SqliteStore::Work SqliteStore::takeWorkLocked() {
 }
 
 void SqliteStore::runWriter() {
-    std::unique_lock lock(mutex_);
     while (true) {
-        wake_.wait(lock, [this] { return stopping_ || !pending_.empty() || !rejections_.empty(); });
-        const Work work = takeWorkLocked();
+        Work work;
+        {
+            const MutexLock lock(mutex_);
+            wake_.wait(mutex_, [this]() VELMORA_REQUIRES(mutex_) {
+                return stopping_ || !pending_.empty() || !rejections_.empty();
+            });
+            work = takeWorkLocked();
+        }
         if (work.batches.empty() && work.rejections.empty()) return;
-        lock.unlock();
         const AppendResult result = write(work);
         for (const Pending& pending : work.batches) pending.done(result);
-        lock.lock();
-        failure_ = result.reason;
-        done_ += work.batches.size() + work.rejections.size();
-        if (!failure_.empty()) lostRejections_ += work.rejections.size();
-        for (const Pending& pending : work.batches) pendingBytes_ -= pending.batch->body.size();
-        written_.notify_all();
+        noteWritten(work, result);
     }
+}
+
+void SqliteStore::noteWritten(const Work& work, const AppendResult& result) {
+    const MutexLock lock(mutex_);
+    failure_ = result.reason;
+    done_ += work.batches.size() + work.rejections.size();
+    if (!failure_.empty()) lostRejections_ += work.rejections.size();
+    for (const Pending& pending : work.batches) pendingBytes_ -= pending.batch->body.size();
+    written_.notifyAll();
 }
 
 AppendResult SqliteStore::write(const Work& work) noexcept {
@@ -251,21 +259,21 @@ void SqliteStore::insertRejections(const Work& work, const std::string& now) {
 }
 
 void SqliteStore::addRejection(RejectionRecord rejection) {
-    const std::lock_guard lock(mutex_);
+    const MutexLock lock(mutex_);
     if (stopping_ || rejections_.size() >= kMaxPendingRejections) {
         ++lostRejections_;
         return;
     }
     ++queued_;
     rejections_.push_back(std::move(rejection));
-    wake_.notify_one();
+    wake_.notifyOne();
 }
 
 // Until what was taken before is written, so that a client finds what it was told of.
 void SqliteStore::waitForWriter() {
-    std::unique_lock lock(mutex_);
+    const MutexLock lock(mutex_);
     const uint64_t wanted = queued_;
-    written_.wait(lock, [&] { return done_ >= wanted; });
+    written_.wait(mutex_, [&]() VELMORA_REQUIRES(mutex_) { return done_ >= wanted; });
 }
 
 int64_t SqliteStore::readEvents(const EventQuery& query, int64_t limit,
@@ -275,7 +283,7 @@ int64_t SqliteStore::readEvents(const EventQuery& query, int64_t limit,
                             " ORDER BY id" + (query.newestFirst ? " DESC" : "") + " LIMIT " + std::to_string(limit) +
                             " OFFSET " + std::to_string(query.offset);
     return guarded([&] {
-        const std::lock_guard lock(readMutex_);
+        const MutexLock lock(readMutex_);
         SQLite::Statement rows = prepare(reader_, sql, filter);
         int64_t last = 0;
         for (; rows.executeStep(); last = rows.getColumn(0).getInt64()) sink(eventAsJson(rows));
@@ -286,7 +294,7 @@ int64_t SqliteStore::readEvents(const EventQuery& query, int64_t limit,
 int64_t SqliteStore::countEvents(const EventQuery& query) {
     const Filter filter = filterOf(query);
     return guarded([&] {
-        const std::lock_guard lock(readMutex_);
+        const MutexLock lock(readMutex_);
         SQLite::Statement row = prepare(reader_, "SELECT COUNT(*) FROM events" + filter.where, filter);
         row.executeStep();
         return row.getColumn(0).getInt64();
@@ -296,7 +304,7 @@ int64_t SqliteStore::countEvents(const EventQuery& query) {
 int64_t SqliteStore::readRejections(int64_t since, int64_t limit, const std::function<void(std::string_view)>& sink) {
     waitForWriter();
     return guarded([&] {
-        const std::lock_guard lock(readMutex_);
+        const MutexLock lock(readMutex_);
         SQLite::Statement rows(reader_,
                                "SELECT id, received, status, reason, remote, bytes FROM rejections WHERE id > ? AND "
                                "status <> 0 ORDER BY id LIMIT ?");
@@ -318,11 +326,11 @@ EventStats SqliteStore::stats() {
     waitForWriter();
     uint64_t lost = 0;
     {
-        const std::lock_guard lock(mutex_);
+        const MutexLock lock(mutex_);
         lost = lostRejections_;
     }
     return guarded([&] {
-        const std::lock_guard lock(readMutex_);
+        const MutexLock lock(readMutex_);
         // Counting distinct guids takes time, and an answer is often asked for again before anything has arrived.
         const int64_t batch = numberOf(reader_, "SELECT coalesce(MAX(id), 0) FROM batches");
         if (batch != lastBatch_) {
@@ -345,7 +353,7 @@ EventStats SqliteStore::stats() {
 void SqliteStore::clear() {
     waitForWriter();
     guarded([&] {
-        const std::lock_guard lock(readMutex_);
+        const MutexLock lock(readMutex_);
         reader_.exec("BEGIN IMMEDIATE; DELETE FROM events; DELETE FROM batches; DELETE FROM rejections; COMMIT");
         lastBatch_ = -1;
     });
@@ -353,7 +361,7 @@ void SqliteStore::clear() {
 
 std::unordered_map<std::string, int64_t> SqliteStore::arrivals() {
     return guarded([&] {
-        const std::lock_guard lock(readMutex_);
+        const MutexLock lock(readMutex_);
         SQLite::Statement rows(reader_, "SELECT guid, COUNT(*) FROM events WHERE guid <> '' GROUP BY guid");
         std::unordered_map<std::string, int64_t> counts;
         while (rows.executeStep()) counts.emplace(rows.getColumn(0).getString(), rows.getColumn(1).getInt64());

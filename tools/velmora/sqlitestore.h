@@ -5,13 +5,12 @@
 
 #include <SQLiteCpp/Database.h>
 
-#include <condition_variable>
 #include <deque>
-#include <mutex>
 #include <string>
 #include <thread>
 #include <unordered_map>
 
+#include "core/types/mutex.h"
 #include "tools/velmora/store.h"
 
 namespace velmora::tool {
@@ -52,7 +51,8 @@ private:
     };
 
     void runWriter();
-    [[nodiscard]] Work takeWorkLocked();
+    [[nodiscard]] Work takeWorkLocked() VELMORA_REQUIRES(mutex_);
+    void noteWritten(const Work& work, const AppendResult& result);
     [[nodiscard]] AppendResult write(const Work& work) noexcept;
     void insertBatches(const Work& work, const std::string& now);
     void insertRejections(const Work& work, const std::string& now);
@@ -61,22 +61,22 @@ private:
     const uint64_t maxPendingBytes_;
     SQLite::Database writer_;  // the writer's thread alone, once it runs
 
-    mutable std::mutex mutex_;
-    std::condition_variable wake_;     // there is work, or the end
-    std::condition_variable written_;  // some work is done
-    std::deque<Pending> pending_;
-    std::vector<RejectionRecord> rejections_;
-    uint64_t pendingBytes_ = 0;
-    uint64_t queued_ = 0;  // pieces of work ever taken, and done
-    uint64_t done_ = 0;
-    uint64_t lostRejections_ = 0;
-    std::string failure_;  // why the last transaction failed; empty if it did not
-    bool stopping_ = false;
+    mutable Mutex mutex_;
+    Condition wake_;     // there is work, or the end
+    Condition written_;  // some work is done
+    std::deque<Pending> pending_ VELMORA_GUARDED_BY(mutex_);
+    std::vector<RejectionRecord> rejections_ VELMORA_GUARDED_BY(mutex_);
+    uint64_t pendingBytes_ VELMORA_GUARDED_BY(mutex_) = 0;
+    uint64_t queued_ VELMORA_GUARDED_BY(mutex_) = 0;  // pieces of work ever taken, and done
+    uint64_t done_ VELMORA_GUARDED_BY(mutex_) = 0;
+    uint64_t lostRejections_ VELMORA_GUARDED_BY(mutex_) = 0;
+    std::string failure_ VELMORA_GUARDED_BY(mutex_);  // why the last transaction failed; empty if it did not
+    bool stopping_ VELMORA_GUARDED_BY(mutex_) = false;
 
-    std::mutex readMutex_;
-    SQLite::Database reader_;
-    EventStats lastStats_;  // of the last time they were counted
-    int64_t lastBatch_ = -1;
+    Mutex readMutex_;
+    SQLite::Database reader_ VELMORA_GUARDED_BY(readMutex_);
+    EventStats lastStats_ VELMORA_GUARDED_BY(readMutex_);  // of the last time they were counted
+    int64_t lastBatch_ VELMORA_GUARDED_BY(readMutex_) = -1;
 
     std::thread thread_;
 };

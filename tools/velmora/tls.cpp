@@ -30,14 +30,14 @@ public:
         use("key " + key_, [&] { context->use_private_key_file(key_, ssl::context::pem); });
         if (SSL_CTX_check_private_key(context->native_handle()) != 1)
             throw std::runtime_error("key " + key_ + " does not belong to certificate " + certificate_);
-        const std::lock_guard lock(mutex_);
+        const MutexLock lock(mutex_);
         context_ = context;
     }
 
     void serve(tcp::socket socket, HttpServerCore& core) override {
         TlsConnection made;
         {
-            const std::lock_guard lock(mutex_);
+            const MutexLock lock(mutex_);
             made.context = context_;
         }
         made.connection = std::make_shared<HttpConnection<TlsStream>>(core, std::move(socket), *made.context);
@@ -60,8 +60,8 @@ private:
 
     const std::string certificate_;
     const std::string key_;
-    std::mutex mutex_;
-    std::shared_ptr<ssl::context> context_;
+    Mutex mutex_;
+    std::shared_ptr<ssl::context> context_ VELMORA_GUARDED_BY(mutex_);
 };
 
 }  // namespace

@@ -98,8 +98,7 @@ void Pipeline::submitEvent(std::string event, bool batch) {
 }
 
 bool Pipeline::acceptEvent(const std::string& event, bool batch) {
-    submitting_.lock_shared();
-    const ScopeExit submitted([this] { submitting_.unlock_shared(); });
+    const SharedLock submitting(submitting_);
     const PipelineState state = state_;
     if (state == PipelineState::Off) throw std::system_error(VelmoraError::opt_out, "pipeline is in off state");
     if (!batch && state == PipelineState::On && scheduleDirectPost(event)) return false;
