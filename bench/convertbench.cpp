@@ -39,7 +39,7 @@ const std::string kEvent =
 void BM_Convert(benchmark::State& state) {
     const RuleTable table(mapping());
     for (auto _ : state) {
-        rapidjson::Document event;
+        JsonDocument event;
         if (!parseObject(event, kEvent) || !table.applyAll(event)) state.SkipWithError("not converted");
         benchmark::DoNotOptimize(serialize(event));
     }

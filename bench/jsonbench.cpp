@@ -4,8 +4,8 @@
 #include <rapidjson/stringbuffer.h>
 #include <rapidjson/writer.h>
 
+#include "core/json/jsontext.h"
 #include "core/json/mergejson.h"
-#include "core/json/validjson.h"
 #include "service/config/ingestconfig.h"
 #include "service/ingest/ingestrequest.h"
 

@@ -3,7 +3,6 @@
 
 #include "core/json/jsontext.h"
 #include "core/json/mergejson.h"
-#include "core/json/validjson.h"
 #include "fuzz/fuzzinput.h"
 
 extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size) {

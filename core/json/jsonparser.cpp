@@ -5,9 +5,10 @@
 #include <stdexcept>
 #include <utility>
 
-#include "core/json/parsetext.h"
+#include "core/json/jsonreader.h"
 #include "core/types/errors.h"
 #include "core/types/logger.h"
+#include "core/types/text.h"
 
 namespace velmora {
 namespace {
@@ -25,7 +26,8 @@ public:
     bool Uint64(uint64_t value) { return top().onUint(name_, value), nameUsed(); }
     bool Double(double value) { return top().onDouble(name_, value), nameUsed(); }
     bool String(const char* text, rapidjson::SizeType length, bool) {
-        return top().onString(name_, std::string(text, length)), nameUsed();
+        if (isUtf8(name_) && isUtf8({text, length})) top().onString(name_, std::string(text, length));
+        return nameUsed();
     }
     bool Key(const char* text, rapidjson::SizeType length, bool) {
         name_.assign(text, length);
@@ -76,15 +78,14 @@ void logFailure(size_t offset, const char* reason) {
 }  // namespace
 
 std::error_code JsonParser::parse(const std::string& text, std::shared_ptr<JsonParser> root) {
-    const PaddedText padded(text);
-    TextStream stream(padded);
     PushHandler handler(std::move(root));
+    size_t reached = 0;
     try {
-        const rapidjson::ParseResult result = readStream(stream, handler);
+        const rapidjson::ParseResult result = readText(text, handler, {.refusesBadUtf8 = false}, reached);
         if (result.IsError()) logFailure(result.Offset(), rapidjson::GetParseError_En(result.Code()));
         return static_cast<JsonError>(result.Code());
     } catch (const std::exception& e) {
-        logFailure(stream.Tell(), e.what());
+        logFailure(reached, e.what());
         return JsonError::exception_thrown;
     }
 }

@@ -11,7 +11,8 @@
 
 namespace velmora {
 
-// `name` is the member's name, empty for an array element. Callbacks may throw; the parse then ends with code 18.
+// Takes up the values of one container. `name` is the member's name, empty for an array element. Callbacks may throw;
+// the parse then ends with code 18. Parsers are made and used on the thread that parses.
 class JsonParser {
 public:
     virtual ~JsonParser() = default;
@@ -27,8 +28,9 @@ public:
     virtual void onEnd() = 0;
     [[nodiscard]] virtual bool isObject() const = 0;
 
-    // Parses a document whose root is an object. Returns a "json_error" code, 0 for success; what was taken up before a
-    // fault stays. Failures are logged at debug on channel "json".
+    // Parses a document whose root is an object, behind a byte order mark if there is one. Returns a "json_error" code,
+    // 0 for success; what was taken up before a fault stays. A string that is not UTF-8, or whose name is not, is left
+    // out; text nested deeper than kMaxNesting is refused. Failures are logged at debug on channel "json".
     [[nodiscard]] static std::error_code parse(const std::string& text, std::shared_ptr<JsonParser> root);
 };
 

@@ -1,8 +1,13 @@
-// Builds a JSON document: containers are opened and closed, values go into the one opened last, or into the root.
+// Builds a JSON document: containers are opened and closed, values go into the one opened last, or into the root, which
+// is an object. The document is written into a string at finish().
+//
+// If the string holds a JSON object already, the document begins with its members, so that further ones are appended;
+// any other text, the empty one included, begins an empty object. A member of a name that is there already is not
+// looked for. One thread at a time. Every operation but finish() throws std::logic_error for a call that does not fit
+// what is open, and leaves the document as it was.
 #pragma once
 
 #include <cstdint>
-#include <deque>
 #include <memory>
 #include <string>
 
@@ -10,66 +15,38 @@ namespace velmora {
 
 class JsonWriter {
 public:
-    virtual ~JsonWriter() = default;
+    // The string has to outlive the writer; it is not touched before finish(). `pretty` indents by 4 blanks.
+    explicit JsonWriter(std::string* target, bool pretty = false);
+    ~JsonWriter();
 
     // The name is empty for an array element.
-    virtual void startObject(const std::string& name) = 0;
-    virtual void startArray(const std::string& name) = 0;
+    void startObject(const std::string& name);
+    void startArray(const std::string& name);
 
-    // Close the container opened last. With `keep` false it is discarded: how a section that turned out empty is left
+    // Closes the container opened last. Without `keep` it is discarded: how a section that turned out empty is left
     // out.
-    virtual void endObject(bool keep) = 0;
-    virtual void endArray(bool keep) = 0;
+    void endObject(bool keep);
+    void endArray(bool keep);
 
-    // One argument: an array element; two: a member. A member of that name that is already there is not looked for.
-    virtual void addString(const std::string& value) = 0;
-    virtual void addString(const std::string& name, const std::string& value) = 0;
-    virtual void addBool(bool value) = 0;
-    virtual void addBool(const std::string& name, bool value) = 0;
-    virtual void addInt(int64_t value) = 0;
-    virtual void addInt(const std::string& name, int64_t value) = 0;
-    virtual void addUint(uint64_t value) = 0;
-    virtual void addUint(const std::string& name, uint64_t value) = 0;
+    // With a name members of an object, without one elements of an array.
+    void addString(const std::string& value);
+    void addString(const std::string& name, const std::string& value);
+    void addBool(bool value);
+    void addBool(const std::string& name, bool value);
+    void addInt(int64_t value);
+    void addInt(const std::string& name, int64_t value);
+    void addUint(uint64_t value);
+    void addUint(const std::string& name, uint64_t value);
 
-    // Renders the document.
-    virtual void finish() = 0;
-};
-
-// On a RapidJSON document. The implementation is out of sight so that RapidJSON stays out of this header.
-class JsonWriterBase : public JsonWriter {
-public:
-    JsonWriterBase();
-    ~JsonWriterBase() override;
-
-    void startObject(const std::string& name) override;
-    void startArray(const std::string& name) override;
-    void endObject(bool keep) override;
-    void endArray(bool keep) override;
-    void addString(const std::string& value) override;
-    void addString(const std::string& name, const std::string& value) override;
-    void addBool(bool value) override;
-    void addBool(const std::string& name, bool value) override;
-    void addInt(int64_t value) override;
-    void addInt(const std::string& name, int64_t value) override;
-    void addUint(uint64_t value) override;
-    void addUint(const std::string& name, uint64_t value) override;
-
-protected:
-    struct Document;
-    const std::unique_ptr<Document> document_;
-};
-
-// Writes into a string. If the string holds a JSON object already, the document begins with its members, so that
-// further ones are appended; any other text, the empty one included, begins an empty object. finish() replaces the
-// string by the document, compact or, if `pretty`, indented by 4 blanks. The string has to outlive the writer.
-class JsonStringWriter : public JsonWriterBase {
-public:
-    explicit JsonStringWriter(std::string* target, bool pretty = false);
-    void finish() override;
+    // Replaces the string by the document; containers that are still open are not part of it.
+    void finish();
 
 private:
-    std::string* target_;
-    bool pretty_;
+    struct Document;
+
+    std::string* const target_;
+    const bool pretty_;
+    const std::unique_ptr<Document> document_;
 };
 
 }  // namespace velmora

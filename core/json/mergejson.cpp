@@ -4,54 +4,65 @@
 #include <cstddef>
 
 #include "core/json/jsonparser.h"
-#include "core/json/jsontext.h"
-#include "core/json/validjson.h"
 #include "core/types/errors.h"
 #include "core/types/logger.h"
 
 namespace velmora {
 namespace {
 
-using Allocator = rapidjson::Document::AllocatorType;
-
-// Moves the members of `extra` over; both objects live in the allocator.
-void moveMembers(rapidjson::Value& data, rapidjson::Value& extra, Allocator& allocator) {
+// Moves the members of `extra` over; both objects live in the pool.
+void moveMembers(JsonValue& data, JsonValue& extra, JsonPool& pool) {
+    MemberIndex present(data);
     for (auto& [name, value] : extra.GetObject()) {
-        const auto present = data.FindMember(name);
-        if (present == data.MemberEnd()) {
-            data.AddMember(name, value, allocator);
-        } else if (present->value.IsObject() && value.IsObject()) {
-            moveMembers(present->value, value, allocator);
+        JsonValue* const found = present.find(viewOf(name));
+        if (found == nullptr) {
+            present.append(std::move(name), std::move(value), pool);
+        } else if (found->IsObject() && value.IsObject()) {
+            moveMembers(*found, value, pool);
         } else {
-            present->value = value;
+            *found = value;
         }
     }
 }
 
-void appendQuoted(std::string& out, const std::string& text) { out.append(1, '"').append(text).append(1, '"'); }
-
 }  // namespace
 
-void mergeObjects(rapidjson::Value& data, const rapidjson::Value& extra, Allocator& allocator) {
-    rapidjson::Value copy(extra, allocator);
-    moveMembers(data, copy, allocator);
+MemberIndex::MemberIndex(JsonValue& object) : object_(object) {
+    for (size_t at = 0; at < object.MemberCount(); ++at) index_.findOrAdd(names()(at), at, names());
+}
+
+JsonValue* MemberIndex::find(std::string_view name) const {
+    const size_t at = index_.find(name, names());
+    return at == NameIndex::kNone ? nullptr : &(object_.MemberBegin() + static_cast<std::ptrdiff_t>(at))->value;
+}
+
+void MemberIndex::append(JsonValue name, JsonValue value, JsonPool& pool) {
+    object_.AddMember(name, value, pool);
+    const size_t at = object_.MemberCount() - 1;
+    index_.findOrAdd(names()(at), at, names());
+}
+
+void mergeObjects(JsonValue& data, const JsonValue& extra, JsonPool& pool) {
+    JsonValue copy(extra, pool);
+    moveMembers(data, copy, pool);
 }
 
 void mergeJSON(std::string& data, const std::string& extra) {
     alignas(std::max_align_t) std::array<char, 16384> memory;  // holds a usual event, so that the heap is not asked
-    Allocator allocator(memory.data(), memory.size());
-    rapidjson::Document target(&allocator);
-    if (!parseObject(target, data)) {
+    JsonPool pool(memory.data(), memory.size());
+    JsonDocument target(&pool);
+    const bool isValid = parseObject(target, data);
+    if (!isValid) {
         VELMORA_LOG(warn, "json") << "invalid json data=" << data;
-        data = "{}";
         target.SetObject();
     }
-    rapidjson::Document addition(&allocator);
+    JsonDocument addition(&pool);
     if (!parseObject(addition, extra)) {
         VELMORA_LOG(warn, "json") << "invalid json extra=" << extra;
+        if (!isValid) data = "{}";
         return;
     }
-    moveMembers(target, addition, allocator);
+    moveMembers(target, addition, pool);
     data = serialize(target);
 }
 
@@ -68,9 +79,7 @@ std::string stringMapToJson(const std::unordered_map<std::string, std::string>& 
     std::string json;
     for (const auto& [key, value] : map) {
         json += json.empty() ? '{' : ',';
-        appendQuoted(json, key);
-        json += ':';
-        appendQuoted(json, value);
+        json.append(1, '"').append(key).append("\":\"").append(value).append(1, '"');
     }
     return json.empty() ? "{}" : json + "}";
 }

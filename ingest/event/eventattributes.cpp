@@ -2,19 +2,15 @@
 
 #include <cstring>
 #include <new>
+#include <stdexcept>
 
 #include "core/json/jsontext.h"
 #include "core/json/mergejson.h"
-#include "core/json/textwriter.h"
 
 namespace velmora {
 namespace {
 
-std::string_view viewOf(const rapidjson::Value& text) { return {text.GetString(), text.GetStringLength()}; }
-
-void append(rapidjson::StringBuffer& out, std::string_view text) {
-    std::memcpy(out.Push(text.size()), text.data(), text.size());
-}
+void append(JsonBuffer& out, std::string_view text) { std::memcpy(out.Push(text.size()), text.data(), text.size()); }
 
 }  // namespace
 
@@ -40,44 +36,39 @@ EventAttributes::EventAttributes(const ReadyAttributes& ready, Allocator& alloca
     for (const auto& [name, value, text] : ready.members()) push(name, value, text);
 }
 
-void EventAttributes::push(std::string_view name, const rapidjson::Value* value, std::string_view text) {
+void EventAttributes::push(std::string_view name, const JsonValue* value, std::string_view text) {
     slots_.push_back({name, value, text});
+    index_.findOrAdd(name, slots_.size() - 1, names());
 }
 
 // The pool frees its values as a whole.
-const rapidjson::Value* EventAttributes::keep(rapidjson::Value value) {
-    return new (allocator_.Malloc(sizeof(rapidjson::Value))) rapidjson::Value(std::move(value));
+const JsonValue* EventAttributes::keep(JsonValue value) {
+    return new (allocator_.Malloc(sizeof(JsonValue))) JsonValue(std::move(value));
 }
 
-size_t EventAttributes::indexOf(std::string_view name) const {
-    size_t index = 0;
-    while (index < slots_.size() && slots_[index].name != name) ++index;
-    return index;
-}
+void EventAttributes::append(std::string_view name, JsonValue value) { push(name, keep(std::move(value)), {}); }
 
-void EventAttributes::append(std::string_view name, rapidjson::Value value) { push(name, keep(std::move(value)), {}); }
-
-void EventAttributes::merge(std::string_view name, const rapidjson::Value& value) {
-    const size_t index = indexOf(name);
-    if (index == slots_.size()) return push(name, &value, {});
+void EventAttributes::merge(std::string_view name, const JsonValue& value) {
+    const size_t index = index_.find(name, names());
+    if (index == NameIndex::kNone) return push(name, &value, {});
     Slot& slot = slots_[index];
     slot.text = {};
     if (!slot.value->IsObject() || !value.IsObject()) {
         slot.value = &value;
         return;
     }
-    rapidjson::Value merged(*slot.value, allocator_);
+    JsonValue merged(*slot.value, allocator_);
     mergeObjects(merged, value, allocator_);
     slot.value = keep(std::move(merged));
 }
 
-void EventAttributes::mergeMembers(const rapidjson::Value& object) {
+void EventAttributes::mergeMembers(const JsonValue& object) {
     for (const auto& [name, value] : object.GetObject()) merge(viewOf(name), value);
 }
 
-const rapidjson::Value* EventAttributes::find(std::string_view name) const {
-    const size_t index = indexOf(name);
-    return index == slots_.size() ? nullptr : slots_[index].value;
+const JsonValue* EventAttributes::find(std::string_view name) const {
+    const size_t index = index_.find(name, names());
+    return index == NameIndex::kNone ? nullptr : slots_[index].value;
 }
 
 void EventAttributes::add(std::string_view name, std::string_view value) {
@@ -87,18 +78,8 @@ void EventAttributes::add(std::string_view name, std::string_view value) {
     push(viewOf(*copy(name)), copy(value), {});
 }
 
-void EventAttributes::write(rapidjson::StringBuffer& out) const {
-    const size_t begin = out.GetSize();
-    writeWith<rapidjson::Writer<rapidjson::StringBuffer>>(out);
-    const size_t written = out.GetSize() - begin;
-    if (!holdsLateControls(out.GetString() + begin, written)) return;
-    out.Pop(written);
-    writeWith<TextWriter>(out);
-}
-
-template <typename Writer>
-void EventAttributes::writeWith(rapidjson::StringBuffer& out) const {
-    Writer writer(out);
+void EventAttributes::write(JsonBuffer& out) const {
+    JsonTextWriter writer(out);
     out.Put('{');
     for (size_t index = 0; index < slots_.size(); ++index) {
         const Slot& slot = slots_[index];
@@ -107,11 +88,10 @@ void EventAttributes::writeWith(rapidjson::StringBuffer& out) const {
             velmora::append(out, slot.text);
             continue;
         }
-        writer.Reset(out);
-        writer.String(slot.name.data(), static_cast<rapidjson::SizeType>(slot.name.size()));
+        appendQuoted(out, slot.name);
         out.Put(':');
         writer.Reset(out);
-        slot.value->Accept(writer);
+        if (!slot.value->Accept(writer)) throw std::invalid_argument("a number that JSON has no text for");
     }
     out.Put('}');
 }

@@ -2,8 +2,8 @@
 // over them. Nothing is copied or rendered twice; what stays as it was held ready goes out as ready-made text.
 #pragma once
 
-#include <rapidjson/document.h>
-#include <rapidjson/stringbuffer.h>
+#include "core/json/jsontext.h"
+#include "core/json/nameindex.h"
 
 #include <string>
 #include <string_view>
@@ -18,7 +18,7 @@ class ReadyAttributes {
 public:
     struct Member {
         std::string_view name;
-        const rapidjson::Value* value;
+        const JsonValue* value;
         std::string_view text;  // name and value as they stand in an object's text
     };
 
@@ -30,7 +30,7 @@ public:
     [[nodiscard]] const std::vector<Member>& members() const { return members_; }
 
 private:
-    rapidjson::Document document_;
+    JsonDocument document_;
     std::string text_;  // all members, joined by commas
     std::vector<Member> members_;
 };
@@ -38,40 +38,41 @@ private:
 // Refers to what it is given: the ready attributes, the allocator and merged values have to outlive it.
 class EventAttributes final : public AttributeView {
 public:
-    using Allocator = rapidjson::Document::AllocatorType;
+    using Allocator = JsonPool;
 
     // `expected` is how many members will be added.
     EventAttributes(const ReadyAttributes& ready, Allocator& allocator, size_t expected);
 
     // Appends without looking for the name.
-    void append(std::string_view name, rapidjson::Value value);
+    void append(std::string_view name, JsonValue value);
 
     // Lays a value over the first attribute of the name: two objects are merged, anything else is replaced in its
     // place, a new name is appended.
-    void merge(std::string_view name, const rapidjson::Value& value);
-    void mergeMembers(const rapidjson::Value& object);
+    void merge(std::string_view name, const JsonValue& value);
+    void mergeMembers(const JsonValue& object);
 
-    [[nodiscard]] const rapidjson::Value* find(std::string_view name) const override;
+    [[nodiscard]] const JsonValue* find(std::string_view name) const override;
     void add(std::string_view name, std::string_view value) override;
 
     // Appends the object's text.
-    void write(rapidjson::StringBuffer& out) const;
+    void write(JsonBuffer& out) const;
 
 private:
     struct Slot {
         std::string_view name;
-        const rapidjson::Value* value;
+        const JsonValue* value;
         std::string_view text;  // ready-made, or empty
     };
 
-    [[nodiscard]] size_t indexOf(std::string_view name) const;
-    [[nodiscard]] const rapidjson::Value* keep(rapidjson::Value value);
-    void push(std::string_view name, const rapidjson::Value* value, std::string_view text);
-    template <typename Writer>
-    void writeWith(rapidjson::StringBuffer& out) const;
+    [[nodiscard]] auto names() const {
+        return [this](size_t at) { return slots_[at].name; };
+    }
+    [[nodiscard]] const JsonValue* keep(JsonValue value);
+    void push(std::string_view name, const JsonValue* value, std::string_view text);
 
     Allocator& allocator_;
     std::vector<Slot> slots_;
+    NameIndex index_;  // of equal names the first
 };
 
 }  // namespace velmora

@@ -1,7 +1,5 @@
 #include "ingest/event/eventpreset.h"
 
-#include <rapidjson/stringbuffer.h>
-
 #include <array>
 #include <atomic>
 #include <cstddef>
@@ -22,7 +20,7 @@
 namespace velmora {
 namespace {
 
-using Allocator = rapidjson::Document::AllocatorType;
+using Allocator = JsonPool;
 
 constexpr size_t kUsualEnvelopeSize = 4096;
 constexpr size_t kUsualDocumentSize = 8192;
@@ -40,8 +38,8 @@ struct Pool {
     Allocator allocator{memory.data(), memory.size()};
 };
 
-rapidjson::Value refer(const std::string& text) {
-    return rapidjson::Value(rapidjson::StringRef(text.data(), static_cast<rapidjson::SizeType>(text.size())));
+JsonValue refer(const std::string& text) {
+    return JsonValue(rapidjson::StringRef(text.data(), static_cast<rapidjson::SizeType>(text.size())));
 }
 
 // What is asked of the system for one event. Other values refer to these texts.
@@ -62,8 +60,8 @@ struct Moment {
         guid = makeGuid();
     }
 
-    [[nodiscard]] rapidjson::Value environment(Allocator& allocator) const {
-        rapidjson::Value env(rapidjson::kObjectType);
+    [[nodiscard]] JsonValue environment(Allocator& allocator) const {
+        JsonValue env(rapidjson::kObjectType);
         if (hasConnection) env.AddMember("connection_type", refer(connection), allocator);
         env.AddMember("dts_end", refer(dtsEnd), allocator);
         if (hasLanguage) env.AddMember("language", refer(language), allocator);
@@ -78,7 +76,7 @@ void appendIfAny(EventAttributes& data, const char* name, const std::string& val
 
 void mergeIfAny(EventAttributes& data, const char* name, const std::string& value, Allocator& allocator) {
     if (value.empty()) return;
-    data.merge(name, *new (allocator.Malloc(sizeof(rapidjson::Value))) rapidjson::Value(refer(value)));
+    data.merge(name, *new (allocator.Malloc(sizeof(JsonValue))) JsonValue(refer(value)));
 }
 
 void addAutomaticAttributes(EventAttributes& data, const Moment& moment, Allocator& allocator) {
@@ -90,37 +88,34 @@ void addAutomaticAttributes(EventAttributes& data, const Moment& moment, Allocat
     mergeIfAny(data, key::kEventOffline, moment.offline, allocator);
 }
 
-void append(rapidjson::StringBuffer& out, std::string_view text) {
-    std::memcpy(out.Push(text.size()), text.data(), text.size());
-}
+void append(JsonBuffer& out, std::string_view text) { std::memcpy(out.Push(text.size()), text.data(), text.size()); }
 
-std::string textOf(const rapidjson::StringBuffer& buffer) { return {buffer.GetString(), buffer.GetSize()}; }
+std::string textOf(const JsonBuffer& buffer) { return {buffer.GetString(), buffer.GetSize()}; }
 
 // The object of an envelope that the batch-time attributes go into.
-rapidjson::Value& dataOf(rapidjson::Document& event) {
+JsonValue& dataOf(JsonDocument& event) {
     const auto data = event.FindMember(key::kData);
     if (data == event.MemberEnd()) {
-        event.AddMember(rapidjson::StringRef(key::kData), rapidjson::Value(rapidjson::kObjectType),
-                        event.GetAllocator());
+        event.AddMember(rapidjson::StringRef(key::kData), JsonValue(rapidjson::kObjectType), event.GetAllocator());
         return (event.MemberEnd() - 1)->value;
     }
     if (!data->value.IsObject()) data->value.SetObject();
     return data->value;
 }
 
-void mergeUserAgent(rapidjson::Value& data, Allocator& allocator) {
+void mergeUserAgent(JsonValue& data, Allocator& allocator) {
     std::string userAgent;
     if (!sysinfo::getUserAgent(userAgent)) return;
-    rapidjson::Value env(rapidjson::kObjectType);
+    JsonValue env(rapidjson::kObjectType);
     const auto length = static_cast<rapidjson::SizeType>(userAgent.size());
-    env.AddMember("user_agent", rapidjson::Value(userAgent.data(), length, allocator), allocator);
-    rapidjson::Value attributes(rapidjson::kObjectType);
+    env.AddMember("user_agent", JsonValue(userAgent.data(), length, allocator), allocator);
+    JsonValue attributes(rapidjson::kObjectType);
     attributes.AddMember(rapidjson::StringRef(key::kEntityEnv), env, allocator);
     mergeObjects(data, attributes, allocator);
 }
 
-std::shared_ptr<const rapidjson::Document> parsed(const std::string& json) {
-    auto document = std::make_shared<rapidjson::Document>();
+std::shared_ptr<const JsonDocument> parsed(const std::string& json) {
+    auto document = std::make_shared<JsonDocument>();
     if (!parseObject(*document, json)) document->SetObject();
     return document;
 }
@@ -132,7 +127,7 @@ bool isEventOnline() noexcept { return eventOnline.load(std::memory_order_relaxe
 
 // The JSON texts and parsed objects that are held ready. Objects are shared and never changed, only replaced.
 struct EventPreset::Fragments {
-    using Object = std::shared_ptr<const rapidjson::Document>;
+    using Object = std::shared_ptr<const JsonDocument>;
 
     std::string eventBase;
     const std::string device = makeDeviceFragment();
@@ -158,7 +153,7 @@ EventPreset::~EventPreset() = default;
 std::string EventPreset::getEventPayload(const std::string& data, uint32_t level, std::string configOverride) {
     VELMORA_LOG(trace, "event.preset") << "In getEventPayload: data=" << data << " config override=" << configOverride;
     Pool pool;
-    rapidjson::Document event(&pool.allocator);
+    JsonDocument event(&pool.allocator);
     if (!parseObject(event, data, kMaxEventNesting)) throw std::system_error(VelmoraError::invalid_json);
     const auto ready = dataBase();
     const Moment moment;
@@ -174,7 +169,7 @@ std::string EventPreset::getEventPayload(const std::string& data, uint32_t level
 
 std::string EventPreset::envelope(const EventAttributes& data, const std::string& time,
                                   const std::string& configOverride) const {
-    rapidjson::StringBuffer out(nullptr, kUsualEnvelopeSize);
+    JsonBuffer out(nullptr, kUsualEnvelopeSize);
     if (configOverride == kEmptyObject) {
         append(out, std::string_view(envelopeBase_).substr(0, envelopeBase_.size() - 1));
         if (!time.empty()) append(out, ",\"time\":\"" + time + '"');
@@ -215,9 +210,9 @@ bool EventPreset::tryApplyBatchAttributes(std::string& event, bool includeIdenti
         lorne = fragments_->lorne;
     }
     Pool pool;
-    rapidjson::Document envelope(&pool.allocator);
+    JsonDocument envelope(&pool.allocator);
     if (!parseObject(envelope, event)) return false;
-    rapidjson::Value& data = dataOf(envelope);
+    JsonValue& data = dataOf(envelope);
     mergeObjects(data, *userAgent, pool.allocator);
     mergeUserAgent(data, pool.allocator);
     if (includeIdentity) {
@@ -250,7 +245,7 @@ void EventPreset::setCommonAttributes(const StringMap& attributes) {
 
 void EventPreset::useCommonAttributes(StringMap attributes) {
     std::string json = stringMapToJson(attributes);
-    rapidjson::Document document;
+    JsonDocument document;
     if (!parseObject(document, json, kMaxEventNesting)) throw std::system_error(VelmoraError::invalid_argument);
     fragments_->commonAttributes = std::move(attributes);
     fragments_->commonAttributesJson = std::move(json);

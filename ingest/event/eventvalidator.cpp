@@ -5,7 +5,6 @@
 #include <deque>
 
 #include "core/json/jsontext.h"
-#include "core/json/validjson.h"
 #include "core/types/errors.h"
 #include "core/types/logger.h"
 
@@ -51,11 +50,11 @@ bool matchesWhole(std::string_view text, const boost::regex& pattern) {
 
 class DocumentView final : public AttributeView {
 public:
-    explicit DocumentView(rapidjson::Document& document) : document_(document) {}
+    explicit DocumentView(JsonDocument& document) : document_(document) {}
 
-    [[nodiscard]] const rapidjson::Value* find(std::string_view name) const override {
+    [[nodiscard]] const JsonValue* find(std::string_view name) const override {
         const auto length = static_cast<rapidjson::SizeType>(name.size());
-        const auto member = document_.FindMember(rapidjson::Value(rapidjson::StringRef(name.data(), length)));
+        const auto member = document_.FindMember(JsonValue(rapidjson::StringRef(name.data(), length)));
         return member == document_.MemberEnd() ? nullptr : &member->value;
     }
 
@@ -64,11 +63,11 @@ public:
     }
 
 private:
-    rapidjson::Value copy(std::string_view text) {
+    JsonValue copy(std::string_view text) {
         return {text.data(), static_cast<rapidjson::SizeType>(text.size()), document_.GetAllocator()};
     }
 
-    rapidjson::Document& document_;
+    JsonDocument& document_;
 };
 
 [[noreturn]] void throwInvalidFormat() { throw std::system_error(VelmoraError::invalid_event_format); }
@@ -100,7 +99,7 @@ private:
             : name(attribute), rule(from), acceptsAll(from.pattern.str() == ".*") {}
 
         [[nodiscard]] bool passes(AttributeView& event) const {
-            const rapidjson::Value* const value = event.find(name);
+            const JsonValue* const value = event.find(name);
             if (value != nullptr) return accepts(*value);
             if (!rule.required) return true;
             if (rule.defaultValue.empty()) return false;
@@ -108,7 +107,7 @@ private:
             return true;
         }
 
-        [[nodiscard]] bool accepts(const rapidjson::Value& value) const {
+        [[nodiscard]] bool accepts(const JsonValue& value) const {
             if (acceptsAll) return true;
             if (!value.IsString()) return accepts(std::string_view(toText(value)));
             return accepts(std::string_view(value.GetString(), value.GetStringLength()));
@@ -144,7 +143,7 @@ std::shared_ptr<const EventValidator::Rules> EventValidator::rulesFor(uint32_t l
 }
 
 void EventValidator::validate(std::string& event, uint32_t level) const {
-    rapidjson::Document document;
+    JsonDocument document;
     if (!parseObject(document, event)) throw std::system_error(VelmoraError::invalid_json);
     const auto rules = rulesFor(level);
     if (!rules) return;

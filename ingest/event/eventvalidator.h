@@ -2,7 +2,7 @@
 // attributes that are missing.
 #pragma once
 
-#include <rapidjson/document.h>
+#include "core/json/jsontext.h"
 
 #include <cstdint>
 #include <memory>
@@ -24,7 +24,7 @@ public:
     virtual ~AttributeView() = default;
 
     // The first attribute of that name, null if there is none. Valid until the next add().
-    [[nodiscard]] virtual const rapidjson::Value* find(std::string_view name) const = 0;
+    [[nodiscard]] virtual const JsonValue* find(std::string_view name) const = 0;
 
     // Appends a text attribute; both texts are copied.
     virtual void add(std::string_view name, std::string_view value) = 0;

@@ -77,7 +77,7 @@ public:
     void finish() { json_.finish(); }
 
 private:
-    JsonStringWriter json_;
+    JsonWriter json_;
 };
 
 }  // namespace velmora

@@ -5,7 +5,7 @@
 #include <sstream>
 #include <system_error>
 
-#include "core/json/validjson.h"
+#include "core/json/jsontext.h"
 #include "core/types/errors.h"
 #include "core/types/logger.h"
 

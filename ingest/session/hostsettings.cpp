@@ -2,7 +2,7 @@
 
 #include <vector>
 
-#include "core/json/validjson.h"
+#include "core/json/jsontext.h"
 #include "core/utils/strings.h"
 
 namespace velmora {

@@ -15,7 +15,7 @@ namespace {
 
 std::string accountTypeJson(const std::string& accountType) {
     std::string json;
-    JsonStringWriter writer(&json);
+    JsonWriter writer(&json);
     writer.addString("account_type", accountType);
     writer.finish();
     return json;

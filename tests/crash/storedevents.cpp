@@ -3,7 +3,7 @@
 #include <boost/filesystem/operations.hpp>
 
 #include "core/crypt/crypt.h"
-#include "core/json/validjson.h"
+#include "core/json/jsontext.h"
 #include "core/queue/queuereader.h"
 
 namespace velmora::test {

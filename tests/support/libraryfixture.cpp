@@ -24,7 +24,7 @@ bool isIngest(const HostRequest& request) { return request.url.find("/ingest") !
 
 }  // namespace
 
-std::string textOf(const rapidjson::Value& value) { return serialize(value); }
+std::string textOf(const JsonValue& value) { return serialize(value); }
 
 CapturedLog& LibraryTest::processLog() {
     static CapturedLog log(LogLevel::warn);
@@ -74,34 +74,34 @@ int32_t LibraryTest::submit(velmora_ingest_instance instance, const std::string&
     return velmora_ingest_submitEvent(instance, json.c_str(), batch, auth, VELMORA_VALIDATE_CONFIGURED);
 }
 
-rapidjson::Document LibraryTest::posted() {
-    rapidjson::Document all(rapidjson::kArrayType);
+JsonDocument LibraryTest::posted() {
+    JsonDocument all(rapidjson::kArrayType);
     for (const HostRequest& request : host_.requests()) {
         if (!isIngest(request)) continue;
-        rapidjson::Document batch;
+        JsonDocument batch;
         const bool isParsed = !parseValue(batch, request.text()).IsError();
         EXPECT_TRUE(isParsed) << request.text();
         if (!isParsed) continue;
         for (const auto& event : batch["events"].GetArray()) {
-            all.PushBack(rapidjson::Value(event, all.GetAllocator()), all.GetAllocator());
+            all.PushBack(JsonValue(event, all.GetAllocator()), all.GetAllocator());
         }
     }
     return all;
 }
 
 size_t LibraryTest::countPosted(const std::string& value, const char* key) {
-    const rapidjson::Document all = posted();
-    return static_cast<size_t>(std::count_if(all.Begin(), all.End(), [&](const rapidjson::Value& event) {
+    const JsonDocument all = posted();
+    return static_cast<size_t>(std::count_if(all.Begin(), all.End(), [&](const JsonValue& event) {
         const auto& data = event["data"];
         return data.HasMember(key) && toText(data[key]) == value;
     }));
 }
 
-rapidjson::Document LibraryTest::awaitPosted(const std::string& value, const char* key) {
+JsonDocument LibraryTest::awaitPosted(const std::string& value, const char* key) {
     EXPECT_TRUE(host_.waitUntil([&] { return countPosted(value, key) > 0; }))
         << "no event with " << key << " " << value;
-    rapidjson::Document data(rapidjson::kObjectType);
-    const rapidjson::Document all = posted();
+    JsonDocument data(rapidjson::kObjectType);
+    const JsonDocument all = posted();
     for (const auto& event : all.GetArray()) {
         const auto member = event["data"].FindMember(key);
         if (member == event["data"].MemberEnd() || toText(member->value) != value) continue;

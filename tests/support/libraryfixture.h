@@ -3,8 +3,8 @@
 #pragma once
 
 #include <gtest/gtest.h>
-#include <rapidjson/document.h>
 #include <velmora/velmora.h>
+#include "core/json/jsontext.h"
 
 #include <functional>
 #include <memory>
@@ -36,10 +36,10 @@ protected:
     int32_t submit(velmora_ingest_instance instance, const std::string& json, bool auth = false, bool batch = true);
 
     // Every event that has been posted to the ingest service so far, in order, in one array of envelopes.
-    rapidjson::Document posted();
+    JsonDocument posted();
 
     // The "data" of the first posted event whose subtype (or any other key) is `value`; waits for it.
-    rapidjson::Document awaitPosted(const std::string& value, const char* key = "event.subtype");
+    JsonDocument awaitPosted(const std::string& value, const char* key = "event.subtype");
 
     size_t countPosted(const std::string& value, const char* key = "event.subtype");
 
@@ -54,6 +54,6 @@ private:
     std::vector<velmora_ingest_instance> started_;
 };
 
-std::string textOf(const rapidjson::Value& value);
+std::string textOf(const JsonValue& value);
 
 }  // namespace velmora::test

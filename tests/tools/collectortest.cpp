@@ -61,8 +61,8 @@ protected:
         return ask("POST", "/ingest", headers, body).status;
     }
 
-    rapidjson::Document get(const std::string& path) const {
-        rapidjson::Document document;
+    JsonDocument get(const std::string& path) const {
+        JsonDocument document;
         const HttpReply reply = ask("GET", path);
         EXPECT_EQ(reply.status, 200) << path << reply.body;
         EXPECT_FALSE(parseValue(document, reply.body).IsError()) << reply.body;
@@ -99,7 +99,7 @@ TEST_F(CollectorTest, KeepsWhatArrivesInOrderAndFindsItAgain) {
     for (const auto& row : rows) {
         SCOPED_TRACE(row.query);
         std::string guids;
-        const rapidjson::Document answer = get(std::string("/events") + row.query);
+        const JsonDocument answer = get(std::string("/events") + row.query);
         for (const auto& found : answer["events"].GetArray()) {
             guids += found["guid"].GetString();
             EXPECT_EQ(found["event"]["data"]["event.guid"], found["guid"]);
@@ -235,7 +235,7 @@ TEST_F(CollectorTest, KeepsOtherSitesOutAndPagesWithoutEnd) {
     for (int i = 1; i < 1300; ++i) many += "," + event("g" + std::to_string(i));
     EXPECT_EQ(post(gzip(batch(many)), kKey, "gzip"), 200);
     EXPECT_EQ(get("/events?limit=1300")["events"].Size(), 1300U);
-    const rapidjson::Document page = get("/events");
+    const JsonDocument page = get("/events");
     EXPECT_EQ(page["events"].Size(), 1000U);
     EXPECT_EQ(get("/events?since=" + std::to_string(page["next"].GetInt()))["events"].Size(), 300U);
     const HttpReply lines = ask("GET", "/events?format=ndjson");

@@ -83,8 +83,8 @@ protected:
         return write("events.jsonl", text);
     }
 
-    rapidjson::Document get(const std::string& path) const {
-        rapidjson::Document document;
+    JsonDocument get(const std::string& path) const {
+        JsonDocument document;
         const test::HttpReply reply = test::exchange(collector_->port(), "GET", path);
         EXPECT_EQ(reply.status, 200) << path;
         EXPECT_FALSE(parseValue(document, reply.body).IsError());
@@ -93,7 +93,7 @@ protected:
 
     std::vector<std::string> values(const std::string& query) const {
         std::vector<std::string> found;
-        const rapidjson::Document answer = get("/events?limit=100000&" + query);
+        const JsonDocument answer = get("/events?limit=100000&" + query);
         for (const auto& event : answer["events"].GetArray())
             found.emplace_back(event["event"]["data"]["event.value"].GetString());
         return found;
@@ -101,7 +101,7 @@ protected:
 
     std::set<std::string> guids() const {
         std::set<std::string> found;
-        const rapidjson::Document answer = get("/events?limit=100000");
+        const JsonDocument answer = get("/events?limit=100000");
         for (const auto& event : answer["events"].GetArray()) found.insert(event["guid"].GetString());
         return found;
     }

@@ -1,5 +1,5 @@
 #include <gtest/gtest.h>
-#include <rapidjson/document.h>
+#include "core/json/jsontext.h"
 
 #include <atomic>
 #include <boost/filesystem.hpp>
@@ -8,7 +8,6 @@
 
 #include "core/crypt/crypt.h"
 #include "core/filesystem/lockedpath.h"
-#include "core/json/jsontext.h"
 #include "ingest/event/store/eventstore.h"
 #include "tests/support/files.h"
 #include "tests/support/system.h"
@@ -249,7 +248,7 @@ TEST(InspectCommand, ReportsAsTextAsJsonAndByExitCode) {
     overwrite(store / kPart, 155, "\xFF");
     const auto [damaged, json] = run(folder.path(), quoted + " --passphrase p --json");
     EXPECT_EQ(damaged, 1) << json;
-    rapidjson::Document document;
+    JsonDocument document;
     ASSERT_FALSE(parseValue(document, json).IsError()) << json;
     EXPECT_FALSE(document["healthy"].GetBool());
     EXPECT_EQ(document["damaged"].GetUint(), 1U);

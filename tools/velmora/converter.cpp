@@ -16,7 +16,7 @@ public:
         : table_(table), explain_(explain), out_(out), notes_(notes) {}
 
     void convertText(const std::string& text, size_t line) {
-        rapidjson::Document event;
+        JsonDocument event;
         const rapidjson::ParseResult result = parseValue(event, text);
         if (!result.IsError() && event.IsObject()) return convert(event, line);
         ++report_.failed;
@@ -25,7 +25,7 @@ public:
         notes_ << '\n';
     }
 
-    void convert(rapidjson::Document& event, size_t line) {
+    void convert(JsonDocument& event, size_t line) {
         if (explain_) notes_ << "line " << line << ":\n";
         size_t rule = 0;
         try {
@@ -42,7 +42,7 @@ public:
     [[nodiscard]] const ConvertReport& report() const { return report_; }
 
 private:
-    bool apply(size_t rule, rapidjson::Document& event) {
+    bool apply(size_t rule, JsonDocument& event) {
         const bool matched = table_.apply(rule, event, run_);
         if (!explain_) return matched;
         notes_ << "  rule of line " << table_.mapping().rules[rule].line << ": ";
@@ -58,7 +58,7 @@ private:
         return matched;
     }
 
-    void finish(const rapidjson::Document& event, bool matched, size_t line) {
+    void finish(const JsonDocument& event, bool matched, size_t line) {
         if (matched) {
             ++report_.converted;
             out_ << serialize(event) << '\n';
@@ -77,7 +77,7 @@ private:
 };
 
 void convertJson(const std::string& input, Conversion& conversion) {
-    rapidjson::Document event;
+    JsonDocument event;
     if (!parseValue(event, input).IsError() && event.IsObject()) return conversion.convert(event, 1);
     std::istringstream lines(input);
     std::string line;
@@ -89,7 +89,7 @@ void convertJson(const std::string& input, Conversion& conversion) {
 void convertCsv(const std::string& input, Conversion& conversion) {
     const csv::Parser events = csv::Parser::fromText(input, "the input", ',');
     for (const csv::Row& row : events.rows()) {
-        rapidjson::Document event;
+        JsonDocument event;
         eventOfRow(row, event);
         conversion.convert(event, row.line());
     }

@@ -1,11 +1,9 @@
 #include "tools/velmora/eventline.h"
 
-#include <rapidjson/document.h>
+#include "core/json/jsontext.h"
 
 #include "core/utils/strings.h"
 
-#include "core/json/jsontext.h"
-#include "core/json/textwriter.h"
 
 namespace velmora::tool {
 namespace {
@@ -22,7 +20,7 @@ std::string validUtf8(const std::string& text) {
     std::string valid;
     rapidjson::StringStream in(text.c_str());
     while (in.Tell() < text.size()) {
-        rapidjson::StringBuffer character;
+        JsonBuffer character;
         const bool isValid = rapidjson::UTF8<>::Validate(in, character);
         valid += isValid ? std::string(character.GetString(), character.GetSize()) : "?";
     }
@@ -32,7 +30,7 @@ std::string validUtf8(const std::string& text) {
 }  // namespace
 
 EventLine identifiedEvent(const std::string& line) {
-    rapidjson::Document document;
+    JsonDocument document;
     if (parseValue(document, line).IsError() || !document.IsObject()) return {line, ""};
     const auto own = document.FindMember(kGuidKey);
     if (own != document.MemberEnd()) return {line, own->value.IsString() ? own->value.GetString() : ""};
@@ -47,8 +45,8 @@ EventLine eventOfText(const std::string& line, const std::string& workflow) {
                                                            {"event.subcategory", "Text"},
                                                            {"event.type", "line"},
                                                            {"event.value", validUtf8(line)}};
-    rapidjson::StringBuffer buffer;
-    TextWriter writer(buffer);
+    JsonBuffer buffer;
+    JsonTextWriter writer(buffer);
     writer.StartObject();
     for (const auto& [key, value] : members) {
         writer.Key(key);

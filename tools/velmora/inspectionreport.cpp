@@ -3,14 +3,14 @@
 #include <array>
 #include <ostream>
 
-#include "core/json/textwriter.h"
+#include "core/json/jsontext.h"
 #include "core/utils/timestamps.h"
 
 namespace velmora::tool {
 namespace {
 
 using platform::HoldState;
-using JsonOut = TextWriter;
+using JsonOut = JsonTextWriter;
 
 constexpr int64_t kTicksPerSecond = 10'000'000;
 
@@ -226,7 +226,7 @@ void writeText(const Inspected& root, int64_t now, std::ostream& out) {
 }
 
 void writeJson(const Inspected& root, int64_t now, std::ostream& out) {
-    rapidjson::StringBuffer buffer;
+    JsonBuffer buffer;
     JsonOut writer(buffer);
     JsonReport(now, writer).write(root);
     out.write(buffer.GetString(), static_cast<std::streamsize>(buffer.GetSize())) << '\n';

@@ -12,7 +12,7 @@ constexpr size_t kCipherBlock = 16;
 
 // The compact text of a JSON object; nothing for any other text.
 std::optional<std::string> eventOf(const std::string& text) {
-    rapidjson::Document document;
+    JsonDocument document;
     if (parseValue(document, text).IsError() || !document.IsObject()) return std::nullopt;
     return printable(serialize(document));
 }
@@ -44,7 +44,7 @@ std::string printable(const std::string& text) {
     rapidjson::StringStream in(text.c_str());
     while (in.Tell() < text.size()) {
         const size_t start = in.Tell();
-        rapidjson::StringBuffer character;
+        JsonBuffer character;
         const bool isText = rapidjson::UTF8<>::Validate(in, character) && in.Tell() <= text.size();
         if (isText && !isControl(text, start)) {
             out.append(text, start, in.Tell() - start);

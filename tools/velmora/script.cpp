@@ -1,24 +1,23 @@
 #include "tools/velmora/script.h"
 
-#include <rapidjson/document.h>
+#include "core/json/jsontext.h"
 
 #include <stdexcept>
-#include "core/json/jsontext.h"
 
 namespace velmora::tool {
 namespace {
 
-uint64_t readNumber(const rapidjson::Value& value, const std::string& name, uint64_t limit) {
+uint64_t readNumber(const JsonValue& value, const std::string& name, uint64_t limit) {
     if (!value.IsUint64() || value.GetUint64() > limit) throw std::invalid_argument("bad number for " + name);
     return value.GetUint64();
 }
 
-bool readFlag(const rapidjson::Value& value, const std::string& name) {
+bool readFlag(const JsonValue& value, const std::string& name) {
     if (!value.IsBool()) throw std::invalid_argument("bad flag for " + name);
     return value.GetBool();
 }
 
-void readMember(const std::string& name, const rapidjson::Value& value, ScriptOrder& order) {
+void readMember(const std::string& name, const JsonValue& value, ScriptOrder& order) {
     constexpr uint64_t kDay = 86400;
     ScriptStep& step = order.step;
     if (name == "fail") {
@@ -42,7 +41,7 @@ void readMember(const std::string& name, const rapidjson::Value& value, ScriptOr
 }  // namespace
 
 ScriptOrder parseScript(const std::string& json) {
-    rapidjson::Document document;
+    JsonDocument document;
     if (parseValue(document, json).IsError() || !document.IsObject()) throw std::invalid_argument("no JSON object");
     ScriptOrder order;
     for (const auto& member : document.GetObject()) readMember(member.name.GetString(), member.value, order);

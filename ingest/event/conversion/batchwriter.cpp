@@ -27,7 +27,7 @@ void appendUnderColumns(Cells& cells, const Cells& columns, const Pairs& pairs) 
     }
 }
 
-void appendValues(Cells& cells, const Cells& keys, const rapidjson::Document& document) {
+void appendValues(Cells& cells, const Cells& keys, const JsonDocument& document) {
     for (const std::string& key : keys) {
         const auto member = document.FindMember(key);
         cells.push_back(member == document.MemberEnd() ? std::string() : toText(member->value));
@@ -59,7 +59,7 @@ TransformBatchWriter::TransformBatchWriter(std::ostream& out, const RuleTable& t
 void TransformBatchWriter::write(const csv::Row& row) {
     Cells input;
     for (size_t i = 0; i < row.size(); ++i) input.push_back(row[i].second);
-    rapidjson::Document event;
+    JsonDocument event;
     eventOfRow(row, event);
     RuleRun run;
     bool matched = false;
@@ -74,7 +74,7 @@ void TransformBatchWriter::write(const csv::Row& row) {
 }
 
 void TransformBatchWriter::writeMatch(const Cells& input, const service::ingest::Rule& rule,
-                                      const rapidjson::Document& document) {
+                                      const JsonDocument& document) {
     Cells cells = input;
     append(cells, {"", joined(rule.options)});
     appendUnderColumns(cells, table_.mapping().inKeys, rule.in);
@@ -90,7 +90,7 @@ void TransformBatchWriter::writeCells(const Cells& cells) {
     out_ << '\n';
 }
 
-void eventOfRow(const csv::Row& row, rapidjson::Document& event) {
+void eventOfRow(const csv::Row& row, JsonDocument& event) {
     event.SetObject();
     for (size_t i = 0; i < row.size(); ++i) {
         const auto [column, cell] = row[i];

@@ -25,7 +25,7 @@ public:
 private:
     using Cells = std::vector<std::string>;
 
-    void writeMatch(const Cells& input, const service::ingest::Rule& rule, const rapidjson::Document& document);
+    void writeMatch(const Cells& input, const service::ingest::Rule& rule, const JsonDocument& document);
     void writeCells(const Cells& cells);
 
     std::ostream& out_;
@@ -35,6 +35,6 @@ private:
 };
 
 // The event that a row stands for: a string member per column.
-void eventOfRow(const csv::Row& row, rapidjson::Document& event);
+void eventOfRow(const csv::Row& row, JsonDocument& event);
 
 }  // namespace velmora

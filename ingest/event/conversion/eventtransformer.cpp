@@ -60,7 +60,7 @@ EventTransformer::~EventTransformer() = default;
 
 void EventTransformer::transform(std::string& json, bool& matched) {
     matched = false;
-    rapidjson::Document document;
+    JsonDocument document;
     if (!parseObject(document, json)) {
         json = "{}";
         throw std::system_error(VelmoraError::invalid_json);

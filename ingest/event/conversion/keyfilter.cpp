@@ -13,7 +13,7 @@ namespace {
 constexpr std::array<std::string_view, 7> kPrefixes = {"context.", "env.",  "event.", "exp.",
                                                        "source.",  "user.", "entity."};
 
-int nestingOf(const rapidjson::Value& value) {
+int nestingOf(const JsonValue& value) {
     int deepest = 0;
     if (value.IsObject()) {
         for (const auto& member : value.GetObject()) deepest = std::max(deepest, nestingOf(member.value));
@@ -25,11 +25,11 @@ int nestingOf(const rapidjson::Value& value) {
     return deepest + 1;
 }
 
-void mergeInto(rapidjson::Value& document, const std::string& key, const rapidjson::Value& extra,
+void mergeInto(JsonValue& document, const std::string& key, const JsonValue& extra,
                TransformRule::Allocator& allocator) {
     const auto member = document.FindMember(key);
     if (member == document.MemberEnd()) {
-        document.AddMember(rapidjson::Value(key, allocator), rapidjson::Value(extra, allocator), allocator);
+        document.AddMember(JsonValue(key, allocator), JsonValue(extra, allocator), allocator);
     } else if (member->value.IsObject()) {
         mergeObjects(member->value, extra, allocator);
     } else {
@@ -47,7 +47,7 @@ KeyFilter::KeyFilter(const service::ingest::Rule& rule, std::shared_ptr<const Ke
     for (const auto& [key, format] : rule.out) targets_.push_back(key);
 }
 
-bool KeyFilter::apply(rapidjson::Value& document, Allocator& allocator, RuleRun&) const {
+bool KeyFilter::apply(JsonValue& document, Allocator& allocator, RuleRun&) const {
     if (excludes_) return exclude(document);
     return includes_ && include(document, allocator);
 }
@@ -57,7 +57,7 @@ bool KeyFilter::isStandard(std::string_view key) const {
            std::any_of(kPrefixes.begin(), kPrefixes.end(), [&](std::string_view p) { return key.starts_with(p); });
 }
 
-bool KeyFilter::exclude(rapidjson::Value& document) const {
+bool KeyFilter::exclude(JsonValue& document) const {
     bool matched = false;
     for (auto member = document.MemberBegin(); member != document.MemberEnd();) {
         const bool stays = isStandard(viewOf(member->name));
@@ -67,11 +67,11 @@ bool KeyFilter::exclude(rapidjson::Value& document) const {
     return matched;
 }
 
-bool KeyFilter::include(rapidjson::Value& document, Allocator& allocator) const {
-    rapidjson::Value extra(rapidjson::kObjectType);
+bool KeyFilter::include(JsonValue& document, Allocator& allocator) const {
+    JsonValue extra(rapidjson::kObjectType);
     for (const auto& [name, value] : document.GetObject()) {
         if (isStandard(viewOf(name))) continue;
-        extra.AddMember(rapidjson::Value(name, allocator), rapidjson::Value(value, allocator), allocator);
+        extra.AddMember(JsonValue(name, allocator), JsonValue(value, allocator), allocator);
     }
     if (extra.ObjectEmpty() || targets_.empty()) return false;
     if (nestingOf(extra) >= kMaxNesting) throw std::length_error("included keys nested too deeply");

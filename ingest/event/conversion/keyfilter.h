@@ -16,12 +16,12 @@ public:
 
     // Matches if a key was erased or, with keys to include, if the rule names a place for them. Throws
     // std::length_error before members are nested deeper than a document may be.
-    [[nodiscard]] bool apply(rapidjson::Value& document, Allocator& allocator, RuleRun& run) const override;
+    [[nodiscard]] bool apply(JsonValue& document, Allocator& allocator, RuleRun& run) const override;
 
 private:
     [[nodiscard]] bool isStandard(std::string_view key) const;
-    [[nodiscard]] bool exclude(rapidjson::Value& document) const;
-    [[nodiscard]] bool include(rapidjson::Value& document, Allocator& allocator) const;
+    [[nodiscard]] bool exclude(JsonValue& document) const;
+    [[nodiscard]] bool include(JsonValue& document, Allocator& allocator) const;
 
     std::shared_ptr<const KeySet> outKeys_;
     std::vector<std::string> targets_;

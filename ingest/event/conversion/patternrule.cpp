@@ -25,7 +25,7 @@ std::optional<CapturePattern> tryCompile(const std::string& text, bool ignoreCas
 // The formats of a rule that has matched, filled in before the document is touched.
 class PatternRule::Application {
 public:
-    Application(const PatternRule& rule, const rapidjson::Value& document, RuleRun& run)
+    Application(const PatternRule& rule, const JsonValue& document, RuleRun& run)
         : rule_(rule), document_(document), run_(run), isPlain_(rule.hasPlainNames_) {}
 
     // The expressions of the event's own keys. False if one fails, which only a key with a name that is none can. Names
@@ -71,7 +71,7 @@ public:
     }
 
 private:
-    [[nodiscard]] bool matchKey(const rapidjson::Value& name) {
+    [[nodiscard]] bool matchKey(const JsonValue& name) {
         const std::string key(viewOf(name));
         const std::string_view value = ruleText(document_.FindMember(name)->value, run_.captures);
         if (run_.captures.match(CapturePattern("(?<" + key + ">.*)", rule_.ignoreCase_), value, true)) return true;
@@ -92,7 +92,7 @@ private:
     }
 
     // Null once the keys are among the captures, which then answer for them.
-    [[nodiscard]] const rapidjson::Value* memberOf(const std::string& name) const {
+    [[nodiscard]] const JsonValue* memberOf(const std::string& name) const {
         if (hasKeys_) return nullptr;
         const auto member = document_.FindMember(name);
         return member == document_.MemberEnd() ? nullptr : &member->value;
@@ -106,7 +106,7 @@ private:
     }
 
     const PatternRule& rule_;
-    const rapidjson::Value& document_;
+    const JsonValue& document_;
     RuleRun& run_;
     bool isPlain_;
     bool hasKeys_ = false;
@@ -129,7 +129,7 @@ PatternRule::PatternRule(const service::ingest::Rule& rule) {
     for (const auto& [key, format] : rule.out) outputs_.push_back({key, FormatTemplate(format)});
 }
 
-bool PatternRule::apply(rapidjson::Value& document, Allocator& allocator, RuleRun& run) const {
+bool PatternRule::apply(JsonValue& document, Allocator& allocator, RuleRun& run) const {
     run.captures.clear();
     for (const Input& input : inputs_) {
         if (!matchInput(document, input, run)) return false;
@@ -146,7 +146,7 @@ bool PatternRule::apply(rapidjson::Value& document, Allocator& allocator, RuleRu
     return true;
 }
 
-bool PatternRule::matchInput(const rapidjson::Value& document, const Input& input, RuleRun& run) const {
+bool PatternRule::matchInput(const JsonValue& document, const Input& input, RuleRun& run) const {
     const auto member = document.FindMember(input.key);
     if (member != document.MemberEnd()) return match(input, ruleText(member->value, run.captures), true, run);
     if (missingValue_) return match(input, *missingValue_, true, run);

@@ -17,7 +17,7 @@ class PatternRule : public TransformRule {
 public:
     explicit PatternRule(const service::ingest::Rule& rule);
 
-    [[nodiscard]] bool apply(rapidjson::Value& document, Allocator& allocator, RuleRun& run) const override;
+    [[nodiscard]] bool apply(JsonValue& document, Allocator& allocator, RuleRun& run) const override;
 
 private:
     struct Input {
@@ -31,7 +31,7 @@ private:
     };
     class Application;
 
-    [[nodiscard]] bool matchInput(const rapidjson::Value& document, const Input& input, RuleRun& run) const;
+    [[nodiscard]] bool matchInput(const JsonValue& document, const Input& input, RuleRun& run) const;
     [[nodiscard]] bool match(const Input& input, std::string_view value, bool hasValue, RuleRun& run) const;
 
     std::vector<Input> inputs_;

@@ -42,13 +42,13 @@ RewriteRule::RewriteRule(const service::ingest::Rule& rule) {
     for (const auto& [key, command] : rule.in) commands_.push_back({key, command, tryPrepare(command)});
 }
 
-bool RewriteRule::apply(rapidjson::Value& document, Allocator& allocator, RuleRun& run) const {
+bool RewriteRule::apply(JsonValue& document, Allocator& allocator, RuleRun& run) const {
     run.captures.clear();
     for (const Command& command : commands_) transformInPlaceHelper(command, document, allocator, run);
     return true;
 }
 
-void RewriteRule::transformInPlaceHelper(const Command& command, rapidjson::Value& document, Allocator& allocator,
+void RewriteRule::transformInPlaceHelper(const Command& command, JsonValue& document, Allocator& allocator,
                                          RuleRun& run) const {
     const auto member = document.FindMember(command.key);
     const bool isPresent = member != document.MemberEnd();

@@ -33,7 +33,7 @@ class RewriteRule : public TransformRule {
 public:
     explicit RewriteRule(const service::ingest::Rule& rule);
 
-    [[nodiscard]] bool apply(rapidjson::Value& document, Allocator& allocator, RuleRun& run) const override;
+    [[nodiscard]] bool apply(JsonValue& document, Allocator& allocator, RuleRun& run) const override;
 
 private:
     struct Command {
@@ -42,8 +42,7 @@ private:
         std::optional<Substitution> prepared;  // empty for a command that is refused or wrong
     };
 
-    void transformInPlaceHelper(const Command& command, rapidjson::Value& document, Allocator& allocator,
-                                RuleRun& run) const;
+    void transformInPlaceHelper(const Command& command, JsonValue& document, Allocator& allocator, RuleRun& run) const;
 
     std::vector<Command> commands_;
     std::optional<std::string> missingValue_;

@@ -10,7 +10,7 @@ RuleTable::RuleTable(service::ingest::Mapping mapping) : mapping_(std::move(mapp
     for (const service::ingest::Rule& rule : mapping_.rules) rules_.push_back(makeTransformRule(rule, outKeys));
 }
 
-bool RuleTable::apply(size_t rule, rapidjson::Document& document, RuleRun& run) const {
+bool RuleTable::apply(size_t rule, JsonDocument& document, RuleRun& run) const {
     run.failure = RuleRun::Failure::none;
     run.failedKey = {};
     const bool matched = rules_[rule]->apply(document, document.GetAllocator(), run);
@@ -18,7 +18,7 @@ bool RuleTable::apply(size_t rule, rapidjson::Document& document, RuleRun& run) 
     return matched;
 }
 
-bool RuleTable::applyAll(rapidjson::Document& document) const {
+bool RuleTable::applyAll(JsonDocument& document) const {
     RuleRun run;
     bool matched = false;
     for (size_t rule = 0; rule < rules_.size(); ++rule) matched = apply(rule, document, run) || matched;

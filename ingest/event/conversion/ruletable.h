@@ -18,10 +18,10 @@ public:
 
     // Applies one rule to an object; true if it matched. Throws what the rule throws, and std::length_error once a
     // document has taken more than kMaxMemory.
-    [[nodiscard]] bool apply(size_t rule, rapidjson::Document& document, RuleRun& run) const;
+    [[nodiscard]] bool apply(size_t rule, JsonDocument& document, RuleRun& run) const;
 
     // All rules in their order, each on what the earlier ones left; true if one of them matched.
-    [[nodiscard]] bool applyAll(rapidjson::Document& document) const;
+    [[nodiscard]] bool applyAll(JsonDocument& document) const;
 
     // Keeps tables whose rules multiply what they find from eating the host's memory.
     static constexpr size_t kMaxMemory = size_t{64} << 20;

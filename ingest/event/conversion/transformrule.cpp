@@ -20,18 +20,17 @@ const std::string* findOption(const service::ingest::Rule& rule, const std::stri
     return it == rule.options.end() ? nullptr : &it->second;
 }
 
-std::string_view ruleText(const rapidjson::Value& value, CaptureSet& captures) {
+std::string_view ruleText(const JsonValue& value, CaptureSet& captures) {
     return value.IsString() ? viewOf(value) : captures.keep(serialize(value));
 }
 
-void addText(rapidjson::Value& document, std::string_view key, std::string_view text,
-             TransformRule::Allocator& allocator) {
-    rapidjson::Value name(key.data(), static_cast<rapidjson::SizeType>(key.size()), allocator);
-    rapidjson::Value value(text.data(), static_cast<rapidjson::SizeType>(text.size()), allocator);
+void addText(JsonValue& document, std::string_view key, std::string_view text, TransformRule::Allocator& allocator) {
+    JsonValue name(key.data(), static_cast<rapidjson::SizeType>(key.size()), allocator);
+    JsonValue value(text.data(), static_cast<rapidjson::SizeType>(text.size()), allocator);
     document.AddMember(name, value, allocator);
 }
 
-void eraseKey(rapidjson::Value& document, const std::string& key) {
+void eraseKey(JsonValue& document, const std::string& key) {
     const auto member = document.FindMember(key);
     if (member != document.MemberEnd()) document.EraseMember(member);
 }

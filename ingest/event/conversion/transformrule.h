@@ -1,7 +1,7 @@
 // One rule of a mapping table, made ready: expressions, formats and commands are read once and applied to many events.
 #pragma once
 
-#include <rapidjson/document.h>
+#include "core/json/jsontext.h"
 
 #include <memory>
 #include <set>
@@ -25,13 +25,13 @@ struct RuleRun {
 // Immutable and shared by all threads.
 class TransformRule {
 public:
-    using Allocator = rapidjson::Document::AllocatorType;
+    using Allocator = JsonPool;
 
     virtual ~TransformRule() = default;
 
     // Applies the rule to the document, which must be an object; true if it matched. A rule whose expression is wrong
     // throws when it comes to that expression, and so does a match that explodes (boost::regex_error, std::exception).
-    [[nodiscard]] virtual bool apply(rapidjson::Value& document, Allocator& allocator, RuleRun& run) const = 0;
+    [[nodiscard]] virtual bool apply(JsonValue& document, Allocator& allocator, RuleRun& run) const = 0;
 };
 
 // The keys of a table's output columns, shared by its rules.
@@ -46,17 +46,12 @@ using KeySet = std::set<std::string, std::less<>>;
 
 // The text of a member as rules see it: the characters of a string, the compact JSON text of anything else. It lives as
 // long as the document and the set stay untouched.
-[[nodiscard]] std::string_view ruleText(const rapidjson::Value& value, CaptureSet& captures);
-
-[[nodiscard]] inline std::string_view viewOf(const rapidjson::Value& string) {
-    return {string.GetString(), string.GetStringLength()};
-}
+[[nodiscard]] std::string_view ruleText(const JsonValue& value, CaptureSet& captures);
 
 // Appends a string member; one of that name that is there already is not looked for.
-void addText(rapidjson::Value& document, std::string_view key, std::string_view text,
-             TransformRule::Allocator& allocator);
+void addText(JsonValue& document, std::string_view key, std::string_view text, TransformRule::Allocator& allocator);
 
 // Removes the first member of that name, if any; the others keep their order.
-void eraseKey(rapidjson::Value& document, const std::string& key);
+void eraseKey(JsonValue& document, const std::string& key);
 
 }  // namespace velmora

@@ -6,7 +6,6 @@
 #include <utility>
 
 #include "core/json/jsontext.h"
-#include "core/json/validjson.h"
 #include "core/types/errors.h"
 #include "core/types/function.h"
 #include "core/types/logger.h"

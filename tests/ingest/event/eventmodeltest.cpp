@@ -28,7 +28,7 @@ TEST(DebugCounters, WritesWhatIsNotZeroWithTotalsAndLeavesEmptyBranchesOut) {
     counters.add("12", PipelineKind::meta, Item::http, Action::request, Reason::success, 4);
     counters.add("13", PipelineKind::meta, Item::http, Action::request, Reason::success, 0);
     std::string json;
-    JsonStringWriter writer(&json);
+    JsonWriter writer(&json);
     writeDebugCounts(writer, "7", counters.snapshot());
     writer.finish();
     EXPECT_EQ(json,

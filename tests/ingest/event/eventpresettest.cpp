@@ -8,7 +8,6 @@
 
 #include "core/json/jsontext.h"
 #include "core/json/mergejson.h"
-#include "core/json/validjson.h"
 #include "core/sysinfo/sysinfo.h"
 #include "core/types/errors.h"
 #include "core/utils/strings.h"
@@ -17,6 +16,7 @@
 #include "ingest/event/eventwriter.h"
 #include "ingest/event/systemattributes.h"
 #include "tests/support/codeof.h"
+#include "tests/support/seed.h"
 
 namespace velmora {
 namespace {
@@ -150,7 +150,7 @@ protected:
 
     // A member of the event inside an envelope, as text; "none" if it has none.
     static std::string member(const std::string& envelope, const char* name) {
-        rapidjson::Document document;
+        JsonDocument document;
         EXPECT_TRUE(parseObject(document, envelope));
         const auto& data = document["data"];
         return data.HasMember(name) ? toText(data[name]) : "none";
@@ -161,9 +161,7 @@ protected:
 };
 
 TEST_F(EventPresetTest, GivesTheTextOfThePlainSteps) {
-    const unsigned seed = std::random_device{}();
-    SCOPED_TRACE("seed " + std::to_string(seed));
-    RandomJson random(seed);
+    RandomJson random(test::seed());
     const uint32_t levels[] = {kValidateNone, 1, kValidateAsConfigured};
     for (int round = 0; round < 20; ++round) {
         EventPreset preset(provider_);
@@ -186,7 +184,7 @@ TEST_F(EventPresetTest, GivesTheTextOfThePlainSteps) {
 
 // The names are what services look for. What the system does not tell is left out, so some may be missing.
 TEST(SystemAttributes, StandUnderTheirNamesInTheirOrder) {
-    const auto expectNames = [](const rapidjson::Value& object, std::vector<std::string> known) {
+    const auto expectNames = [](const JsonValue& object, std::vector<std::string> known) {
         auto next = known.begin();
         for (const auto& [name, value] : object.GetObject()) {
             next = std::find(next, known.end(), name.GetString());
@@ -195,7 +193,7 @@ TEST(SystemAttributes, StandUnderTheirNamesInTheirOrder) {
         EXPECT_GE(object.MemberCount(), 2U);
     };
     const auto parsed = [](const std::string& text) {
-        rapidjson::Document document;
+        JsonDocument document;
         EXPECT_FALSE(parseValue(document, text).IsError());
         return document;
     };
@@ -209,9 +207,7 @@ TEST(SystemAttributes, StandUnderTheirNamesInTheirOrder) {
 }
 
 TEST_F(EventPresetTest, BatchAttributesGiveTheTextOfThePlainSteps) {
-    const unsigned seed = std::random_device{}();
-    SCOPED_TRACE("seed " + std::to_string(seed));
-    RandomJson random(seed);
+    RandomJson random(test::seed());
     for (int round = 0; round < 150; ++round) {
         EventPreset preset(provider_);
         std::string userAgent = "{}";

@@ -119,7 +119,7 @@ TEST_F(IngestRoad, EventsArriveEnrichedAndTheInstanceTellsItsLife) {
     velmora_online();
     instance = start();
     ASSERT_TRUE(host_.waitUntil([&] { return velmora_ingest_flush(instance, nullptr, nullptr) == VELMORA_OK; }));
-    const rapidjson::Document event = awaitPosted("x1");
+    const JsonDocument event = awaitPosted("x1");
     EXPECT_EQ(toText(event["app.name"]), "Demo");
     EXPECT_EQ(toText(event["app.mode"]), "dark");
     EXPECT_EQ(toText(event["event.session_guid"]), "session-guid-of-the-host");
@@ -128,19 +128,19 @@ TEST_F(IngestRoad, EventsArriveEnrichedAndTheInstanceTellsItsLife) {
     EXPECT_EQ(toText(event["event.offline"]), "true");
     EXPECT_FALSE(event.HasMember("event.user_guid"));
 
-    const rapidjson::Document all = posted();
+    const JsonDocument all = posted();
     const auto envelope =
         std::find_if(all.Begin(), all.End(), [](const auto& e) { return toText(e["data"]["event.subtype"]) == "x1"; });
     EXPECT_EQ(toText((*envelope)["project"]), "proj");
     EXPECT_EQ(toText((*envelope)["environment"]), "prod");
     EXPECT_EQ(toText((*envelope)["ingesttype"]), "velmora");
 
-    const rapidjson::Document heartbeat = awaitPosted("app");
+    const JsonDocument heartbeat = awaitPosted("app");
     const auto& counts = heartbeat["entity.debug"]["cache"]["0"];
     EXPECT_EQ(toText(counts["namespace"]), "primary");
     EXPECT_EQ(textOf(counts["anon"]["event"]),
               R"({"saved":{"success":1,"total":1},"rejected":{"validation":1,"total":1}})");
-    const rapidjson::Document exit = awaitPosted("exit");
+    const JsonDocument exit = awaitPosted("exit");
     EXPECT_EQ(toText(exit["entity.config"]["guid"]), kGuid);
     EXPECT_EQ(toText(exit["event.subcategory"]), "Host");
     // The folder of the first run, with its init event, heartbeat and exit event, is what the second begins with.
@@ -194,7 +194,7 @@ TEST_F(IngestRoad, RecordsThatCannotBeDecipheredEndInTheInvalidLine) {
         velmora_ingest_flush(instance, nullptr, nullptr);
         return countPosted("decrypt") == 1;
     }));
-    const rapidjson::Document warning = awaitPosted("decrypt");
+    const JsonDocument warning = awaitPosted("decrypt");
     EXPECT_EQ(toText(warning["event.count"]), "1");
     stop(instance);
     EXPECT_FALSE(folder.exists());
@@ -216,7 +216,7 @@ TEST_F(IngestRoad, AStoreThatDropsEventsReportsThem) {
     }
     velmora_online();
     ASSERT_TRUE(host_.waitUntil([&] { return velmora_ingest_flush(instance, nullptr, nullptr) == VELMORA_OK; }));
-    const rapidjson::Document warning = awaitPosted("size");
+    const JsonDocument warning = awaitPosted("size");
     EXPECT_EQ(toText(warning["event.workflow"]), "Velmora");
     EXPECT_EQ(toText(warning["event.subcategory"]), "SDK");
     EXPECT_EQ(toText(warning["event.type"]), "warn");

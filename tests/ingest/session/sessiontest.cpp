@@ -111,7 +111,7 @@ TEST_F(SessionIdentity, EventsOfTheUserCarryTheIdentityAtTheMomentOfSending) {
     EXPECT_EQ(countPosted("before"), 0U) << "waits for the user";
     velmora_setLorneProfile(R"({"plan":"pro"})");
     velmora_setAccessToken("user-1");
-    const rapidjson::Document event = awaitPosted("before");
+    const JsonDocument event = awaitPosted("before");
     EXPECT_EQ(toText(event["event.user_guid"]), "user-1");
     EXPECT_EQ(toText(event["entity.oswin"]["accounttype"]), "TYPE1");
     EXPECT_EQ(toText(event["entity.lorne"]["plan"]), "pro");
@@ -191,7 +191,7 @@ TEST_F(SessionIdentity, ASignOutTakesTheIdentityAwayBeforeTheHostHasEndedItsRequ
     std::thread signOut([] { velmora_setAccessToken(""); });
     ASSERT_TRUE(host_.waitUntil([&] { return host_.cancels() == 1; }));
     const auto isAnonymous = [&] {
-        const rapidjson::Document all = posted();
+        const JsonDocument all = posted();
         return !all.Empty() && !all[all.Size() - 1]["data"].HasMember("event.user_guid");
     };
     EXPECT_TRUE(host_.waitUntil(isAnonymous, 5s));
@@ -240,7 +240,7 @@ TEST_F(SessionEntry, AHostsCommonDataReachesLaterComponentsUnlessItsStartFails) 
     const auto component = start("component", R"({"app.mode":"light"})");  // as by default
     ASSERT_EQ(submit(component, R"({"event.subtype":"later"})"), VELMORA_OK);
     ASSERT_TRUE(host_.waitUntil([&] { return velmora_ingest_flush(component, nullptr, nullptr) == VELMORA_OK; }));
-    const rapidjson::Document event = awaitPosted("later");
+    const JsonDocument event = awaitPosted("later");
     EXPECT_EQ(toText(event["app.name"]), "Host");
     EXPECT_EQ(toText(event["app.mode"]), "light");
 }

@@ -15,14 +15,14 @@
 namespace velmora::test {
 namespace {
 
-using rapidjson::Document;
-using rapidjson::Value;
+using Document = JsonDocument;
+using Value = JsonValue;
 using service::ingest::Mapping;
 using service::ingest::Rule;
 
 std::string render(const Value& value) {
-    rapidjson::StringBuffer buffer;
-    rapidjson::Writer<rapidjson::StringBuffer> writer(buffer);
+    JsonBuffer buffer;
+    JsonTextWriter writer(buffer);
     value.Accept(writer);
     return buffer.GetString();
 }

@@ -8,7 +8,7 @@
 #include <future>
 #include <thread>
 
-#include "core/json/validjson.h"
+#include "core/json/jsontext.h"
 #include "core/platform/randomaccessfile.h"
 #include "core/queue/circularqueueheader.h"
 #include "core/types/errors.h"
