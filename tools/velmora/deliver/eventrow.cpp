@@ -71,12 +71,12 @@ bool readOffset(Cursor& cursor, int64_t& seconds) {
 }
 
 // A string member, or null.
-const rapidjson::Value* stringMember(const rapidjson::Value& object, const char* name) {
+const JsonValue* stringMember(const JsonValue& object, const char* name) {
     const auto found = object.FindMember(name);
     return found != object.MemberEnd() && found->value.IsString() ? &found->value : nullptr;
 }
 
-std::string textOf(const rapidjson::Value* value) {
+std::string textOf(const JsonValue* value) {
     return value ? std::string(value->GetString(), value->GetStringLength()) : std::string();
 }
 
@@ -85,10 +85,10 @@ int32_t dayOf(int64_t micros) {
     return static_cast<int32_t>((micros >= 0 ? micros : micros - day + 1) / day);
 }
 
-void readMembers(const rapidjson::Document& event, EventRow& row) {
+void readMembers(const JsonDocument& event, EventRow& row) {
     row.project = textOf(stringMember(event, "project"));
     row.environment = textOf(stringMember(event, "environment"));
-    const rapidjson::Value* const time = stringMember(event, "time");
+    const JsonValue* const time = stringMember(event, "time");
     if (time) row.time = parseEventTime({time->GetString(), time->GetStringLength()});
     if (row.time) row.day = dayOf(*row.time);
     const auto data = event.FindMember("data");
@@ -128,7 +128,7 @@ EventRow readEventRow(std::string_view text, int64_t published) {
     row.text = text;
     row.published = published;
     const std::string copy(text);
-    rapidjson::Document event;
+    JsonDocument event;
     if (!parseValue(event, copy).IsError() && event.IsObject()) {
         row.isEvent = true;
         readMembers(event, row);
