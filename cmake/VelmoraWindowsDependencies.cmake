@@ -40,4 +40,4 @@ find_library(VELMORA_ZLIB_ARCHIVE NAMES libz.a zlibstatic z REQUIRED)
 find_path(VELMORA_ZLIB_INCLUDE_DIR zlib.h REQUIRED)
 target_include_directories(velmora_dependencies SYSTEM INTERFACE ${VELMORA_ZLIB_INCLUDE_DIR})
 target_link_libraries(velmora_dependencies INTERFACE ${VELMORA_ZLIB_ARCHIVE}
-    bcrypt ole32 oleaut32 shell32 shlwapi iphlpapi urlmon wbemuuid winhttp uuid advapi32 user32)
+    bcrypt ole32 shell32 shlwapi iphlpapi urlmon winhttp uuid advapi32 user32)

@@ -21,11 +21,6 @@ struct DeviceNames {
     std::string product;
 };
 
-struct ComputerModel {
-    std::string manufacturer = "Not set";
-    std::string model = "Not set";
-};
-
 struct DisplaySize {
     int width = 0;
     int height = 0;
@@ -57,7 +52,6 @@ struct AdapterAddress {
 [[nodiscard]] std::string machineId();
 
 [[nodiscard]] DeviceNames deviceNames();
-[[nodiscard]] ComputerModel computerModel();
 [[nodiscard]] DisplaySize displaySize();
 [[nodiscard]] PenTouch penTouch();
 [[nodiscard]] std::error_code systemVolumeSize(uint64_t& bytes);

@@ -109,13 +109,6 @@ bool getDeviceName(std::string& out) {
     });
 }
 
-bool getComputerModel(std::string& out) {
-    return alwaysTold([&] {
-        const platform::ComputerModel computer = platform::computerModel();
-        out = computer.manufacturer + "-" + computer.model;
-    });
-}
-
 bool getDisplayResolution(std::string& out) {
     return alwaysTold([&] {
         const platform::DisplaySize size = platform::displaySize();

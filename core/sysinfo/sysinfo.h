@@ -16,7 +16,6 @@ void getProcessBitness(std::string& out);
 bool getPlatform(std::string& out);  // for example Win-x64:64; asked once per process; always true
 bool getDeviceGuid(std::string& out);
 bool getDeviceName(std::string& out);         // manufacturer_family_product
-bool getComputerModel(std::string& out);      // always true
 bool getDisplayResolution(std::string& out);  // 1920x1080; always true
 bool getDiskSize(uint64_t& out);              // bytes of the system's volume
 bool getRAMSize(uint64_t& out);               // bytes

@@ -46,10 +46,6 @@ enum class Reason : int32_t {
     payloadsize = 6
 };
 
-inline constexpr int kItems = 2;
-inline constexpr int kActions = 5;
-inline constexpr int kReasons = 7;
-
 }  // namespace debug
 
 // Numbers outside an enumeration print as "unknown".

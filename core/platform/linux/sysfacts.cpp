@@ -172,14 +172,6 @@ DeviceNames deviceNames() {
             readFirstLine(kFirmwareFacts / "product_name")};
 }
 
-ComputerModel computerModel() {
-    ComputerModel computer;
-    const DeviceNames names = deviceNames();
-    if (!names.manufacturer.empty()) computer.manufacturer = names.manufacturer;
-    if (!names.product.empty()) computer.model = names.product;
-    return computer;
-}
-
 DisplaySize displaySize() {
     DisplaySize size;
     for (const fs::path& connector : childrenOf("/sys/class/drm")) {
