@@ -4,7 +4,6 @@
 
 #include "core/utils/strings.h"
 
-
 namespace velmora::tool {
 namespace {
 
