@@ -38,10 +38,17 @@
 namespace {
 
 std::atomic<bool> threadsAreRefused = false;
+std::function<void()> beforeLocking;
 
 }  // namespace
 
 // In place of the system's, for every thread of this program.
+extern "C" int flock(int descriptor, int operation) noexcept {
+    static const auto systems = reinterpret_cast<decltype(&flock)>(::dlsym(RTLD_NEXT, "flock"));
+    if (beforeLocking) std::exchange(beforeLocking, nullptr)();
+    return systems(descriptor, operation);
+}
+
 extern "C" int pthread_create(pthread_t* thread, const pthread_attr_t* attributes, void* (*body)(void*),
                               void* argument) {
     static const auto systems = reinterpret_cast<decltype(&pthread_create)>(::dlsym(RTLD_NEXT, "pthread_create"));
@@ -95,6 +102,25 @@ private:
     int go_[2] = {};
     pid_t process_ = 0;
 };
+
+// By another process, for example, which deletes the folder that it has drained, and a third one that makes it anew.
+TEST(FolderLock, IsRefusedIfThePathIsGoneOrAnotherOneOnceItIsTaken) {
+    for (const bool isMadeAnew : {false, true}) {
+        SCOPED_TRACE(isMadeAnew);
+        const test::TempFolder root;
+        const fs::path path = root / "0";
+        fs::create_directory(path);
+        beforeLocking = [&] {
+            fs::rename(path, root / "drained");
+            if (isMadeAnew) fs::create_directory(path);
+        };
+        intptr_t handle = 0;
+        EXPECT_TRUE(isHeldByOther(acquireLock(path, handle)));
+        EXPECT_EQ(handle, kInvalidLockHandle);
+        ASSERT_FALSE(acquireLock(root / "drained", handle)) << "the refused hold is let go of";
+        EXPECT_FALSE(releaseLock(handle));
+    }
+}
 
 TEST(Fork, NeverRepeatsAnIdentifierOfTheParent) {
     static_cast<void>(randomGuidBytes());  // fills the parent's stock, which the child inherits

@@ -74,6 +74,26 @@ TEST(QueueStorageCrash, AnyCutLeavesExactlyTheCommittedRecords) {
     }
 }
 
+// What has the magic is whole: it is taken over as it is.
+TEST(QueueStorageCrash, AFileThatIsCutWhileItIsMadeIsNoQueueAndIsReplaced) {
+    for (const uint64_t maximumSize : {kLimited, QueueStorage::kUnlimited}) {
+        for (uint64_t writes = 0; writes < 3; ++writes) {
+            SCOPED_TRACE("cut after write " + std::to_string(writes));
+            const TempFolder folder;
+            CuttingFiles files;
+            files.cutAfter(writes, false);
+            QueueStorage(folder / "part", maximumSize, files.opener());
+            ASSERT_TRUE(files.wasHit());
+            const std::string bytes = test::readFile(folder / "part");
+            EXPECT_NE(bytes.substr(0, sizeof kQueueMagic),
+                      std::string(reinterpret_cast<const char*>(&kQueueMagic), sizeof kQueueMagic));
+            QueueStorage again(folder / "part", maximumSize, platform::openSystemFile);
+            EXPECT_TRUE(again.pushRecord("record"));
+            EXPECT_EQ(drain(folder / "part", maximumSize), Records{"record"});
+        }
+    }
+}
+
 // Each operation fails once, or that and the next three. What was accepted is there, in memory as on disk, and nothing
 // else; the queue goes on as if nothing had been.
 TEST(QueueStorageFaults, AnyFailureCostsTheRecordThatItHitAndNoOther) {

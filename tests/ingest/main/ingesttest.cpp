@@ -1,4 +1,5 @@
 #include <gtest/gtest.h>
+#include <velmora/velmora.hpp>
 
 #include <algorithm>
 #include <atomic>
@@ -103,6 +104,23 @@ TEST_F(IngestEntry, ReportsWhyAnEventIsNotTaken) {
     Completion flushed;
     EXPECT_EQ(velmora_ingest_flush(instance, Completion::callback, &flushed), VELMORA_OK);
     EXPECT_EQ(flushed.promise.get_future().get(), std::pair(instance, 18));
+}
+
+TEST_F(IngestEntry, TheWrapperHasSixteenErrorHandlersAtATime) {
+    std::error_code error;
+    const auto start = [&](const std::string& guid) {
+        return host::Ingest(
+            guid, "{}", [](std::error_code) {}, &error);
+    };
+    std::vector<host::Ingest> running;
+    for (int i = 0; i < 16; ++i) running.push_back(start("config-" + std::to_string(i)));
+    ASSERT_TRUE(running.back()) << error;
+    EXPECT_FALSE(start("one too many"));
+    EXPECT_EQ(error.value(), VELMORA_ERROR_UNKNOWN);
+    running.back().stop();
+    EXPECT_FALSE(host::Ingest(
+        "config-15", "no JSON", [](std::error_code) {}, &error));
+    EXPECT_TRUE(start("config-15")) << "a stop and a start that has failed give their places back";
 }
 
 using IngestRoad = LibraryTest;

@@ -515,6 +515,33 @@ TEST_F(Identity, ARetryBelongsToTheUserWhoseRequestHasFailed) {
     EXPECT_EQ(count("tracking"), 1U);
 }
 
+// It comes while the request for the next user is under way already, and before the old one has been cancelled.
+TEST_F(Identity, AnAnswerForTheUserBeforeIsNotTakenForTheNext) {
+    host_.answerBy([](const HostRequest& request) {
+        return Answer{.body = R"({"account_type":")" + request.headers.at("Authorization") + R"("})"};
+    });
+    host_.hold();
+    size_t users = 0;
+    const auto ask = [&](const std::shared_ptr<service::oswin::Profile>& profile) {
+        if (profile) return;
+        fetch(true);
+        ASSERT_TRUE(host_.waitForRequests(++users));
+        if (users == 1) return;
+        host_.release(1);
+        ASSERT_TRUE(host_.waitForCompletions(1));
+    };
+    manager_.setCallbacks({ask, [] {}, [](const auto&) {}, [](int32_t) {}});
+    manager_.setAccessToken("first");
+    manager_.setAccessToken("second");
+    pools_.runAll();
+    EXPECT_FALSE(manager_.profile());
+    host_.release();
+    ASSERT_TRUE(host_.waitForCompletions(2));
+    pools_.runAll();
+    ASSERT_TRUE(manager_.profile());
+    EXPECT_EQ(manager_.profile()->accountType, "Bearer second");
+}
+
 TEST_F(Identity, AUserGoesBeforeTheirRequestsHaveEnded) {
     host_.answerAll({.where = Answer::Where::nowhere});
     host_.onCancel(OnCancel::unknown);

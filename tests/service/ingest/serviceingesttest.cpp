@@ -157,6 +157,8 @@ TEST(CsvParser, SplitsLinesAndCountsThem) {
     EXPECT_EQ(parser.rows()[1].line(), 6u);
     EXPECT_EQ(parser.rows()[1][1], (std::pair<std::string, std::string>("\"b,c\"", "4")));
     EXPECT_THROW((void)parser.rows()[1][2], Error);
+    EXPECT_EQ(Parser::fromText("a,b\r\n", "text", ',').header(), (Cells{"a", "b"}));
+    EXPECT_EQ(Parser::fromText("a,b\r", "text", ',').header(), (Cells{"a", "b\r"})) << "ends no line by itself";
 }
 
 TEST(CsvParser, TellsWhichFaultAndWhere) {

@@ -212,6 +212,23 @@ TEST_F(OrphanTurns, AScanThatIsDueOpensNothingASecondTime) {
     EXPECT_EQ(host_.sends(), 1U);
 }
 
+// The report waits in the queue while the folder changes; the line of the same kind in the next one is not empty.
+TEST_F(OrphanTurns, ALateReportOfTheFolderBeforeDeletesNothingOfTheNext) {
+    Filesystem::createDirectories(folder("0") / "anon_events");
+    leave("1", PipelineKind::anon);
+    host_.hold();
+    change({PipelineState::On, PipelineState::SaveOnly, PipelineState::On});
+    while (log_.count("Close pipeline") == 0) ASSERT_TRUE(pools_.runOne());
+    const LockedPath others{folder("0")};
+    ASSERT_TRUE(others.isLocked());
+    ASSERT_TRUE(drive([&] { return host_.sends() == 1; }));
+    pools_.runAll();
+    EXPECT_EQ(log_.count("anon is empty"), 1U);
+    EXPECT_TRUE((folder("1") / "anon_events").exists()) << "nobody has answered yet";
+    host_.release();
+    EXPECT_TRUE(drive([&] { return !folder("1").exists(); }));
+}
+
 TEST_F(OrphanTurns, AStoreThatCannotBeOpenedKeepsItsFolderAndNothingElse) {
     leave("0", PipelineKind::anon);
     Filesystem::createDirectories(folder("0") / "meta_events" / "manifest");
