@@ -12,13 +12,15 @@
 
 namespace velmora::http {
 
-// Holds the number itself; any number is allowed, 0 means that none came.
+// Holds the number itself; any number is allowed, 0 means that none came. Only those that the library decides by have a
+// name here.
 enum class Status : int32_t { None = 0, Ok = 200, BadRequest = 400, Unauthorized = 401, Forbidden = 403 };
 
 // Prints the number, a blank and the name: "200 Ok"; the name of a number without one is "unknown".
 std::ostream& operator<<(std::ostream& out, Status status);
 
-// "http_error". Its messages know 0 and the 4xx and 5xx numbers.
+// "http_error": what a service has answered, as opposed to what has happened on the way to it. Its messages know 0 and
+// the 4xx and 5xx numbers.
 const std::error_category& httpCategory() noexcept;
 
 inline std::error_code make_error_code(Status status) noexcept { return {static_cast<int>(status), httpCategory()}; }
@@ -49,23 +51,26 @@ struct ci_map_traits {
     };
 };
 
-// A key keeps the spelling with which it was first put in.
+// A key keeps the spelling with which it was first put in; of several headers of one name the last one counts.
 using Headers = std::map<std::string, std::string, ci_map_traits::comp>;
 
+// What is to be sent. A value; constant once a transfer has it.
 struct Request {
-    std::string url;
+    std::string url;  // absolute, with its scheme
     Verb verb = Verb::GET;
-    Headers headers;
+    Headers headers;   // a header that does not fit the host's record is left out
     std::string body;  // bytes
 };
 
+// What has come, also where it broke off. `error` says what became of the exchange as a whole, and is the first thing
+// to look at: only without one does the body have a meaning.
 struct Response {
     int32_t status = 0;  // 0 when none came
     Headers headers;
-    std::string body;  // bytes
-    std::error_code error;
+    std::string body;       // bytes
+    std::error_code error;  // of the transport, or httpCategory() for 400 to 599
 
-    // The header "retry-after" in whole seconds: 0 without the header, -1 if it is no number.
+    // The header "retry-after" in whole seconds: 0 without the header, -1 if it is no number (a date, for instance).
     [[nodiscard]] int getRetryAfter() const;
 };
 
@@ -76,7 +81,7 @@ template <typename Parser, typename Record>
     return response.error ? response.error : JsonParser::parse(response.body, std::make_shared<Parser>(record));
 }
 
-// Base and path with exactly one "/" between them.
+// Base and path with exactly one "/" between them, whether or not they bring their own.
 [[nodiscard]] std::string joinUrl(const std::string& base, const std::string& path);
 
 }  // namespace velmora::http

@@ -22,6 +22,10 @@ std::ostream& operator<<(std::ostream& out, NetworkState state);  // "offline", 
 // Owns the poller, between start() and stop(). The poller asks the platform again only while the last answer was
 // offline: polling ends when the network is back, and what is lost later is found by poll().
 //
+//            start()              online              poll(), and the answer is offline
+//   stopped ---------> asking ---------------> resting ---------------------------------> asking again, at intervals
+//            stop(), from any of them, leads back to stopped
+//
 // Threads: any, except that setCallback comes first.
 class NetworkMonitor {
 public:
@@ -30,28 +34,36 @@ public:
     NetworkMonitor(const NetworkMonitor&) = delete;
     NetworkMonitor& operator=(const NetworkMonitor&) = delete;
 
-    virtual NetworkState getNetworkState() = 0;      // asks the platform now
-    virtual bool startListening() { return false; }  // true if the platform will report changes by itself
+    virtual NetworkState getNetworkState() = 0;  // asks the platform now; may throw, which ends the polling
+
+    // True if the platform will report changes by itself, through updateNetworkState: there is no poller then.
+    virtual bool startListening() { return false; }
     virtual void stopListening() {}
 
     // Before the first start().
     void setCallback(std::function<void(NetworkState)> callback);
+
+    // Acts from the next wait on. Above 0.
     void setPollInterval(std::chrono::milliseconds interval) noexcept { pollInterval_ = interval; }
     [[nodiscard]] std::chrono::milliseconds pollInterval() const noexcept { return pollInterval_; }
 
-    // start() asks at once, and so always reports the first state.
+    // start() asks at once, on the calling thread, and so always reports the first state; stop() waits for a poll under
+    // way, and the last state stays. Each does nothing the second time in a row.
     void start();
     void stop();
 
-    // Asks again, for a caller that has reason to doubt the state.
+    // Asks again, on the calling thread, for a caller that has reason to doubt the state. Without effect while stopped,
+    // while polling is under way, and where the platform reports by itself.
     void poll();
 
     // The stored state, without asking the platform.
     [[nodiscard]] NetworkState state() const noexcept { return state_; }
 
+    // Keeps the state and reports it, if it is another one.
     void updateNetworkState(NetworkState state);
 
 private:
+    // Asks at intervals while the network is down: either `running_` and a timer set or about to be, or neither.
     // The monitor outlives it. stop() and the destructor wait for a poll on a timer thread, and so must not be called
     // from one.
     class Poller {
@@ -85,6 +97,8 @@ private:
 
 // By the registered factory, else a monitor over the platform's network state, which gives no notification.
 [[nodiscard]] std::unique_ptr<NetworkMonitor> createNetworkMonitor();
+
+// For a host platform, or a test, that knows better. Null: the platform's again. Monitors that exist stay as they are.
 void setNetworkMonitorFactory(std::function<std::unique_ptr<NetworkMonitor>()> factory);
 
 }  // namespace velmora

@@ -164,7 +164,7 @@ std::error_code TransferEngine::cancelRequest(const Transfer& transfer) {
 void TransferEngine::offline() {
     sends_.close();
     if (sendingEngine == this) return;
-    waitFor([this] { return sends_.inside() == 0; }, "active send calls", 1, kNoTimeout);
+    waitFor([this](Gate::Clock::time_point deadline) { return sends_.waitUntil(deadline); }, "active send calls");
 }
 
 void TransferEngine::reportError(std::error_code error, const std::string& message) const {

@@ -86,28 +86,26 @@ CurlTransport::~CurlTransport() {
 }
 
 void CurlTransport::start(std::shared_ptr<Exchange> exchange) {
-    {
-        const MutexLock lock(mutex_);
-        inbox_.started.push_back(std::move(exchange));
-    }
-    curl_multi_wakeup(multi_);
+    post([&](Inbox& inbox) { inbox.started.push_back(std::move(exchange)); });
 }
 
 void CurlTransport::cancel(uint32_t id) {
-    {
-        const MutexLock lock(mutex_);
-        inbox_.cancelled.push_back(id);
-    }
-    curl_multi_wakeup(multi_);
+    post([id](Inbox& inbox) { inbox.cancelled.push_back(id); });
 }
 
 void CurlTransport::stop() {
+    post([](Inbox& inbox) { inbox.ending = true; });
+    if (thread_.joinable()) thread_.join();
+}
+
+template <typename Change>
+void CurlTransport::post(Change change) {
     {
         const MutexLock lock(mutex_);
-        inbox_.ending = true;
+        change(inbox_);
+        posted_.notifyAll();
     }
     curl_multi_wakeup(multi_);
-    if (thread_.joinable()) thread_.join();
 }
 
 void CurlTransport::run() {
@@ -115,9 +113,15 @@ void CurlTransport::run() {
         int stillRunning = 0;
         curl_multi_perform(multi_, &stillRunning);
         endDone();
-        const CURLMcode polled = curl_multi_poll(multi_, nullptr, 0, kPollMs, nullptr);
-        if (polled != CURLM_OK) std::this_thread::sleep_for(kPauseAfterFailure);
+        if (curl_multi_poll(multi_, nullptr, 0, kPollMs, nullptr) != CURLM_OK) waitWithoutPoll();
     }
+}
+
+// Where the system refuses to poll, a wakeup would not be seen either.
+void CurlTransport::waitWithoutPoll() {
+    const MutexLock lock(mutex_);
+    posted_.waitUntil(mutex_, std::chrono::steady_clock::now() + kPauseAfterFailure,
+                      [this]() VELMORA_REQUIRES(mutex_) { return !inbox_.isEmpty(); });
 }
 
 bool CurlTransport::takeInbox() {

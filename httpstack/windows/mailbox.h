@@ -11,19 +11,23 @@
 
 namespace velmora::httpstack {
 
-// A step that the system has finished for one hop of an exchange.
+// A step that the system has finished for one hop of an exchange. A hop is one request to one server; a redirect begins
+// the next one.
 struct Progress {
     enum class Kind { Connected, Sent, Written, Headers, Available, Read, Failed };
 
-    uint64_t hop;
+    uint64_t hop;  // the exchange's id in the upper half, a count of its hops in the lower
     Kind kind;
     uint32_t value;  // bytes of Available and Read, the system's code of Failed
 };
 
-// Threads: any. A leaf: calls nothing under its mutex. It outlives the transport as long as a handle of the system may
-// still report to it.
+// Owns what has not been taken yet, in the order of its coming within each kind. Shared by the transport and by every
+// handle that the system may still report for, so it outlives the transport where the system is late.
+//
+// Threads: any; one alone takes. A leaf: calls nothing under its mutex.
 class Mailbox {
 public:
+    // `ending` stays set once it is; the rest is handed over.
     struct Contents {
         std::vector<std::shared_ptr<Exchange>> started;
         std::vector<uint32_t> cancelled;
@@ -31,8 +35,11 @@ public:
         bool ending = false;
     };
 
+    // Wishes of other threads; see Transport. Both throw std::bad_alloc, and have posted nothing then.
     void postStart(std::shared_ptr<Exchange> exchange);
     void postCancel(uint32_t id);
+
+    // Every take() returns at once from now on.
     void postEnd();
 
     // Never throws: a report that can't be kept is lost, and the exchange's time limit ends it.
@@ -41,9 +48,11 @@ public:
     // Waits for something to take, at most until `deadline`, and takes all of it.
     [[nodiscard]] Contents take(std::optional<std::chrono::steady_clock::time_point> deadline);
 
-    // Handles that the system has not given up yet.
+    // Handles that the system has not given up yet: until then it may call in, and use their buffers.
     void handleOpened();
     void handleClosed() noexcept;
+
+    // Whether all have been given up within the limit.
     [[nodiscard]] bool waitUntilClosed(std::chrono::milliseconds limit);
 
 private:

@@ -6,7 +6,6 @@
 #include <cstring>
 #include <utility>
 
-#include "httpstack/windows/widetext.h"
 #include "velmora/http.h"
 
 namespace velmora::httpstack {

@@ -20,14 +20,20 @@ struct Outcome {
 };
 
 // Streams the request's body from the library and the response to it. Of a chain of interim and redirected responses
-// only the last one is reported. A redirect keeps the verb and the body, and never leads from https to http.
+// only the last one is reported. A redirect keeps the verb and the body, and never leaves the request's origin.
 //
-// Threads: the transport's only.
+//   connecting -> sending <-> reading the request's body -> waiting for a head -> reading the response -> ended
+//       ^                                                        |   ^
+//       +---------------- redirect, on a new hop ----------------+   +-- interim response
+//
+// Each step is begun here and goes on in advance() when the system reports its end; what it reports for a hop that was
+// left is ignored. Owns the hop in use. Threads: the transport's only.
 class WinHttpExchange {
 public:
     using TimePoint = std::chrono::steady_clock::time_point;
 
-    // Asks the library for headers and body length.
+    // Asks the library for headers and body length. Throws std::invalid_argument for a header that must not be sent.
+    // `settings` and `session` outlive the exchange.
     WinHttpExchange(std::shared_ptr<Exchange> exchange, const Settings& settings, HINTERNET session,
                     std::shared_ptr<Mailbox> mailbox);
     WinHttpExchange(const WinHttpExchange&) = delete;
@@ -35,15 +41,17 @@ public:
 
     [[nodiscard]] const Exchange& exchange() const { return *exchange_; }
 
-    // Each gives the outcome if that was the end. Both throw std::bad_alloc or std::system_error.
+    // Each gives the outcome if that was the end; nothing is called on the exchange afterwards. Both throw
+    // std::bad_alloc or std::system_error, which are an end, too.
     [[nodiscard]] std::optional<Outcome> begin();
     [[nodiscard]] std::optional<Outcome> advance(const Progress& progress);
 
-    // When the next of the two time limits runs out; nothing if there is none.
+    // When the next of the time limits (to connect, without progress, total) runs out; nothing if there is none.
     [[nodiscard]] std::optional<TimePoint> deadline() const;
     [[nodiscard]] Outcome timedOut() const;
 
 private:
+    // The steps, each with the outcome if it was the last one.
     std::optional<Outcome> beginHop();
     std::optional<Outcome> sendMore();
     std::optional<Outcome> takeHead();
@@ -62,14 +70,14 @@ private:
     std::vector<Header> headers_;
     uint64_t requestLength_ = 0;
     uint64_t requestOffset_ = 0;
-    std::optional<uint64_t> responseLength_;
+    std::optional<uint64_t> responseLength_;  // as the head says: the system passes a short body off as complete
     uint64_t responseOffset_ = 0;
-    uint64_t hopNumber_;
+    uint64_t hopNumber_;  // see Progress
     uint32_t redirects_ = 0;
     bool connected_ = false;
     const TimePoint begun_ = std::chrono::steady_clock::now();
-    TimePoint progressed_ = begun_;
-    uint32_t status_ = 0;
+    TimePoint progressed_ = begun_;  // the system's last report
+    uint32_t status_ = 0;            // of the response that was reported
     std::unique_ptr<WinHttpHop> hop_;
 };
 

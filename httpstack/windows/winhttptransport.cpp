@@ -7,7 +7,6 @@
 #include <utility>
 #include <vector>
 
-#include "httpstack/windows/widetext.h"
 #include "velmora/http.h"
 
 namespace velmora::httpstack {
